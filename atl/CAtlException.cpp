@@ -1,0 +1,7 @@
+#include "atl/CAtlException.h"
+
+namespace ATL {
+
+void AtlThrow(HRESULT hr) { throw CAtlException(hr); }
+
+}  // namespace ATL

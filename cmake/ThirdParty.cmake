@@ -1,0 +1,22 @@
+# pugixml from Debian's source package, built in wide-character mode.
+file(GLOB BROOM_PUGIXML_DIRS LIST_DIRECTORIES true ${BROOM_THIRD_PARTY_DIR}/pugixml-*)
+list(FILTER BROOM_PUGIXML_DIRS INCLUDE REGEX "pugixml-[0-9.]+$")
+if(NOT BROOM_PUGIXML_DIRS)
+  message(FATAL_ERROR "pugixml sources not found under ${BROOM_THIRD_PARTY_DIR}: run scripts/setup.sh")
+endif()
+list(GET BROOM_PUGIXML_DIRS 0 BROOM_PUGIXML_DIR)
+add_library(pugixml_wide STATIC ${BROOM_PUGIXML_DIR}/src/pugixml.cpp)
+target_include_directories(pugixml_wide SYSTEM PUBLIC ${BROOM_PUGIXML_DIR}/src)
+target_compile_definitions(pugixml_wide PUBLIC PUGIXML_WCHAR_MODE)
+set_target_properties(pugixml_wide PROPERTIES POSITION_INDEPENDENT_CODE ON)
+
+# GoogleTest from Debian's googletest package, cross-built.
+if(BROOM_TESTS)
+  set(BROOM_GTEST_DIR /usr/src/googletest/googletest CACHE PATH "GoogleTest sources")
+  if(NOT EXISTS ${BROOM_GTEST_DIR}/src/gtest-all.cc)
+    message(FATAL_ERROR "GoogleTest sources not found in ${BROOM_GTEST_DIR}: run scripts/setup.sh")
+  endif()
+  add_library(broom_gtest STATIC ${BROOM_GTEST_DIR}/src/gtest-all.cc)
+  target_include_directories(broom_gtest SYSTEM PUBLIC ${BROOM_GTEST_DIR}/include
+                             PRIVATE ${BROOM_GTEST_DIR})
+endif()

@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+#include "core/PathString.h"
+TEST(Smoke, Builds) { CPathString p(L"C:\\a"); EXPECT_EQ(p.GetLength(), 4); }
