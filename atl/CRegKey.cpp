@@ -62,23 +62,17 @@ LONG CRegKey::QueryValue(const wchar_t* name, DWORD* type, void* data, ULONG* by
 LONG CRegKey::QueryDWORDValue(const wchar_t* name, DWORD& value) const noexcept {
   DWORD type = 0;
   ULONG bytes = sizeof(DWORD);
-  DWORD data = 0;
-  LONG rc = QueryValue(name, &type, &data, &bytes);
+  LONG rc = QueryValue(name, &type, &value, &bytes);
   if (rc != ERROR_SUCCESS) return rc;
-  if (type != REG_DWORD || bytes != sizeof(DWORD)) return ERROR_INVALID_DATA;
-  value = data;
-  return ERROR_SUCCESS;
+  return type == REG_DWORD ? ERROR_SUCCESS : ERROR_INVALID_DATA;
 }
 
 LONG CRegKey::QueryQWORDValue(const wchar_t* name, ULONGLONG& value) const noexcept {
   DWORD type = 0;
   ULONG bytes = sizeof(ULONGLONG);
-  ULONGLONG data = 0;
-  LONG rc = QueryValue(name, &type, &data, &bytes);
+  LONG rc = QueryValue(name, &type, &value, &bytes);
   if (rc != ERROR_SUCCESS) return rc;
-  if (type != REG_QWORD || bytes != sizeof(ULONGLONG)) return ERROR_INVALID_DATA;
-  value = data;
-  return ERROR_SUCCESS;
+  return type == REG_QWORD ? ERROR_SUCCESS : ERROR_INVALID_DATA;
 }
 
 LONG CRegKey::QueryBinaryValue(const wchar_t* name, void* data, ULONG* bytes) const noexcept {
@@ -88,50 +82,39 @@ LONG CRegKey::QueryBinaryValue(const wchar_t* name, void* data, ULONG* bytes) co
   return type == REG_BINARY ? ERROR_SUCCESS : ERROR_INVALID_DATA;
 }
 
+// As ATL: a value too large for the buffer gives ERROR_MORE_DATA with *chars 0,
+// and a stored string without its terminator is invalid data.
 LONG CRegKey::QueryStringValue(const wchar_t* name, wchar_t* value, ULONG* chars) const noexcept {
-  if (!chars) return ERROR_INVALID_PARAMETER;
-  ULONG bufferChars = *chars;
-  ULONG bytes = bufferChars * sizeof(wchar_t);
+  ULONG bytes = *chars * sizeof(wchar_t);
   *chars = 0;
   DWORD type = 0;
   LONG rc = QueryValue(name, &type, value, &bytes);
-  if (rc != ERROR_SUCCESS && rc != ERROR_MORE_DATA) return rc;
+  if (rc != ERROR_SUCCESS) return rc;
   if (type != REG_SZ && type != REG_EXPAND_SZ) return ERROR_INVALID_DATA;
-  ULONG got = bytes / sizeof(wchar_t);
-  if (rc == ERROR_MORE_DATA) {
-    *chars = got + 1;
-    return rc;
-  }
   if (value) {
-    // the stored value need not end with a terminator
-    if (got == 0 || value[got - 1] != 0) {
-      if (got >= bufferChars) {
-        *chars = got + 1;
-        return ERROR_MORE_DATA;
-      }
-      value[got++] = 0;
+    if (bytes != 0) {
+      if (bytes % sizeof(wchar_t) != 0 || value[bytes / sizeof(wchar_t) - 1] != 0) return ERROR_INVALID_DATA;
+    } else {
+      value[0] = 0;
     }
-  } else if (got == 0 || bytes % sizeof(wchar_t) != 0) {
-    ++got;
   }
-  *chars = got;
+  *chars = bytes / sizeof(wchar_t);
   return ERROR_SUCCESS;
 }
 
 LONG CRegKey::QueryMultiStringValue(const wchar_t* name, wchar_t* value, ULONG* chars) const noexcept {
-  if (!chars) return ERROR_INVALID_PARAMETER;
   if (value && *chars < 2) return ERROR_INSUFFICIENT_BUFFER;
   ULONG bytes = *chars * sizeof(wchar_t);
   *chars = 0;
   DWORD type = 0;
   LONG rc = QueryValue(name, &type, value, &bytes);
-  if (rc != ERROR_SUCCESS && rc != ERROR_MORE_DATA) return rc;
+  if (rc != ERROR_SUCCESS) return rc;
   if (type != REG_MULTI_SZ) return ERROR_INVALID_DATA;
-  ULONG got = bytes / sizeof(wchar_t);
-  if (rc == ERROR_SUCCESS && value && (got < 2 || value[got - 1] != 0 || value[got - 2] != 0))
+  ULONG n = bytes / sizeof(wchar_t);
+  if (value && (bytes % sizeof(wchar_t) != 0 || n < 1 || value[n - 1] != 0 || (n > 1 && value[n - 2] != 0)))
     return ERROR_INVALID_DATA;
-  *chars = got;
-  return rc;
+  *chars = n;
+  return ERROR_SUCCESS;
 }
 
 LONG CRegKey::SetValue(const wchar_t* name, DWORD type, const void* data, ULONG bytes) noexcept {

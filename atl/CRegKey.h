@@ -32,8 +32,8 @@ class BROOM_API CRegKey {
   LONG QueryDWORDValue(const wchar_t* name, DWORD& value) const noexcept;
   LONG QueryQWORDValue(const wchar_t* name, ULONGLONG& value) const noexcept;
   LONG QueryBinaryValue(const wchar_t* name, void* data, ULONG* bytes) const noexcept;
-  // chars: in, the buffer's size in characters; out, the characters the value
-  // needs including its terminator. The result is always NUL-terminated.
+  // chars: in, the buffer's size in characters; out, the characters read
+  // including the terminator.
   LONG QueryStringValue(const wchar_t* name, wchar_t* value, ULONG* chars) const noexcept;
   LONG QueryMultiStringValue(const wchar_t* name, wchar_t* value, ULONG* chars) const noexcept;
 

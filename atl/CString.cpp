@@ -149,6 +149,7 @@ int CString::Find(wchar_t ch, int start) const noexcept {
 
 int CString::Find(const wchar_t* sub, int start) const noexcept {
   if (!sub || start < 0 || start > GetLength()) return -1;
+  if (!*sub) return start;
   const wchar_t* found = wcsstr(m_str.c_str() + start, sub);
   return found ? static_cast<int>(found - m_str.c_str()) : -1;
 }

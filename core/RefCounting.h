@@ -127,16 +127,6 @@ class CCustomRelease {
   }
 };
 
-namespace broom_detail {
-template <class D, class Self>
-void CallReleased(D* policy, Self* self, LONG count) {
-  if constexpr (std::is_same_v<D, CCustomRelease>)
-    policy->Released(self, count);
-  else
-    policy->Released(count);
-}
-}  // namespace broom_detail
-
 template <class T, class CountPolicy, class InterfacePolicy, class DeletePolicy>
 class CUnknownFoundation : public T, public CountPolicy, public InterfacePolicy, public DeletePolicy {
  public:
@@ -151,7 +141,10 @@ class CUnknownFoundation : public T, public CountPolicy, public InterfacePolicy,
   }
   ULONG STDMETHODCALLTYPE Release() override {
     LONG count = CountPolicy::CountDown(static_cast<T*>(this));
-    broom_detail::CallReleased(static_cast<DeletePolicy*>(this), static_cast<T*>(this), count);
+    if constexpr (std::is_same_v<DeletePolicy, CCustomRelease>)
+      DeletePolicy::Released(static_cast<T*>(this), count);
+    else
+      DeletePolicy::Released(count);
     return static_cast<ULONG>(count);  // the object may be gone: only the local is used
   }
 };
@@ -246,7 +239,9 @@ class TIteratorIface_impl : public TIteratorIface<T> {
   TIteratorIface_impl(It current, It end) : m_current(current), m_end(end) {}
 
   bool AtEnd() const override { return m_current == m_end; }
-  T* Current() override { return std::addressof(*m_current); }
+  // Owners hand out iterators from const operations, so a const_iterator is
+  // accepted and its element given back as the interface's T*.
+  T* Current() override { return const_cast<T*>(static_cast<const T*>(std::addressof(*m_current))); }
   bool Next() override {
     if (m_current == m_end) return false;
     ++m_current;

@@ -1,3 +1,0 @@
-#include <gtest/gtest.h>
-#include "core/PathString.h"
-TEST(Smoke, Builds) { CPathString p(L"C:\\a"); EXPECT_EQ(p.GetLength(), 4); }
