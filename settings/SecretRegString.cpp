@@ -44,10 +44,16 @@ long CBaseSecretRegData::Write(HKEY key, const wchar_t* name) {
   if (m_tail && m_tailSize > 0) {
     total = count + m_tailSize;
     if (total < count) return ERROR_ARITHMETIC_OVERFLOW;
-    BYTE* joined = temp.Allocate(total);
+    // For string types RegSetValueExW adds a terminator the caller "forgot":
+    // when the last character is not NUL and the character after the data
+    // is, it stores two more bytes. Two non-zero bytes behind the data keep
+    // the tail exactly as it is.
+    BYTE* joined = total + 2 > total ? temp.Allocate(total + 2) : nullptr;
     if (!joined) return ERROR_NOT_ENOUGH_MEMORY;
     memcpy(joined, typed, count);
     memcpy(joined + count, m_tail, m_tailSize);
+    joined[total] = 0xFF;
+    joined[total + 1] = 0xFF;
     data = joined;
   }
   return RegSetValueExW(key, name, 0, GetType(), data, total);
