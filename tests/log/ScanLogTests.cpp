@@ -218,6 +218,27 @@ TEST_F(ScanLog, ReleasingLastWriterStopsThreadAndForgetsLog) {
   EXPECT_EQ(broomtest::ReadFile(path.c_str()), Utf16(L"one\r\ntwo\r\nthree"));
 }
 
+TEST_F(ScanLog, WriterAskedForWhileLogStopsGetsAWorkingLog) {
+  // The last release waits while the thread writes its queue; a GetLog made
+  // meanwhile must neither get the ending log nor the do-nothing writer. It
+  // does not always land inside that window (the stress test below does so
+  // many times per run), but the outcome must be the same either way.
+  CPathString path(Other(L"stopping.log").c_str());
+  constexpr int kQueued = 20000;
+  CRefPtr<ILogWriter> first = CScanLogThread::GetLog(path);
+  ASSERT_NE(first.Get(), Bogus());
+  for (int i = 0; i < kQueued; ++i) first->WriteEntry(CString(L"q"), false);
+  std::thread releaser([&] { first = nullptr; });
+  Sleep(5);
+  CRefPtr<ILogWriter> second = CScanLogThread::GetLog(path);
+  EXPECT_NE(second.Get(), Bogus());
+  second->WriteEntry(CString(L"after"), false);
+  second = nullptr;
+  releaser.join();
+  EXPECT_FALSE(CScanLogThread::HasRunningLog(path));
+  EXPECT_EQ(broomtest::ReadFile(path.c_str()), Utf16(std::wstring(kQueued, L'q') + L"after"));
+}
+
 TEST_F(ScanLog, LockedScan1GivesBogusWriterAndLosesNothingElse) {
   broomtest::WriteFile(Scan(1), "one");
   broomtest::WriteFile(Scan(2), "two");
