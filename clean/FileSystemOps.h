@@ -1,0 +1,26 @@
+#pragma once
+// File-system services of the engine: listing folders without following
+// links, the size entries take on disk, and (see ShellOperationsDecl.inc)
+// deleting and moving through the shell.
+#include <windows.h>
+
+#include <list>
+
+#include "core/Export.h"
+#include "core/PathString.h"
+
+class BROOM_API CFileSystemOps {
+ public:
+  // Appends what pattern matches: folders to folders, files to files (dropped
+  // when files is null). Reparse points, "." and ".." are never returned;
+  // system entries only with includeSystem.
+  static void ListDirectory(std::list<WIN32_FIND_DATAW>& folders, std::list<WIN32_FIND_DATAW>* files,
+                            const wchar_t* pattern, bool includeSystem);
+  // Bytes the entry takes: the compressed size of compressed or sparse
+  // files, the sum over a folder's tree (no system entries, no links).
+  static unsigned __int64 GetSizeOnDisk(const CPathString& folder, const WIN32_FIND_DATAW& entry);
+
+#if __has_include("clean/ShellOperationsDecl.inc")
+#include "clean/ShellOperationsDecl.inc"
+#endif
+};

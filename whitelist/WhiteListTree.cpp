@@ -1,0 +1,323 @@
+#include "whitelist/WhiteListTree.h"
+
+#include <cwchar>
+#include <string>
+
+#include "core/Exceptions.h"
+#include "core/Handles.h"
+
+namespace {
+
+// Holds the tree's event lock for a scope: waits for it, signals it again.
+class EventLock {
+ public:
+  explicit EventLock(HANDLE event) : m_event(event) { WaitForSingleObject(m_event, INFINITE); }
+  ~EventLock() { SetEvent(m_event); }
+  EventLock(const EventLock&) = delete;
+  EventLock& operator=(const EventLock&) = delete;
+
+ private:
+  HANDLE m_event;
+};
+
+CString Component(const CPathString& text, unsigned short start, unsigned short count) {
+  CPathString part;
+  text.Mid(start, count, part);
+  CWhiteListTree::UpperCase(part.GetBuffer(), part.GetLength());
+  return part.ToCString();
+}
+
+}  // namespace
+
+// ---- path splitting ----
+
+CWhiteListTree::CParsedString::CParsedString(const wchar_t* path) {
+  CPathString text(path);
+  if (text.GetLength() > 0 && text.GetBuffer()[text.GetLength() - 1] == L'\\')
+    text.Assign(text.GetBuffer(), static_cast<unsigned short>(text.GetLength() - 1));
+  const unsigned short length = text.GetLength();
+  unsigned short position = 0;
+  for (;;) {
+    if (position >= length) throw PositionOutOfStringException(position, length);
+    const wchar_t* separator = wcschr(text.GetBuffer() + position, L'\\');
+    if (!separator) {
+      m_components.push_back(Component(text, position, static_cast<unsigned short>(length - position)));
+      break;
+    }
+    unsigned short index = static_cast<unsigned short>(separator - text.GetBuffer());
+    m_components.push_back(Component(text, position, static_cast<unsigned short>(index - position)));
+    position = static_cast<unsigned short>(index + 1);
+  }
+  m_current = 0;
+  m_last = static_cast<int>(m_components.size()) - 1;
+}
+
+void CWhiteListTree::UpperCase(wchar_t* text, int length) {
+  // The invariant mapping does not depend on the user's locale, so a path
+  // saved on one machine protects the same path when loaded on another,
+  // and it maps letters beyond ASCII as the file system compares them.
+  if (length > 0) LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, text, length, text, length);
+}
+
+// ---- tree ----
+
+CWhiteListTree::CWhiteListTree() : m_hLock(CreateEventW(nullptr, FALSE, TRUE, nullptr)) {
+  if (!m_hLock) throw Win32Exception(L"CreateEvent failed");
+}
+
+CWhiteListTree::~CWhiteListTree() { CloseHandle(m_hLock); }
+
+bool CWhiteListTree::FindNode(Iterator& it, const CString& name, bool create) {
+  SWhiteListTreeNode* sentinel = it.node()->link;
+  SWhiteListTreeNode* cur = sentinel->next;
+  while (!IsSentinel(cur)) {
+    int order = cur->item->name.Compare(name);
+    if (order == 0) {
+      it = Iterator(cur);
+      return true;
+    }
+    if (order > 0) break;
+    cur = cur->next;
+  }
+  it = Iterator(cur);
+  if (create) {
+    auto* item = new SWhiteListItem{name, 0};
+    SWhiteListTreeNode* node;
+    try {
+      node = NewNode(item);
+    } catch (...) {
+      delete item;
+      throw;
+    }
+    InsertBefore(cur, node);
+    it = Iterator(node);
+  }
+  return false;
+}
+
+bool CWhiteListTree::FindNode(ConstIterator& it, const CString& name) {
+  const SWhiteListTreeNode* sentinel = it.node()->link;
+  const SWhiteListTreeNode* cur = sentinel->next;
+  while (!IsSentinel(cur)) {
+    int order = cur->item->name.Compare(name);
+    if (order == 0) {
+      it = ConstIterator(cur);
+      return true;
+    }
+    if (order > 0) break;
+    cur = cur->next;
+  }
+  it = ConstIterator(cur);
+  return false;
+}
+
+void CWhiteListTree::SafeGuardSubPath(CParsedString& parsed, unsigned long flags) {
+  Iterator it = root();
+  for (; parsed.m_current <= parsed.m_last; ++parsed.m_current)
+    FindNode(it, parsed.m_components[parsed.m_current], true);
+  it->flags |= flags;
+}
+
+bool CWhiteListTree::FromParsedString(CParsedString& parsed, Iterator& it, bool create) {
+  Iterator cur = root();
+  bool found = false;
+  for (; parsed.m_current <= parsed.m_last; ++parsed.m_current) {
+    found = FindNode(cur, parsed.m_components[parsed.m_current], create);
+    if (!found && !create) return false;
+  }
+  it = cur;
+  return found;
+}
+
+bool CWhiteListTree::FromParsedString(ConstIterator& it, CParsedString& parsed, unsigned long& flags) {
+  bool found = false;
+  for (; parsed.m_current <= parsed.m_last; ++parsed.m_current) {
+    found = FindNode(it, parsed.m_components[parsed.m_current]);
+    if (!found) break;
+    flags |= it->flags;
+  }
+  return found;
+}
+
+unsigned long CWhiteListTree::CheckProtection(ConstIterator node, CParsedString& parsed) {
+  unsigned long result = 0;
+  ConstIterator it = node;
+  while (parsed.m_current <= parsed.m_last) {
+    if (!FindNode(it, parsed.m_components[parsed.m_current])) break;
+    result |= it->flags;
+    ++parsed.m_current;
+    if (result & 0x1) break;
+  }
+  return result;
+}
+
+void CWhiteListTree::SafeGuardPath(const wchar_t* path, unsigned long flags) {
+  CParsedString parsed(path);
+  EventLock lock(m_hLock);
+  SafeGuardSubPath(parsed, flags);
+}
+
+unsigned long CWhiteListTree::CheckProtection(const wchar_t* path) const {
+  CParsedString parsed(path);
+  EventLock lock(m_hLock);
+  return CheckProtection(root(), parsed);
+}
+
+void CWhiteListTree::RemovePath(const wchar_t* path, unsigned long flags) {
+  CParsedString parsed(path);
+  Iterator it;
+  if (!FromParsedString(parsed, it, false)) return;
+  it->flags &= ~flags;
+  SWhiteListTreeNode* node = it.node();
+  while (node != this) {
+    if ((node->item->flags & 0x3) || HasChildren(node)) break;
+    SWhiteListTreeNode* parent = ParentOf(node);
+    Unlink(node);
+    FreeNode(node);
+    node = parent;
+  }
+}
+
+CWhiteListTree::Folder CWhiteListTree::GetFolder(const wchar_t* path, unsigned long& flags) const {
+  CParsedString parsed(path);
+  ConstIterator it = root();
+  return FromParsedString(it, parsed, flags) ? Folder(it) : Folder();
+}
+
+bool CWhiteListTree::FromPath(const wchar_t* path, Iterator& it, bool create) {
+  CParsedString parsed(path);
+  return FromParsedString(parsed, it, create);
+}
+
+CString CWhiteListTree::PathFromIterator(ConstIterator node) {
+  const SWhiteListTreeNode* parent = ParentOf(node.node());
+  if (!IsSentinel(parent)) return PathFromIterator(ConstIterator(parent)) + L"\\" + node->name;
+  return node->name;
+}
+
+// ---- folders ----
+
+unsigned long CWhiteListTree::Folder::GetFlags() const { return m_it.IsValid() ? m_it->flags : 0; }
+
+CWhiteListTree::Folder CWhiteListTree::Folder::GetSubFolder(const wchar_t* name) const {
+  if (!m_it.IsValid()) return Folder();
+  CPathString upper(name);
+  UpperCase(upper.GetBuffer(), upper.GetLength());
+  ConstIterator it = m_it;
+  return FindNode(it, upper.ToCString()) ? Folder(it) : Folder();
+}
+
+CWhiteListTree::Folder CWhiteListTree::Folder::GetSubFolder(const wchar_t* path, unsigned long& flags) const {
+  if (!m_it.IsValid()) return Folder();
+  CParsedString parsed(path);
+  ConstIterator it = m_it;
+  return FromParsedString(it, parsed, flags) ? Folder(it) : Folder();
+}
+
+unsigned long CWhiteListTree::Folder::FollowPath(const wchar_t* path) {
+  if (!m_it.IsValid()) return 0;
+  CParsedString parsed(path);
+  ++parsed.m_current;  // the empty component before the leading separator
+  if (parsed.m_current > parsed.m_last) return 0;
+  unsigned long flags = 0;
+  ConstIterator it = m_it;
+  m_it = FromParsedString(it, parsed, flags) ? it : ConstIterator();
+  return flags;
+}
+
+unsigned long CWhiteListTree::Folder::TestItem(const wchar_t* name) const {
+  if (!m_it.IsValid()) return 0;
+  CParsedString parsed(name);
+  return CheckProtection(m_it, parsed);
+}
+
+// ---- persistence ----
+
+template <class F>
+void CWhiteListTree::Walk(F f) const {
+  const SWhiteListTreeNode* cur = this->next;
+  while (cur != this) {
+    f(cur);
+    // first child, else the next sibling of the nearest ancestor that has one
+    cur = cur->link->next;
+    while (IsSentinel(cur) && cur != this) cur = cur->link->next;
+  }
+}
+
+bool CWhiteListTree::SaveToFile(const wchar_t* path, unsigned long mask) const {
+  std::string bytes;
+  bool representable = true;
+  Walk([&](const SWhiteListTreeNode* node) {
+    if ((node->item->flags & mask) != mask) return;
+    CString line = PathFromIterator(ConstIterator(node));
+    for (int i = 0; i < line.GetLength(); ++i) {
+      wchar_t ch = line[i];
+      if (ch > 0xFF) representable = false;
+      bytes.push_back(static_cast<char>(static_cast<unsigned char>(ch)));
+    }
+    bytes += "\r\n";
+  });
+  if (!representable) return false;
+  broom::unique_hfile file(CreateFileW(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                       CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file) return false;
+  DWORD written = 0;
+  if (bytes.empty()) return true;
+  return ::WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
+         written == bytes.size();
+}
+
+void CWhiteListTree::LoadFromFile(const wchar_t* path) {
+  broom::unique_hfile file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                       OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file) return;
+  std::string bytes;
+  char chunk[65536];
+  DWORD got = 0;
+  while (::ReadFile(file.get(), chunk, sizeof chunk, &got, nullptr) && got > 0) bytes.append(chunk, got);
+  file.reset();
+
+  // Read as a text stream does: CR LF is one line end, Ctrl+Z ends the text,
+  // and a line keeps at most 259 characters; a longer one is added cut and
+  // ends the loading.
+  size_t end = bytes.find('\x1A');
+  if (end == std::string::npos) end = bytes.size();
+  size_t pos = 0;
+  while (pos < end) {
+    std::wstring line;
+    bool lineEnd = false, tooLong = false;
+    while (pos < end) {
+      char c = bytes[pos];
+      if (c == '\r' && pos + 1 < end && bytes[pos + 1] == '\n') {
+        ++pos;
+        continue;
+      }
+      if (c == '\n') {
+        ++pos;
+        lineEnd = true;
+        break;
+      }
+      if (line.size() == 259) {
+        tooLong = true;
+        break;
+      }
+      line.push_back(static_cast<wchar_t>(static_cast<unsigned char>(c)));
+      ++pos;
+    }
+    if (!line.empty() || lineEnd) SafeGuardPath(line.c_str(), 0x1);
+    if (tooLong) return;
+  }
+}
+
+CRefPtr<IConstTArray<CString>> CWhiteListTree::SaveToArray(unsigned long mask) const {
+  auto* array = new IUnknownNoQIImp<CConstTArray<CString>>();
+  CRefPtr<IConstTArray<CString>> result(array);
+  Walk([&](const SWhiteListTreeNode* node) {
+    if ((node->item->flags & mask) == mask) array->Items().push_back(PathFromIterator(ConstIterator(node)));
+  });
+  return result;
+}
+
+void CWhiteListTree::LoadFromArray(const std::vector<CString>& paths) {
+  for (const auto& path : paths) SafeGuardPath(path, 0x1);
+}
