@@ -38,6 +38,7 @@ const wchar_t* CAppInfo::GetUserDataPath() {
 }
 
 void CAppInfo::SetStateBitFromRegVal(CRegSettings* settings, const wchar_t* valueName, unsigned long bit) {
+  if (!settings) return;  // a host without settings gets no registry bits
   // A user value that exists decides, even when it is 0: it masks the system copy.
   DWORD value = 0;
   unsigned long size = sizeof(value);

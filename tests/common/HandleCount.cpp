@@ -23,6 +23,7 @@ constexpr ULONG kSystemHandleInformation = 16;
 constexpr NTSTATUS kInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004L);
 
 bool g_allowGrowth = false;
+long g_extraHandles = 0;
 
 }  // namespace
 
@@ -52,6 +53,16 @@ unsigned long ProcessHandleCount() {
 }
 
 void AllowHandleGrowth() { g_allowGrowth = true; }
+
+void AllowExtraHandles(long count) {
+  if (count > 0) g_extraHandles += count;
+}
+
+long TakeExtraHandles() {
+  long extra = g_extraHandles;
+  g_extraHandles = 0;
+  return extra;
+}
 
 bool TakeAllowHandleGrowth() {
   bool allowed = g_allowGrowth;

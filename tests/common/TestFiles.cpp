@@ -1,5 +1,7 @@
 #include "common/TestFiles.h"
 
+#include "common/HandleCount.h"
+
 #include <shlobj.h>
 
 #include <memory>
@@ -138,13 +140,20 @@ bool MakeUnixSymlink(const std::wstring& target, const std::wstring& linkPath) {
   STARTUPINFOW si = {};
   si.cb = sizeof si;
   PROCESS_INFORMATION pi = {};
+  unsigned long before = ProcessHandleCount();
   if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
     return false;
   WaitForSingleObject(pi.hProcess, 10000);
   CloseHandle(pi.hThread);
   CloseHandle(pi.hProcess);
-  return (GetFileAttributesW(linkPath.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
-         GetFileAttributesW(linkPath.c_str()) != INVALID_FILE_ATTRIBUTES;
+  // Wine may report the Unix program as ended before the link is visible
+  auto isLink = [&] {
+    DWORD attrs = GetFileAttributesW(linkPath.c_str());
+    return attrs != INVALID_FILE_ATTRIBUTES && (attrs & FILE_ATTRIBUTE_REPARSE_POINT);
+  };
+  for (int i = 0; i < 500 && !isLink(); ++i) Sleep(10);
+  AllowExtraHandles(static_cast<long>(ProcessHandleCount()) - static_cast<long>(before));
+  return isLink();
 }
 
 std::string Narrow(const std::wstring& text) {

@@ -15,6 +15,7 @@
 
 namespace broomtest {
 bool TakeAllowHandleGrowth();
+long TakeExtraHandles();
 }
 
 namespace {
@@ -23,15 +24,17 @@ class HandleLeakCheck : public testing::EmptyTestEventListener {
  public:
   void OnTestStart(const testing::TestInfo&) override {
     broomtest::TakeAllowHandleGrowth();
+    broomtest::TakeExtraHandles();
     m_before = broomtest::ProcessHandleCount();
   }
   void OnTestEnd(const testing::TestInfo& info) override {
+    long extra = broomtest::TakeExtraHandles();
     if (broomtest::TakeAllowHandleGrowth() || info.result()->Skipped() || info.result()->Failed()) return;
-    unsigned long after = broomtest::ProcessHandleCount();
+    unsigned long after = broomtest::ProcessHandleCount() - static_cast<unsigned long>(extra);
     // Threads that a test ended may still be closing their last handles.
     for (int i = 0; i < 20 && after > m_before; ++i) {
       Sleep(10);
-      after = broomtest::ProcessHandleCount();
+      after = broomtest::ProcessHandleCount() - static_cast<unsigned long>(extra);
     }
     if (after <= m_before) return;
     std::string name = std::string(info.test_suite_name()) + "." + info.name();

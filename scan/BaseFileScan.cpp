@@ -1,0 +1,237 @@
+#include "scan/BaseFileScan.h"
+
+#include <cwchar>
+#include <vector>
+
+#include "clean/FileSystemOps.h"
+
+CBaseFileScan::CBaseFileScan() = default;
+
+CBaseFileScan::~CBaseFileScan() = default;
+
+void CBaseFileScan::AddPaths(const std::list<CPathString>& paths) {
+  for (const auto& path : paths) m_paths.push_back(path);
+}
+
+void CBaseFileScan::Initialize(IOperationProgressNotify* progress, IOperationStatusNotify* status,
+                               CWhiteListTree* whiteList) {
+  m_progress = progress;
+  m_status = status;
+  m_whiteList = whiteList;
+}
+
+void CBaseFileScan::StartScan() {
+  if (!m_progress || !m_status || !m_whiteList || m_paths.empty()) AtlThrow(E_FAIL);
+  CalcProgressVals(200);
+  m_progressPos = 0;
+  m_log = CScanLogThread::GetCurrentScanLog(!m_title.IsEmpty());
+  if (!m_title.IsEmpty()) m_log->WriteEntry(m_title, true);
+  for (auto& root : m_paths) {
+    m_currentRoot = &root;
+    RecursiveScan(ScanParams());
+  }
+  m_currentRoot = nullptr;
+  m_log.Reset();
+  m_progress->Finish();
+}
+
+void CBaseFileScan::GetContents(const wchar_t* pattern, std::list<WIN32_FIND_DATAW>& folders,
+                                std::list<WIN32_FIND_DATAW>* files) {
+  CFileSystemOps::ListDirectory(folders, files, pattern, m_system);
+}
+
+void CBaseFileScan::CalcProgressVals(int limit) {
+  // Count folders breadth first; each pass lists the folders the previous
+  // pass found, and the pass that reaches the limit is counted whole.
+  int count = static_cast<int>(m_paths.size());
+  m_progressLevels = 0;
+  std::list<CPathString> previous;
+  bool firstPass = true;
+  while (count < limit) {
+    std::list<CPathString> found;
+    for (const auto& folder : firstPass ? m_paths : previous) AddFoldersFromPath(folder, found);
+    firstPass = false;
+    if (found.empty()) break;
+    count += static_cast<int>(found.size());
+    ++m_progressLevels;
+    previous.swap(found);
+  }
+  m_progress->SetTotal(count);
+}
+
+void CBaseFileScan::AddFoldersFromPath(const CPathString& folder, std::list<CPathString>& out) {
+  unsigned long flags = 0;
+  CWhiteListTree::Folder node = m_whiteList->GetFolder(folder.c_str(), flags);
+  if (flags & m_whiteListTestBits) return;
+  CPathString pattern(folder);
+  pattern.AppendPath(L"*", 1);
+  std::list<WIN32_FIND_DATAW> folders;
+  GetContents(pattern.c_str(), folders, nullptr);
+  for (const auto& entry : folders) {
+    if (node && (node.TestItem(entry.cFileName) & m_whiteListTestBits)) continue;
+    CPathString child(folder);
+    child.AppendPath(entry.cFileName, static_cast<unsigned short>(wcslen(entry.cFileName)));
+    out.push_back(child);
+  }
+}
+
+unsigned long CBaseFileScan::AppendAndCheck(ScanParams& p, const wchar_t* part, unsigned short count) {
+  unsigned long flags = 0;
+  if (!p.folderValid) {
+    p.folderValid = 1;
+    CPathString absolute;
+    absolute.Assign(part, count);
+    p.folder = m_whiteList->GetFolder(absolute.c_str(), flags);
+  } else {
+    CPathString relative;
+    relative.AppendChar(L'\\');
+    relative.Append(part, count);
+    flags = p.folder.FollowPath(relative.c_str());
+  }
+  p.path.AppendPath(part, count);
+  return flags;
+}
+
+void CBaseFileScan::RecursiveScan(ScanParams p) {
+  CPathString& root = *m_currentRoot;
+  bool counted = false;
+  if (p.depth <= m_progressLevels) {
+    m_progress->SetPosition(++m_progressPos);
+    counted = true;
+  }
+
+  int wildcard = root.FindWildcard(p.rootPos);
+  const unsigned short length = root.GetLength();
+
+  if (wildcard < 0) {
+    // the rest of the root is fixed: a folder to scan whole, or one file
+    if (AppendAndCheck(p, root.c_str() + p.rootPos, static_cast<unsigned short>(length - p.rootPos)) &
+        m_whiteListTestBits)
+      return;
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    if (!GetFileAttributesExW(p.path.c_str(), GetFileExInfoStandard, &data)) return;
+    if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+      // the root itself becomes "folder\*", also for later scans of this object
+      root.AppendPath(L"*", 1);
+      p.path.AddBackslash();
+      if (counted) --m_progressPos;
+      p.rootPos = static_cast<unsigned short>(root.GetLength() - 1);
+      RecursiveScan(p);
+      return;
+    }
+    WIN32_FIND_DATAW record = {};
+    record.dwFileAttributes = data.dwFileAttributes;
+    record.ftCreationTime = data.ftCreationTime;
+    record.ftLastAccessTime = data.ftLastAccessTime;
+    record.ftLastWriteTime = data.ftLastWriteTime;
+    record.nFileSizeHigh = data.nFileSizeHigh;
+    record.nFileSizeLow = data.nFileSizeLow;
+    CWrapperString name(record.cFileName, MAX_PATH);
+    p.path.RemoveFileName(&name);
+    OnFileInternal(p.path, record);
+    return;
+  }
+
+  int separator = root.ReverseFindSeparator(wildcard);
+  if (separator > static_cast<int>(p.rootPos)) {
+    CPathString fixed;
+    root.Mid(p.rootPos, static_cast<unsigned short>(separator - p.rootPos + 1), fixed);
+    if (AppendAndCheck(p, fixed.c_str(), fixed.GetLength()) & m_whiteListTestBits) return;
+    p.rootPos = static_cast<unsigned short>(separator + 1);
+  }
+
+  const wchar_t* next = wcschr(root.c_str() + p.rootPos, L'\\');
+  if (!next) {
+    // the last component is a file mask, also applied to the subfolders
+    CPathString mask;
+    root.Right(static_cast<unsigned short>(length - p.rootPos), mask);
+    CPathString pattern(p.path);
+    pattern.Append(mask.c_str(), mask.GetLength());
+    m_status->SetCurrentFolder(p.path.ToCString());
+    std::list<WIN32_FIND_DATAW> folders, files;
+    GetContents(pattern.c_str(), folders, &files);
+    for (const auto& file : files) {
+      if (m_status->IsCancelled()) break;
+      try {
+        OnFileInternal(p.path, file);
+      } catch (...) {
+        // one file that cannot be handled never stops the scan
+      }
+    }
+    ProcessDirs(folders, p);
+    return;
+  }
+
+  // a folder wildcard: every matching folder continues with the rest of the root
+  unsigned short nextIndex = static_cast<unsigned short>(next - root.c_str());
+  ScanParams q(p);
+  q.rootPos = static_cast<unsigned short>(nextIndex + 1);
+  CPathString pattern(p.path);
+  pattern.Append(root.c_str() + p.rootPos, static_cast<unsigned short>(nextIndex - p.rootPos));
+  std::list<WIN32_FIND_DATAW> folders;
+  GetContents(pattern.c_str(), folders, nullptr);
+  ProcessDirs(folders, q);
+}
+
+void CBaseFileScan::ProcessDirs(const std::list<WIN32_FIND_DATAW>& folders, const ScanParams& p) {
+  for (const auto& entry : folders) {
+    if (m_status->IsCancelled()) return;
+    try {
+      ScanParams q(p);
+      q.folder = p.folder.GetSubFolder(entry.cFileName);
+      if (m_status) m_status->OnItem(entry.cFileName, IOperationStatusNotify::itemFolder);
+      unsigned long flags = q.folder.IsValid() ? q.folder.GetFlags() : 0;
+      if (flags & m_whiteListTestBits) continue;
+      q.path.AddBackslash();
+      q.path.Append(entry.cFileName, static_cast<unsigned short>(wcslen(entry.cFileName)));
+      q.path.AddBackslash();
+      ++q.depth;
+      RecursiveScan(q);
+    } catch (...) {
+      // a folder that cannot be walked (a path past 260 characters, a
+      // pattern that ends early) ends only its own branch
+    }
+  }
+}
+
+void CBaseFileScan::OnFileInternal(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
+  if (m_status) m_status->OnItem(entry.cFileName, IOperationStatusNotify::itemFile);
+  for (auto& filter : m_filters)
+    if (filter && filter->RejectFile(folder, entry)) return;
+  OnFile(folder, entry);
+}
+
+bool CBaseFileScan::GetFixedDriveInfo(std::list<DriveInfo>& out) {
+  std::vector<wchar_t> buffer(104);
+  DWORD n = GetLogicalDriveStringsW(static_cast<DWORD>(buffer.size()), buffer.data());
+  if (n == 0) return false;
+  if (n > buffer.size()) {
+    // more roots than the usual buffer holds: read the list again at the size asked for
+    buffer.assign(n + 1, 0);
+    n = GetLogicalDriveStringsW(static_cast<DWORD>(buffer.size()), buffer.data());
+    if (n == 0 || n > buffer.size()) return false;
+  }
+  for (const wchar_t* root = buffer.data(); *root; root += wcslen(root) + 1) {
+    if (GetDriveTypeW(root) != DRIVE_FIXED) continue;
+    DriveInfo info;
+    ULARGE_INTEGER total, free;
+    if (!GetDiskFreeSpaceExW(root, nullptr, &total, &free)) continue;
+    if (!GetVolumeInformationW(root, info.volumeName, 261, nullptr, nullptr, nullptr, info.fileSystemName, 260))
+      continue;
+    info.root = CPathString(root);
+    info.totalBytes = total.QuadPart;
+    info.freeBytes = free.QuadPart;
+    out.push_back(info);
+  }
+  return true;
+}
+
+void CBaseFileScan::AddFixedDrivesToPath() {
+  std::list<DriveInfo> drives;
+  if (!GetFixedDriveInfo(drives)) return;
+  for (const auto& drive : drives) {
+    CPathString root(drive.root);
+    root.Append(L"*", 1);
+    AddPath(root);
+  }
+}

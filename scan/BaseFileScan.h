@@ -1,0 +1,152 @@
+#pragma once
+// The file walk under root patterns whose components may hold wildcards,
+// with whitelist protection, filters, progress and cancellation.
+#include <windows.h>
+
+#include <list>
+
+#include "atl/CString.h"
+#include "core/Export.h"
+#include "core/PathString.h"
+#include "core/RefCounting.h"
+#include "log/ScanLogThread.h"
+#include "scan/OperationNotify.h"
+#include "whitelist/WhiteListTree.h"
+
+class BROOM_API CBaseFileScan {
+ public:
+  // ---- filters: each answers whether a listed file is rejected ----
+  struct IFilter : public IUnknown {
+    virtual bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) = 0;
+  };
+
+  struct IFilterVisitor {
+    virtual bool Visit(IFilter* filter) = 0;  // false stops the walk
+
+   protected:
+    ~IFilterVisitor() = default;
+  };
+
+  // The building blocks leave IUnknown to the class that instantiates them,
+  // e.g. IUnknownNoQIImp<CBaseFileScan::_FilterAnd_Impl>. A null member or a
+  // missing inner filter rejects nothing.
+  class BROOM_API _FilterAnd_Impl : public IFilter {
+   public:
+    bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
+    void AddFilter(IFilter* filter) { m_filters.emplace_back(filter); }
+    void ForEach(IFilterVisitor* visitor);
+
+   protected:
+    std::list<CRefPtr<IFilter>> m_filters;
+  };
+
+  class BROOM_API _FilterOr_Impl : public IFilter {
+   public:
+    bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
+    void AddFilter(IFilter* filter) { m_filters.emplace_back(filter); }
+    void ForEach(IFilterVisitor* visitor);
+
+   protected:
+    std::list<CRefPtr<IFilter>> m_filters;
+  };
+
+  class BROOM_API _FilterNot_Impl : public IFilter {
+   public:
+    bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
+    void SetFilter(IFilter* filter) { m_filter = filter; }
+
+   protected:
+    CRefPtr<IFilter> m_filter;
+  };
+
+  // Keeps the files whose names match the pattern (PathMatchSpecW: several
+  // masks may be separated by semicolons; an empty pattern matches nothing).
+  class BROOM_API _FilterAcceptDOSPattern_Impl : public IFilter {
+   public:
+    bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
+    void SetPattern(const wchar_t* pattern) { m_pattern = pattern ? pattern : L""; }
+
+   protected:
+    CString m_pattern;
+  };
+
+  // Rejects files smaller than the threshold; 0 until SetSize keeps every file.
+  class BROOM_API _FilterRejectSmallFiles_Impl : public IFilter {
+   public:
+    bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
+    void SetSize(unsigned __int64 minSize) { m_minSize = minSize; }
+
+   protected:
+    unsigned __int64 m_minSize = 0;
+  };
+
+  // ---- fixed drives ----
+  struct DriveInfo {
+    CPathString root;  // as the system lists it, e.g. "C:\"
+    unsigned __int64 totalBytes = 0;
+    unsigned __int64 freeBytes = 0;
+    wchar_t volumeName[261] = {};
+    wchar_t fileSystemName[260] = {};
+  };
+
+  CBaseFileScan();
+  CBaseFileScan(const CBaseFileScan&) = default;
+  CBaseFileScan& operator=(const CBaseFileScan&) = default;
+  virtual ~CBaseFileScan();
+
+  virtual void OnFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) = 0;
+  virtual void ProcessHit(const CPathString& folder, const WIN32_FIND_DATAW& entry, unsigned int flags) = 0;
+
+  // Runs the walk on the calling thread. Throws CAtlException(E_FAIL) before
+  // reporting anything when a notifier or the whitelist is missing or no
+  // root was added: a scan never runs without the caller's protection list
+  // (pass an empty tree to protect nothing).
+  virtual void StartScan();
+
+  void SetSystem(bool system) { m_system = system; }
+  void SetWhiteListTestBits(DWORD bits) { m_whiteListTestBits = bits; }
+  void AddPath(const CPathString& path) { m_paths.push_back(path); }
+  void AddPaths(const std::list<CPathString>& paths);
+  void AddFixedDrivesToPath();
+  static bool GetFixedDriveInfo(std::list<DriveInfo>& out);
+  void AddFilter(IFilter* filter) { m_filters.emplace_back(filter); }
+  void ClearFilters() { m_filters.clear(); }
+  void Initialize(IOperationProgressNotify* progress, IOperationStatusNotify* status, CWhiteListTree* whiteList);
+
+  const std::list<CPathString>& GetPaths() const { return m_paths; }
+  int GetProgressLevels() const { return m_progressLevels; }
+
+ protected:
+  struct ScanParams {
+    CPathString path;
+    unsigned short rootPos = 0;
+    unsigned char depth = 0;
+    unsigned folderValid : 1;
+    CWhiteListTree::Folder folder;
+    ScanParams() : folderValid(0) {}
+  };
+
+  void GetContents(const wchar_t* pattern, std::list<WIN32_FIND_DATAW>& folders,
+                   std::list<WIN32_FIND_DATAW>* files);
+  void OnFileInternal(const CPathString& folder, const WIN32_FIND_DATAW& entry);
+  void AddFoldersFromPath(const CPathString& folder, std::list<CPathString>& out);
+  void CalcProgressVals(int limit);
+
+  std::list<CPathString> m_paths;
+  std::list<CRefPtr<IFilter>> m_filters;
+  CPathString* m_currentRoot = nullptr;
+  int m_progressLevels = 0;
+  DWORD m_whiteListTestBits = 3;
+  int m_progressPos = 0;
+  CWhiteListTree* m_whiteList = nullptr;
+  bool m_system = false;
+  IOperationProgressNotify* m_progress = nullptr;
+  IOperationStatusNotify* m_status = nullptr;
+  CRefPtr<ILogWriter> m_log;
+  CString m_title;
+
+ private:
+  void RecursiveScan(ScanParams p);
+  void ProcessDirs(const std::list<WIN32_FIND_DATAW>& folders, const ScanParams& p);
+  unsigned long AppendAndCheck(ScanParams& p, const wchar_t* part, unsigned short count);
+};

@@ -1,0 +1,65 @@
+// The filter building blocks of CBaseFileScan.
+#include <shlwapi.h>
+
+#include <cwchar>
+#include <memory>
+
+#include "scan/BaseFileScan.h"
+
+namespace {
+
+template <class Visitor>
+void VisitEach(std::list<CRefPtr<CBaseFileScan::IFilter>>& filters, Visitor* visitor) {
+  for (auto& filter : filters) {
+    try {
+      if (!visitor->Visit(filter)) return;
+    } catch (...) {
+      // one failing visit does not stop the walk over the others
+    }
+  }
+}
+
+}  // namespace
+
+bool CBaseFileScan::_FilterAnd_Impl::RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
+  if (m_filters.empty()) return false;
+  for (auto& filter : m_filters)
+    if (!filter || !filter->RejectFile(folder, entry)) return false;
+  return true;
+}
+
+void CBaseFileScan::_FilterAnd_Impl::ForEach(IFilterVisitor* visitor) { VisitEach(m_filters, visitor); }
+
+bool CBaseFileScan::_FilterOr_Impl::RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
+  for (auto& filter : m_filters)
+    if (filter && filter->RejectFile(folder, entry)) return true;
+  return false;
+}
+
+void CBaseFileScan::_FilterOr_Impl::ForEach(IFilterVisitor* visitor) { VisitEach(m_filters, visitor); }
+
+bool CBaseFileScan::_FilterNot_Impl::RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
+  if (!m_filter) return false;
+  return !m_filter->RejectFile(folder, entry);
+}
+
+bool CBaseFileScan::_FilterAcceptDOSPattern_Impl::RejectFile(const CPathString&, const WIN32_FIND_DATAW& entry) {
+  // PathMatchSpecW wants a writable-lifetime copy of the name; short names
+  // stay on the stack.
+  size_t length = wcsnlen(entry.cFileName, MAX_PATH);
+  wchar_t local[128];
+  std::unique_ptr<wchar_t[]> heap;
+  wchar_t* name = local;
+  if (length + 1 > 128) {
+    heap.reset(new wchar_t[length + 1]);
+    name = heap.get();
+  }
+  wmemcpy(name, entry.cFileName, length);
+  name[length] = 0;
+  return !PathMatchSpecW(name, m_pattern.GetString());
+}
+
+bool CBaseFileScan::_FilterRejectSmallFiles_Impl::RejectFile(const CPathString&, const WIN32_FIND_DATAW& entry) {
+  unsigned __int64 size = (static_cast<unsigned __int64>(entry.nFileSizeHigh) << 32) | entry.nFileSizeLow;
+  return size < m_minSize;
+}
