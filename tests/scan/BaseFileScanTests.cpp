@@ -20,18 +20,9 @@ namespace {
 
 std::set<std::wstring> AsSet(const std::vector<std::wstring>& v) { return {v.begin(), v.end()}; }
 
-// The logs folder is fixed at its first use, so the whole program shares one
-// user data folder.
-const std::wstring& UserDataFolder() {
-  static TempDir folder;
-  static bool made = (MakeDirs(folder / L"Logs"), CAppInfo::Init(nullptr, folder.Path().c_str()), true);
-  (void)made;
-  return folder.Path();
-}
-
 class FileScan : public testing::Test {
  protected:
-  void SetUp() override { UserDataFolder(); }
+  void SetUp() override { scantest::UserDataFolder(); }
 
   // Runs one scan of the given roots and returns the scan object.
   void Scan(RecordingScan& scan, std::initializer_list<std::wstring> roots) {
@@ -318,16 +309,7 @@ TEST_F(FileScan, TitleGoesToTheScanLogAsAHeading) {
   RecordingScan scan;
   scan.SetTitle(L"Temporary files");
   Scan(scan, {P(L"T")});
-  // the log thread writes in the background; the file is complete once the
-  // last writer is gone
-  std::string bytes;
-  for (int i = 0; i < 200; ++i) {
-    std::wstring log = UserDataFolder() + L"\\Logs\\scan1.log";
-    if (broomtest::Exists(log)) bytes = broomtest::ReadFile(log);
-    if (bytes.size() >= 2 * wcslen(L"Temporary files")) break;
-    Sleep(10);
-  }
-  std::wstring text(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / 2);
+  std::wstring text = scantest::ReadScanLog(wcslen(L"Temporary files\r\n"));
   EXPECT_NE(text.find(L"Temporary files\r\n"), std::wstring::npos);
 }
 

@@ -4,9 +4,34 @@
 #include <string>
 #include <vector>
 
+#include "common/TestFiles.h"
 #include "scan/BaseFileScan.h"
+#include "settings/AppInfo.h"
 
 namespace scantest {
+
+// The logs folder is fixed at its first use, so the whole program shares one
+// user data folder.
+inline const std::wstring& UserDataFolder() {
+  static broomtest::TempDir folder;
+  static bool made =
+      (broomtest::MakeDirs(folder / L"Logs"), CAppInfo::Init(nullptr, folder.Path().c_str()), true);
+  (void)made;
+  return folder.Path();
+}
+
+// The text of the current scan log once the log thread has written at least
+// `minChars` characters (or after two seconds).
+inline std::wstring ReadScanLog(size_t minChars) {
+  std::wstring path = UserDataFolder() + L"\\Logs\\scan1.log";
+  std::string bytes;
+  for (int i = 0; i < 200; ++i) {
+    if (broomtest::Exists(path)) bytes = broomtest::ReadFile(path);
+    if (bytes.size() >= 2 * minChars) break;
+    Sleep(10);
+  }
+  return std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / 2);
+}
 
 struct Hit {
   std::wstring folder;
