@@ -3,11 +3,13 @@
 // links, the size entries take on disk, and (see ShellOperationsDecl.inc)
 // deleting and moving through the shell.
 #include <windows.h>
+#include <shellapi.h>
 
 #include <list>
 
 #include "core/Export.h"
 #include "core/PathString.h"
+#include "threads/MsgThreadSTA.h"
 
 class BROOM_API CFileSystemOps {
  public:
@@ -20,7 +22,5 @@ class BROOM_API CFileSystemOps {
   // files, the sum over a folder's tree (no system entries, no links).
   static unsigned __int64 GetSizeOnDisk(const CPathString& folder, const WIN32_FIND_DATAW& entry);
 
-#if __has_include("clean/ShellOperationsDecl.inc")
 #include "clean/ShellOperationsDecl.inc"
-#endif
 };

@@ -1,0 +1,148 @@
+#include "clean/CleanableFile.h"
+
+#include <oleauto.h>
+#include <shlwapi.h>
+
+#include "clean/FileOpsServer.h"
+#include "clean/FileSystemOps.h"
+#include "core/Handles.h"
+#include "settings/AppInfo.h"
+#include "threads/MsgThreadSTA.h"
+
+namespace {
+
+// A BSTR that is freed on every path.
+class Bstr {
+ public:
+  explicit Bstr(const wchar_t* text) : m_bstr(SysAllocString(text)) {
+    if (text && !m_bstr) AtlThrow(E_OUTOFMEMORY);
+  }
+  Bstr() = default;
+  ~Bstr() { SysFreeString(m_bstr); }
+  Bstr(const Bstr&) = delete;
+  Bstr& operator=(const Bstr&) = delete;
+  BSTR get() const { return m_bstr; }
+  BSTR* out() {
+    SysFreeString(m_bstr);
+    m_bstr = nullptr;
+    return &m_bstr;
+  }
+
+ private:
+  BSTR m_bstr = nullptr;
+};
+
+// Creates the fallback server for the item's kind; hr tells why not.
+HRESULT CreateServer(DWORD attributes, CRefPtr<IFileOpsServer>& server) {
+  const CLSID& clsid = (attributes & FILE_ATTRIBUTE_DIRECTORY) ? CLSID_BroomFileOpsFolder : CLSID_BroomFileOpsFile;
+  DWORD context = CLSCTX_LOCAL_SERVER | CLSCTX_REMOTE_SERVER;
+  if (CAppInfo::Is64BitOperatingSystem()) context |= CLSCTX_ACTIVATE_64_BIT_SERVER;
+  IFileOpsServer* raw = nullptr;
+  HRESULT hr = CoCreateInstance(clsid, nullptr, context, IID_IFileOpsServer, reinterpret_cast<void**>(&raw));
+  if (FAILED(hr)) return hr;
+  server.Attach(raw);
+  return S_OK;
+}
+
+class ProgressScope {
+ public:
+  explicit ProgressScope(IOperationProgressNotify* progress) : m_progress(progress) {
+    if (m_progress) m_progress->SetTotal(1);
+  }
+  ~ProgressScope() {
+    if (m_progress) m_progress->Finish();
+  }
+  ProgressScope(const ProgressScope&) = delete;
+  ProgressScope& operator=(const ProgressScope&) = delete;
+
+ private:
+  IOperationProgressNotify* m_progress;
+};
+
+}  // namespace
+
+void CCleanableFile::Init(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
+  m_path = folder;
+  m_attributes = entry.dwFileAttributes;
+  m_size = CFileSystemOps::GetSizeOnDisk(folder, entry);
+  m_path.AppendPath(entry.cFileName, static_cast<unsigned short>(wcsnlen(entry.cFileName, MAX_PATH)));
+}
+
+bool CCleanableFile::Exists() const { return m_path.GetLength() > 0 && PathFileExistsW(m_path.c_str()); }
+
+CString CCleanableFile::GetLogEntry() const {
+  CString entry;
+  entry.Format(L"File: %s\t\tSize: %I64u\r\n", m_path.c_str(), m_size);
+  return entry;
+}
+
+CString CCleanableFile::GetName() const {
+  CPathString name;
+  m_path.GetFileName(name);
+  return name.ToCString();
+}
+
+CString CCleanableFile::GetDetails() const {
+  CPathString folder(m_path);
+  folder.RemoveFileName(nullptr);
+  return folder.ToCString();
+}
+
+DWORD CCleanableFile::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
+  ProgressScope scope(progress);
+  try {
+    if (CFileSystemOps::ShellDelete(CXmlConfigGlobal::GetSTAMsgThread(), m_path) == 0) return kCleanDone;
+    CRefPtr<IFileOpsServer> server;
+    HRESULT hr = CreateServer(m_attributes, server);
+    if (FAILED(hr)) return ServerCreationCode(hr);
+    Bstr path(m_path.c_str());
+    if (FAILED(server->SetPath(path.get()))) AtlThrow(E_FAIL);
+    if (SUCCEEDED(server->Remove())) return kCleanDone;
+    return SUCCEEDED(server->RemoveAlternate()) ? kCleanAlternateRemoved : kCleanFailed;
+  } catch (...) {
+    return kCleanFailed;
+  }
+}
+
+DWORD CCleanableFile::Move(CString destination, IOperationProgressNotify* progress, IOperationStatusNotify*,
+                           bool overwrite, CPathString& newPath) {
+  ProgressScope scope(progress);
+  try {
+    int r = CFileSystemOps::ShellMove(CXmlConfigGlobal::GetSTAMsgThread(), m_path, CPathString(destination),
+                                      overwrite, &newPath);
+    if (r == ERROR_DUP_NAME && !overwrite) return kMoveDestinationExists;
+    if (r == 0) return kCleanDone;
+    CRefPtr<IFileOpsServer> server;
+    HRESULT hr = CreateServer(m_attributes, server);
+    if (FAILED(hr)) return ServerCreationCode(hr);
+    Bstr path(m_path.c_str());
+    Bstr target(destination.GetString());
+    Bstr suggested;
+    long code = 0;
+    server->SetPath(path.get());
+    hr = server->MoveTo(&code, overwrite ? VARIANT_TRUE : VARIANT_FALSE, target.get(), suggested.out());
+    if (code == 1) {
+      // a proposal without a path is taken as an empty one
+      newPath = CPathString(suggested.get() ? suggested.get() : L"");
+      return kMoveDestinationExists;
+    }
+    return static_cast<DWORD>(hr);
+  } catch (...) {
+    return kMoveException;
+  }
+}
+
+DWORD CCleanableFile_trunc::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
+  ProgressScope scope(progress);
+  try {
+    CXmlConfigGlobal::GetSTAMsgThread();
+    // Passing the file's own attributes lets a hidden or system file be
+    // emptied; CREATE_ALWAYS cuts an existing file to zero length.
+    broom::unique_hfile file(CreateFileW(m_path.c_str(), GENERIC_WRITE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                         CREATE_ALWAYS, m_attributes, nullptr));
+    return file ? kCleanDone : kTruncateOpenFailed;
+  } catch (...) {
+    return kCleanFailed;
+  }
+}

@@ -1,0 +1,69 @@
+#pragma once
+// Items a scan reports: a found file or folder that cleans itself by
+// deletion (or, for the _trunc kind, by emptying the file) or moves itself.
+// Results are codes; cleaning and moving never throw.
+#include <windows.h>
+#include <unknwn.h>
+
+#include "atl/CString.h"
+#include "core/Export.h"
+#include "core/PathString.h"
+#include "scan/OperationNotify.h"
+
+// Result codes of Clean and Move.
+enum : DWORD {
+  kCleanDone = 0,
+  kCleanAlternateRemoved = 0xC0000000,  // the server's second way succeeded
+  kCleanFailed = 0x80000000,            // both server ways failed, or an exception
+  kCleanServerUnavailable = 0x88000000, // OR-ed with the creation HRESULT's facility and code
+  kTruncateOpenFailed = 0x88004005,
+  kMoveDestinationExists = 0x80640001,
+  kMoveException = 0x80640000,
+};
+
+struct ICleanableItem : public IUnknown {
+  virtual unsigned __int64 GetSize() const = 0;
+  virtual DWORD Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) = 0;
+  virtual CString GetLogEntry() const = 0;
+  virtual CString GetName() const = 0;
+  virtual CString GetDetails() const = 0;
+  virtual DWORD Move(CString destination, IOperationProgressNotify* progress, IOperationStatusNotify* status,
+                     bool overwrite, CPathString& newPath) = 0;
+};
+
+class BROOM_API CCleanableFile : public ICleanableItem {
+ public:
+  CCleanableFile() = default;
+  CCleanableFile(const CCleanableFile&) = default;
+  CCleanableFile& operator=(const CCleanableFile&) = default;
+  virtual ~CCleanableFile() = default;
+
+  // Full path, attributes and size on disk; throws BufferOverflowException
+  // when the full path passes 260 characters.
+  void Init(const CPathString& folder, const WIN32_FIND_DATAW& entry);
+  const CPathString& GetPath() const { return m_path; }
+  bool IsDirectory() const { return (m_attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
+  bool Exists() const;
+  DWORD GetAttributes() const { return m_attributes; }
+
+  unsigned __int64 GetSize() const override { return m_size; }
+  DWORD Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
+  CString GetLogEntry() const override;
+  CString GetName() const override;
+  CString GetDetails() const override;
+  DWORD Move(CString destination, IOperationProgressNotify* progress, IOperationStatusNotify* status,
+             bool overwrite, CPathString& newPath) override;
+
+  // The result code for a failure to create the fallback server.
+  static DWORD ServerCreationCode(HRESULT hr) { return kCleanServerUnavailable | (static_cast<DWORD>(hr) & 0x17FFFFFF); }
+
+ protected:
+  unsigned __int64 m_size = 0;
+  DWORD m_attributes = 0;
+  CPathString m_path;
+};
+
+class BROOM_API CCleanableFile_trunc : public CCleanableFile {
+ public:
+  DWORD Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
+};

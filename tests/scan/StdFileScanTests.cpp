@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "clean/CleanableFile.h"
+#include "common/HandleCount.h"
+#include "scan/StdFileScan.h"
+#include "tests/scan/ScanTestSupport.h"
+
+using broomtest::WriteFile;
+
+namespace {
+
+// A collector on the stack: counts references without owning itself, so a
+// test can see whether the scan kept one.
+class Collector : public IResultsCollector {
+ public:
+  void AddItem(ICleanableItem* item) override { items.emplace_back(item); }
+  std::vector<CRefPtr<ICleanableItem>> items;
+};
+using StackCollector = CUnknownFoundation<Collector, CRefCount<0>, CIUnknownOnly, CDontDelete>;
+
+class StdFileScan : public testing::Test {
+ protected:
+  void SetUp() override { scantest::UserDataFolder(); }
+
+  template <class Op>
+  CRefPtr<Op> MakeScan(const std::wstring& root) {
+    CRefPtr<Op> op(new IUnknownNoQIImp<Op>());
+    op->AddPath(CPathString(root.c_str()));
+    return op;
+  }
+
+  broomtest::TempDir m_dir;
+  scantest::RecordingProgress m_progress;
+  scantest::RecordingStatus m_status;
+  CWhiteListTree m_whiteList;
+};
+
+TEST_F(StdFileScan, DeleteScanReportsEveryFileTruncScanSkipsEmptyOnes) {
+  WriteFile(m_dir / L"T\\a", 10);
+  WriteFile(m_dir / L"T\\b", 0);
+  StackCollector all;
+  auto scan = MakeScan<CStdFileScan>(m_dir / L"T\\*");
+  EXPECT_TRUE(scan->ReportsProgress());
+  scan->PerformScan(&all, &m_progress, &m_status, &m_whiteList);
+  ASSERT_EQ(all.items.size(), 2u);
+
+  StackCollector nonEmpty;
+  auto trunc = MakeScan<CStdFileScan_trunc>(m_dir / L"T\\*");
+  EXPECT_TRUE(trunc->ReportsProgress());
+  trunc->PerformScan(&nonEmpty, &m_progress, &m_status, &m_whiteList);
+  ASSERT_EQ(nonEmpty.items.size(), 1u);
+  EXPECT_STREQ(nonEmpty.items[0]->GetName().GetString(), L"a");
+  EXPECT_EQ(nonEmpty.items[0]->GetSize(), 10u);
+
+  // the scans keep no reference on the collectors
+  EXPECT_EQ(all.AddRef(), 1u);
+  all.Release();
+  EXPECT_EQ(nonEmpty.AddRef(), 1u);
+  nonEmpty.Release();
+}
+
+TEST_F(StdFileScan, EveryReportedItemIsLoggedInOrder) {
+  WriteFile(m_dir / L"L\\one.tmp", 1);
+  WriteFile(m_dir / L"L\\two.tmp", 2);
+  WriteFile(m_dir / L"L\\sub\\three.tmp", 3);
+  StackCollector collector;
+  auto scan = MakeScan<CStdFileScan>(m_dir / L"L");
+  scan->PerformScan(&collector, &m_progress, &m_status, &m_whiteList);
+  ASSERT_EQ(collector.items.size(), 3u);
+  std::wstring expected;
+  for (auto& item : collector.items) expected += item->GetLogEntry().GetString();
+  // other scans of this program wrote to the same log before
+  std::wstring text = scantest::ReadScanLog(expected.size());
+  for (int i = 0; i < 200 && text.find(expected) == std::wstring::npos; ++i) {
+    Sleep(10);
+    text = scantest::ReadScanLog(expected.size());
+  }
+  EXPECT_NE(text.find(expected), std::wstring::npos);
+}
+
+TEST_F(StdFileScan, ItemsPastThePathLimitNeverReachTheCollector) {
+  std::wstring folder = m_dir / L"P";
+  WriteFile(folder + L"\\ok.txt", 1);
+  std::wstring tooLong = L"\\\\?\\" + folder + L"\\" + std::wstring(250, L'x');
+  WriteFile(tooLong, 1);
+  WriteFile(folder + L"\\zz.txt", 1);
+  StackCollector collector;
+  auto scan = MakeScan<CStdFileScan>(folder + L"\\*");
+  scan->PerformScan(&collector, &m_progress, &m_status, &m_whiteList);
+  std::vector<std::wstring> names;
+  for (auto& item : collector.items) names.push_back(item->GetName().GetString());
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::wstring>{L"ok.txt", L"zz.txt"}));
+  DeleteFileW(tooLong.c_str());
+}
+
+TEST_F(StdFileScan, MissingNotifierRaisesAndTheCollectorIsKeptUntilNextRun) {
+  StackCollector collector;
+  auto scan = MakeScan<CStdFileScan>(m_dir / L"none\\*");
+  EXPECT_THROW(scan->PerformScan(&collector, nullptr, &m_status, &m_whiteList), CAtlException);
+  EXPECT_EQ(collector.AddRef(), 2u);
+  collector.Release();
+  scan->PerformScan(&collector, &m_progress, &m_status, &m_whiteList);
+  EXPECT_EQ(collector.AddRef(), 1u);
+  collector.Release();
+}
+
+}  // namespace

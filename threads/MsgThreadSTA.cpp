@@ -1,0 +1,116 @@
+#include "threads/MsgThreadSTA.h"
+
+#include <objbase.h>
+
+#include "core/Exceptions.h"
+#include "core/Handles.h"
+
+namespace {
+
+using STAThread = IUnknownNoQIImp<CMsgThreadSTA>;
+
+CRefPtr<STAThread>& Instance() {
+  static CRefPtr<STAThread> instance;
+  return instance;
+}
+
+// The reference on our own module that a running STA thread holds.
+HMODULE& PinnedModule() {
+  static HMODULE module = nullptr;
+  return module;
+}
+
+std::wstring Widen(const char* text) {
+  std::wstring out;
+  for (; text && *text; ++text) out += static_cast<wchar_t>(static_cast<unsigned char>(*text));
+  return out;
+}
+
+}  // namespace
+
+CMsgThreadSTA::CMsgThreadSTA() : m_readyEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+  if (!m_readyEvent) throw Win32Exception(L"CreateEvent failed");
+}
+
+CMsgThreadSTA::~CMsgThreadSTA() = default;
+
+unsigned long CMsgThreadSTA::ThreadProc() {
+  HRESULT hrCom = CoInitialize(nullptr);
+  broom::unique_couninitialize com(SUCCEEDED(hrCom));
+  try {
+    m_router = new CNamedMsgRouter();
+  } catch (const Exception& e) {
+    m_failure = e.m_message;
+  } catch (const char* text) {
+    m_failure = Widen(text);
+  } catch (...) {
+    m_failure = L"the message router could not be created";
+  }
+  if (!m_router) return 1;  // the ready event stays clear: GetSTAMsgThread sees the thread end
+  SetEvent(m_readyEvent.get());
+
+  MSG msg;
+  for (;;) {
+    BOOL got = GetMessageW(&msg, m_router->GetHwnd(), 0, 0);
+    if (got == 0 || got == -1) break;
+    DispatchMessageW(&msg);
+  }
+  delete m_router;
+  m_router = nullptr;
+  return 0;
+}
+
+LRESULT CMsgThreadSTA::Marshal(IUnknown* source, void** result, const IID& iid) {
+  if (GetCurrentThreadId() == GetThreadId()) {
+    if (source) source->AddRef();
+    *result = source;
+    return 0;
+  }
+  return MarshalDestination::Marshal(source, result, iid);
+}
+
+LRESULT CMsgThreadSTA::Deliver(AutoMarshal_base* holder, void** result, const IID& iid, bool retained) {
+  CMarshalDestOnMsgRouter destination(m_router);
+  return destination.Deliver(holder, result, iid, retained);
+}
+
+CMsgThreadSTA* CXmlConfigGlobal::GetSTAMsgThread() {
+  if (Instance()) return Instance().Get();
+  CRefPtr<STAThread> thread(new STAThread());
+  if (!PinnedModule()) {
+    HMODULE self = nullptr;
+    if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&Instance), &self))
+      PinnedModule() = self;
+  }
+  thread->Start();
+  // wait for the router, or for the thread to end without one
+  HANDLE waits[2] = {thread->GetReadyEvent(), thread->GetThreadHandle()};
+  DWORD which = WaitForMultipleObjects(2, waits, FALSE, INFINITE);
+  if (which != WAIT_OBJECT_0) {
+    std::wstring reason = thread->GetFailure();
+    throw Exception(L"the STA message thread could not start: %s", reason.c_str());
+  }
+  Instance() = thread;
+  return Instance().Get();
+}
+
+void CXmlConfigGlobal::Shutdown() {
+  CRefPtr<STAThread> thread(Instance().Detach());
+  if (thread) {
+    thread->Release();  // the reference Instance() held
+    HANDLE handle = nullptr;
+    DuplicateHandle(GetCurrentProcess(), thread->GetThreadHandle(), GetCurrentProcess(), &handle, SYNCHRONIZE,
+                    FALSE, 0);
+    broom::unique_handle wait(handle);
+    PostThreadMessageW(thread->GetThreadId(), WM_QUIT, 0, 0);
+    thread.Reset();
+    if (wait) WaitForSingleObject(wait.get(), INFINITE);
+  }
+  if (PinnedModule() && !Instance()) {
+    HMODULE module = PinnedModule();
+    PinnedModule() = nullptr;
+    FreeLibrary(module);
+  }
+}
+
+bool CXmlConfigGlobal::IsRunning() { return static_cast<bool>(Instance()); }
