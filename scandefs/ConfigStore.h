@@ -1,0 +1,114 @@
+#pragma once
+// The host's entry point to the scan definitions: a store that loads
+// definition folders into one sorted tree of groups.
+#include <list>
+#include <string>
+
+#include "atl/CString.h"
+#include "core/Export.h"
+#include "core/RefCounting.h"
+#include "scandefs/ScanGroup.h"
+#include "scandefs/XmlNode.h"
+
+struct ILoadHook;
+
+// Implemented by the host: builds operations for "clean" kinds it knows.
+struct IScanOperationFactory : public IUnknown {
+  virtual CRefPtr<IScanOperation> CreateOperation(const wchar_t* kind, xml::NodePtr node) = 0;
+};
+
+// Implemented by the host: the display text for a "$(name)" key ("MANUAL_name").
+class BROOM_API ILocalizeStrings {
+ public:
+  ILocalizeStrings() = default;
+  ILocalizeStrings(const ILocalizeStrings&) = default;
+  ILocalizeStrings& operator=(const ILocalizeStrings&) = default;
+  virtual CString Localize(const wchar_t* key, int reserved) = 0;
+
+ protected:
+  ~ILocalizeStrings() = default;
+};
+
+// An interface the library exports but does not call.
+class BROOM_API IFighter {
+ public:
+  IFighter() = default;
+  IFighter(const IFighter&) = default;
+  IFighter& operator=(const IFighter&) = default;
+  virtual void Fight() = 0;
+
+ protected:
+  ~IFighter() = default;
+};
+
+class BROOM_API IConfig : public IUnknown {
+ public:
+  static CRefPtr<IConfig> NewConfig();
+
+  virtual void GetGroups(CRefPtr<TIteratorIface<CScanGroup>>& out) = 0;
+  // True when at least one definition file was accepted.
+  virtual bool Load(const wchar_t* folder, ILoadHook* hook, ILocalizeStrings* localizer) = 0;
+  virtual void AddFactory(IScanOperationFactory* factory) = 0;
+  virtual ~IConfig() = default;
+
+ protected:
+  IConfig() = default;
+};
+
+class BROOM_API CConfigStore : public IConfig {
+ public:
+  CConfigStore() = default;
+
+  void GetGroups(CRefPtr<TIteratorIface<CScanGroup>>& out) override;
+  bool Load(const wchar_t* folder, ILoadHook* hook, ILocalizeStrings* localizer) override;
+  void AddFactory(IScanOperationFactory* factory) override { m_factories.emplace_back(factory); }
+
+  const std::list<CRefPtr<IScanOperationFactory>>& GetFactories() const { return m_factories; }
+  CScanGroup_imp& GetRoot() { return m_root; }
+  // The display form of a group text: environment variables, "$(name)"
+  // through the localizer (during a load), "$$" to "$".
+  CString ExpandText(const CString& text) const;
+
+ protected:
+  bool SearchFolder(const wchar_t* folder, const wchar_t* extension, ILoadHook* hook);
+  bool LoadFile(const wchar_t* path, ILoadHook* hook);
+  void FinishLoad();
+  void ExpandTree(CScanGroup_imp& group);
+
+  std::list<CRefPtr<IScanOperationFactory>> m_factories;
+  int m_loadDepth = 0;
+  CScanGroup_imp m_root;
+  ILocalizeStrings* m_localizer = nullptr;
+};
+
+// Settings with a current group path; values are not stored anywhere.
+class BROOM_API XmlConfigSettings {
+ public:
+  XmlConfigSettings() = default;
+  XmlConfigSettings(const XmlConfigSettings&) = default;
+  XmlConfigSettings& operator=(const XmlConfigSettings&) = default;
+  virtual ~XmlConfigSettings() = default;
+
+  virtual void Set(const wchar_t* name, const wchar_t* value);
+  virtual void Set(const wchar_t* name, int value);
+  virtual int Get(const wchar_t* name, int defaultValue);
+  virtual CString Get(const wchar_t* name, const wchar_t* defaultValue);
+  virtual std::wstring GetPath(const wchar_t* name);
+  virtual void BeginGroup(const wchar_t* name);
+  virtual void EndGroup();
+  virtual std::wstring Group();
+
+  CString m_group;
+};
+
+// Enters a group for its lifetime and restores the path it found.
+class BROOM_API XmlConfigGroup {
+ public:
+  XmlConfigGroup(XmlConfigSettings* settings, const wchar_t* name);
+  XmlConfigGroup(const XmlConfigGroup&) = default;
+  ~XmlConfigGroup();
+  operator XmlConfigSettings*() const { return m_settings; }
+
+  XmlConfigSettings* m_settings;
+  CString m_savedGroup;
+};

@@ -1,0 +1,183 @@
+#include "scandefs/ConfigValues.h"
+
+#include <shlobj.h>
+
+#include <cwctype>
+
+#include "core/Handles.h"
+
+namespace {
+
+struct ShellSymbol {
+  const wchar_t* name;
+  int csidl;
+};
+
+const ShellSymbol kShellSymbols[] = {
+    {L"DESKTOP", 0x00}, {L"INTERNET", 0x01}, {L"PROGRAMS", 0x02}, {L"CONTROLS", 0x03}, {L"PRINTERS", 0x04},
+    {L"PERSONAL", 0x05}, {L"FAVORITES", 0x06}, {L"STARTUP", 0x07}, {L"RECENT", 0x08}, {L"SENDTO", 0x09},
+    {L"BITBUCKET", 0x0A}, {L"STARTMENU", 0x0B}, {L"MYDOCUMENTS", 0x05}, {L"MYMUSIC", 0x0D}, {L"MYVIDEO", 0x0E},
+    {L"DESKTOPDIRECTORY", 0x10}, {L"DRIVES", 0x11}, {L"NETWORK", 0x12}, {L"NETHOOD", 0x13}, {L"FONTS", 0x14},
+    {L"TEMPLATES", 0x15}, {L"COMMON_STARTMENU", 0x16}, {L"COMMON_PROGRAMS", 0x17}, {L"COMMON_STARTUP", 0x18},
+    {L"COMMON_DESKTOPDIRECTORY", 0x19}, {L"PRINTHOOD", 0x1B}, {L"LOCALAPPDATA", 0x1C}, {L"INTERNET_CACHE", 0x20},
+    {L"COOKIES", 0x21}, {L"HISTORY", 0x22}, {L"COMMON_APPDATA", 0x23}, {L"WINDOWS", 0x24}, {L"SYSTEM", 0x25},
+    {L"PROGRAM_FILES", 0x26}, {L"MYPICTURES", 0x27}, {L"PROFILE", 0x28}, {L"SYSTEMX86", 0x29},
+    {L"PROGRAM_FILESX86", 0x2A}, {L"PROGRAM_FILES_COMMON", 0x2B}, {L"PROGRAM_FILES_COMMONX86", 0x2C},
+    {L"COMMON_TEMPLATES", 0x2D}, {L"COMMON_DOCUMENTS", 0x2E}, {L"COMMON_ADMINTOOLS", 0x2F}, {L"ADMINTOOLS", 0x30},
+    {L"CONNECTIONS", 0x31}, {L"COMMON_MUSIC", 0x35}, {L"COMMON_PICTURES", 0x36}, {L"COMMON_VIDEO", 0x37},
+    {L"RESOURCES", 0x38}, {L"RESOURCES_LOCALIZED", 0x39}, {L"COMMON_OEM_LINKS", 0x3A}, {L"CDBURN_AREA", 0x3B},
+    {L"COMPUTERSNEARME", 0x3D},
+};
+
+constexpr GUID kFolderDownloads = {0x374DE290, 0x123F, 0x4565, {0x91, 0x64, 0x39, 0xC4, 0x92, 0x5E, 0x46, 0x7B}};
+constexpr GUID kFolderLocalAppDataLow = {0xA520A1A4, 0x1780, 0x4FF6, {0xBD, 0x18, 0x16, 0x73, 0x43, 0xC5, 0xAF, 0x16}};
+
+using GlobalScope = CFakeBaseIUnknown<CScopedMap::ConfigValueMap>;
+using ChildScope = IUnknownNoQIImp<CScopedMap::ConfigValueMap>;
+
+void FillGlobalScope(CScopedMap::ConfigValueMap& scope) {
+  if (wchar_t* block = GetEnvironmentStringsW()) {
+    for (const wchar_t* entry = block; *entry; entry += wcslen(entry) + 1) {
+      const wchar_t* equals = wcschr(entry, L'=');
+      if (!equals || equals == entry) continue;  // hidden "=C:" entries and entries without '='
+      scope.Set(std::wstring(entry, equals - entry), equals + 1);
+    }
+    FreeEnvironmentStringsW(block);
+  }
+  for (const auto& symbol : kShellSymbols) {
+    wchar_t buffer[MAX_PATH] = {};
+    if (SUCCEEDED(SHGetFolderPathW(nullptr, symbol.csidl, nullptr, 0, buffer)) && buffer[0])
+      scope.Set(symbol.name, buffer);
+  }
+  using KnownFolderFn = HRESULT(WINAPI*)(REFGUID, DWORD, HANDLE, PWSTR*);
+  auto known = reinterpret_cast<KnownFolderFn>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"Shell32.dll"), "SHGetKnownFolderPath")));
+  if (!known) return;
+  const std::pair<const wchar_t*, const GUID*> folders[] = {{L"DOWNLOADS", &kFolderDownloads},
+                                                          {L"LOCALLOWAPPDATA", &kFolderLocalAppDataLow}};
+  for (const auto& folder : folders) {
+    PWSTR path = nullptr;
+    if (SUCCEEDED(known(*folder.second, 0, nullptr, &path)) && path) scope.Set(folder.first, path);
+    CoTaskMemFree(path);
+  }
+}
+
+}  // namespace
+
+CScopedMap::ConfigValueMap::~ConfigValueMap() {
+  for (auto& entry : *this) delete[] entry.second;
+}
+
+bool CScopedMap::ConfigValueMap::Lookup(const std::wstring& name, std::wstring& out) const {
+  auto found = find(name);
+  if (found != end()) {
+    if (!found->second) return false;
+    out = found->second;
+    return true;
+  }
+  return m_parentScope ? m_parentScope->Lookup(name, out) : false;
+}
+
+void CScopedMap::ConfigValueMap::Set(const std::wstring& name, const wchar_t* text) {
+  Remove(name);
+  wchar_t* copy = nullptr;
+  if (text) {
+    size_t length = wcslen(text);
+    copy = new wchar_t[length + 1];
+    wmemcpy(copy, text, length + 1);
+  }
+  try {
+    emplace(name, copy);
+  } catch (...) {
+    delete[] copy;
+    throw;
+  }
+}
+
+void CScopedMap::ConfigValueMap::Remove(const std::wstring& name) {
+  auto found = find(name);
+  if (found == end()) return;
+  delete[] found->second;
+  erase(found);
+}
+
+CRefPtr<CScopedMap::ConfigValueMap> CScopedMap::ConfigValueMap::CreateChildScope() {
+  CRefPtr<ConfigValueMap> child(new ChildScope());
+  child->m_parentScope = this;
+  return child;
+}
+
+CScopedMap::ConfigValueMap* CScopedMap::GetGlobalScope() {
+  static GlobalScope scope;
+  static bool built = false;
+  if (!built) {
+    built = true;
+    FillGlobalScope(scope);
+  }
+  return &scope;
+}
+
+namespace {
+
+// Splits a registry path into its hive, subkey and (optional) value name.
+bool SplitRegistryPath(const std::wstring& path, HKEY& hive, std::wstring& subkey, std::wstring& valueName) {
+  std::wstring text = path.substr(0, 260);
+  size_t slash = text.find(L'\\');
+  if (slash == std::wstring::npos) return false;
+  std::wstring hiveName = text.substr(0, slash);
+  for (auto& c : hiveName) c = static_cast<wchar_t>(std::towupper(c));
+  if (hiveName == L"HKEY_CLASSES_ROOT" || hiveName == L"HKCR")
+    hive = HKEY_CLASSES_ROOT;
+  else if (hiveName == L"HKEY_LOCAL_MACHINE" || hiveName == L"HKLM")
+    hive = HKEY_LOCAL_MACHINE;
+  else if (hiveName == L"HKEY_CURRENT_USER" || hiveName == L"HKCU")
+    hive = HKEY_CURRENT_USER;
+  else if (hiveName == L"HKEY_USERS" || hiveName == L"HKU")
+    hive = HKEY_USERS;
+  else
+    return false;
+  std::wstring rest = text.substr(slash + 1);
+  size_t bracket = rest.find(L'[');
+  valueName.clear();
+  if (bracket == std::wstring::npos || bracket == 0) {
+    subkey = rest;
+    if (bracket == std::wstring::npos) return true;
+  } else {
+    subkey = rest.substr(0, bracket);
+  }
+  size_t start = bracket + 1;
+  while (start < rest.size() && rest[start] <= 32) ++start;
+  size_t close = rest.find(L']', start);
+  valueName = rest.substr(start, close == std::wstring::npos ? std::wstring::npos : close - start);
+  return true;
+}
+
+}  // namespace
+
+bool OpenRegistryPath(const std::wstring& path, HKEY& key) {
+  HKEY hive;
+  std::wstring subkey, valueName;
+  if (!SplitRegistryPath(path, hive, subkey, valueName)) return false;
+  return RegOpenKeyExW(hive, subkey.c_str(), 0, KEY_READ, &key) == ERROR_SUCCESS;
+}
+
+bool ReadRegistryString(const std::wstring& path, std::wstring& out) {
+  HKEY hive;
+  std::wstring subkey, valueName;
+  if (!SplitRegistryPath(path, hive, subkey, valueName)) return false;
+  broom::unique_hkey key;
+  if (RegOpenKeyExW(hive, subkey.c_str(), 0, KEY_READ, key.addressof()) != ERROR_SUCCESS) return false;
+  wchar_t buffer[MAX_PATH];
+  DWORD type = 0, bytes = sizeof buffer;
+  if (RegQueryValueExW(key.get(), valueName.empty() ? nullptr : valueName.c_str(), nullptr, &type,
+                       reinterpret_cast<BYTE*>(buffer), &bytes) != ERROR_SUCCESS)
+    return false;
+  if (type != REG_SZ && type != REG_EXPAND_SZ) return false;
+  if (bytes == 0) {
+    out.clear();
+    return true;
+  }
+  if (bytes % sizeof(wchar_t) != 0 || buffer[bytes / sizeof(wchar_t) - 1] != 0) return false;
+  out.assign(buffer, bytes / sizeof(wchar_t) - 1);
+  return true;
+}

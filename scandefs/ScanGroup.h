@@ -1,0 +1,85 @@
+#pragma once
+// The tree of scan groups: categories and the items a user ticks. Five
+// tri-state switches inherit from the parent when not set.
+#include <list>
+
+#include "atl/CString.h"
+#include "core/Export.h"
+#include "core/RefCounting.h"
+#include "scan/ScanOperation.h"
+
+enum EBoolProperty { bpDefaultScan = 0, bpDefaultClean = 1, bpEnabled = 2, bpQScan = 3, bpSafe = 4 };
+enum AttributeBoolState : unsigned char { abFalse = 0, abTrue = 1, abNotSet = 2 };
+
+class BROOM_API CScanGroup {
+ public:
+  CScanGroup();
+  CScanGroup(const CScanGroup&) = default;
+  CScanGroup& operator=(const CScanGroup&) = default;
+  virtual ~CScanGroup() = default;
+
+  virtual void GetChildren(CRefPtr<TIteratorIface<CScanGroup>>& out) const = 0;
+  virtual void GetScanOps(CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>>& out) const = 0;
+  virtual const wchar_t* GetName() const = 0;
+  virtual const wchar_t* GetDescription() const = 0;
+  virtual const wchar_t* GetTip() const = 0;
+  virtual const wchar_t* GetIcon() const = 0;
+  virtual const wchar_t* GetTabIcon() const = 0;
+  virtual const wchar_t* GetReport() const = 0;  // null when empty
+  virtual int GetChildCount() const = 0;
+  virtual int GetScanOpCount() const = 0;
+
+  bool HasChildren() const { return GetChildCount() > 0; }
+  bool HasScanOps() const { return GetScanOpCount() > 0; }
+  int GetOrder() const { return m_order; }
+  void* GetUIData() const { return m_uiData; }
+  void SetUIData(void* data) { m_uiData = data; }
+  // Null for top-level groups (whose parent is the hidden root).
+  CScanGroup* GetParent() const;
+
+  AttributeBoolState IsDefaultScan() const { return Effective(bpDefaultScan); }
+  AttributeBoolState IsDefaultClean() const { return Effective(bpDefaultClean); }
+  AttributeBoolState IsEnabled() const { return Effective(bpEnabled); }
+  AttributeBoolState IsSafe() const { return Effective(bpSafe); }
+  AttributeBoolState GetQScan() const;
+  AttributeBoolState GetInheritedBoolProperty(EBoolProperty p) const;
+  void SetBoolProperty(EBoolProperty p, AttributeBoolState s);
+  static AttributeBoolState MakeBoolState(bool isSet, bool value) {
+    return !isSet ? abNotSet : (value ? abTrue : abFalse);
+  }
+
+  int m_order;
+  CScanGroup* m_parent;
+  void* m_uiData;
+  AttributeBoolState m_boolProps[5];
+
+ private:
+  AttributeBoolState Effective(EBoolProperty p) const;
+};
+
+class BROOM_API CScanGroup_imp : public CScanGroup {
+ public:
+  CScanGroup_imp() = default;
+
+  void GetChildren(CRefPtr<TIteratorIface<CScanGroup>>& out) const override;
+  void GetScanOps(CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>>& out) const override;
+  const wchar_t* GetName() const override { return m_name; }
+  const wchar_t* GetDescription() const override { return m_desc; }
+  const wchar_t* GetTip() const override { return m_tip; }
+  const wchar_t* GetIcon() const override { return m_icon; }
+  const wchar_t* GetTabIcon() const override { return m_tabIcon; }
+  const wchar_t* GetReport() const override { return m_report.IsEmpty() ? nullptr : m_report.GetString(); }
+  int GetChildCount() const override { return static_cast<int>(m_children.size()); }
+  int GetScanOpCount() const override { return static_cast<int>(m_scanOps.size()); }
+
+  CScanGroup_imp* FindChild(const wchar_t* name);
+  // Resolves "a/b/c" below start, creating missing groups; null without any segment.
+  static CScanGroup_imp* FindOrAddGroupPath(const CString& path, CScanGroup_imp& start);
+  static void AddScanOp(CScanGroup_imp& group, CRefPtr<IScanOperation> op);
+  // Stable sort by order, then name (case-insensitive), all levels.
+  void SortChildren();
+
+  std::list<CScanGroup_imp> m_children;
+  std::list<CRefPtr<IScanOperation>> m_scanOps;
+  CString m_name, m_desc, m_tip, m_icon, m_tabIcon, m_report;
+};

@@ -1,0 +1,79 @@
+#pragma once
+// Reads one definition file and merges its groups, items, operations and
+// checks into a tree of scan groups.
+#include <string>
+
+#include "atl/CString.h"
+#include "core/Export.h"
+#include "core/PathString.h"
+#include "core/RefCounting.h"
+#include "scandefs/ConfigStore.h"
+#include "scandefs/ConfigValues.h"
+#include "scandefs/ScanGroup.h"
+#include "scandefs/XmlNode.h"
+
+// Implemented by the host for the definition files that pass through it.
+struct ILoadHook {
+  virtual void OnLoadComplete() = 0;
+  // May change the bytes in place and lower *size; false rejects the file.
+  virtual bool OnFileData(char* data, unsigned long* size, bool reading) = 0;
+
+ protected:
+  ~ILoadHook() = default;
+};
+
+enum EElementType { etUnknown = -1, etGroup = 0, etItem, etCleaning, etClean, etChecks, etCheck, etValue };
+
+// The kinds of "clean" elements and the operation each builds.
+enum EOperationKind { okNone = 0, okRam = 1, okFile = 2, okTrunc = 3, okRegistry = 4, okSystem = 5 };
+
+// Reads the integer after ":name:" in a table of ":name:value:" pairs; 0 when absent.
+BROOM_API int LookupNamedValue(const CString& table, const wchar_t* name);
+
+class BROOM_API XmlReader {
+ public:
+  using ConfigValueMap = CScopedMap::ConfigValueMap;
+
+  explicit XmlReader(CRefPtr<CConfigStore> store) : m_store(store) {}
+
+  // False when the file cannot be read, is empty, is rejected by the hook,
+  // does not parse or has no "ConfigItems" root; the tree is then untouched.
+  // Throws CAtlException(E_INVALIDARG) when the data holds no '<'.
+  bool ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook);
+
+  // Expands %NAME% references in place: bit 1 = changed, bit 2 = a name was unknown.
+  static unsigned long ExpandSymbols(std::wstring& text, const ConfigValueMap* scope);
+  static EElementType Classify(const wchar_t* name);
+  static bool TextToBool(const CString& text, bool& value);
+  static void RemoveDuplicateValues(CPathString& path, wchar_t separator);
+
+ private:
+  bool ReadGroup(xml::NodePtr node, CScanGroup_imp& parent);
+  bool ReadOperation(xml::NodePtr node, CScanGroup_imp& parent);
+  bool ReadChildren(xml::NodePtr node, CScanGroup_imp& group);
+  static bool ReadBaseProperties(CScanGroup_imp* group, xml::NodePtr node);
+  static bool Decrypt(char*& data, unsigned long size);
+  static bool Encrypt(char*& data, unsigned long size);
+
+  static bool DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope);
+  static bool ReadValue(xml::NodePtr node, ConfigValueMap* scope);
+
+  bool ReadCleaning(xml::NodePtr node, CScanGroup_imp& group);
+  bool ReadClean(xml::NodePtr node, CScanGroup_imp& group);
+  static bool ReadChecks(xml::NodePtr node, CScanGroup_imp& group);
+  static bool ReadCheck(xml::NodePtr node, CScanGroup_imp& group);
+  CRefPtr<IScanOperation> newCleanOperation(const wchar_t* text, xml::NodePtr node);
+
+  CRefPtr<CConfigStore> m_store;
+};
+
+// Commands of the host's deleters; bit 1 scans, bits 1 and 2 forbid a reboot.
+class BROOM_API IDelete {
+ public:
+  enum CleanCommand { ccNone = 0, ccScan = 1, ccNoReboot = 2, ccScanNoReboot = 3 };
+  virtual ~IDelete() = default;
+  virtual void Delete() = 0;
+  virtual void Cancel() = 0;
+  static bool IsScanCommand(CleanCommand c) { return (c & 1) == 1; }
+  static bool IsRebootAllowed(CleanCommand c) { return (c & 3) == 0; }
+};
