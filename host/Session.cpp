@@ -1,0 +1,392 @@
+#include "host/Session.h"
+
+#include <shlobj.h>
+#include <shlwapi.h>
+
+#include <set>
+#include <stdexcept>
+
+#include "atl/CAtlException.h"
+#include "core/Handles.h"
+#include "core/PathString.h"
+#include "host/Console.h"
+#include "scan/OperationNotify.h"
+#include "scan/ScanOperation.h"
+#include "settings/AppInfo.h"
+#include "settings/RegSettings.h"
+
+namespace host {
+
+namespace {
+
+std::atomic<bool> g_cancel{false};
+
+BOOL WINAPI OnConsoleControl(DWORD type) {
+  if (type == CTRL_C_EVENT || type == CTRL_BREAK_EVENT) {
+    g_cancel = true;
+    return TRUE;  // the scan stops itself; the process must not be killed half-way
+  }
+  return FALSE;
+}
+
+std::wstring Upper(std::wstring text) {
+  if (!text.empty()) CharUpperBuffW(&text[0], static_cast<DWORD>(text.size()));
+  return text;
+}
+
+bool SameName(const wchar_t* a, const std::wstring& b) { return _wcsicmp(a, b.c_str()) == 0; }
+
+std::vector<std::wstring> SplitPath(const std::wstring& path) {
+  std::vector<std::wstring> parts;
+  size_t start = 0;
+  while (start <= path.size()) {
+    size_t slash = path.find(L'/', start);
+    if (slash == std::wstring::npos) slash = path.size();
+    std::wstring part = path.substr(start, slash - start);
+    // Surrounding blanks are a typing accident, never part of a name.
+    size_t b = part.find_first_not_of(L' '), e = part.find_last_not_of(L' ');
+    if (b != std::wstring::npos) parts.push_back(part.substr(b, e - b + 1));
+    start = slash + 1;
+  }
+  return parts;
+}
+
+template <class F>
+void ForEachChild(const CScanGroup* group, F f) {
+  CRefPtr<TIteratorIface<CScanGroup>> it;
+  group->GetChildren(it);
+  for (; it && !it->AtEnd(); it->Next()) f(it->Current());
+}
+
+template <class F>
+void ForEachTop(IConfig* config, F f) {
+  CRefPtr<TIteratorIface<CScanGroup>> it;
+  config->GetGroups(it);
+  for (; it && !it->AtEnd(); it->Next()) f(it->Current());
+}
+
+void CollectItems(CScanGroup* group, std::vector<SItem>& out) {
+  if (group->HasScanOps()) out.push_back(SItem{group, GroupPath(group)});
+  ForEachChild(group, [&](CScanGroup* child) { CollectItems(child, out); });
+}
+
+// Every group whose path ends with the given names.
+void FindSuffix(CScanGroup* group, const std::vector<std::wstring>& parts, std::vector<CScanGroup*>& out) {
+  const CScanGroup* g = group;
+  bool match = true;
+  for (size_t i = parts.size(); i-- > 0;) {
+    if (!g || !SameName(g->GetName(), parts[i])) {
+      match = false;
+      break;
+    }
+    g = g->GetParent();
+  }
+  if (match) out.push_back(group);
+  ForEachChild(group, [&](CScanGroup* child) { FindSuffix(child, parts, out); });
+}
+
+std::wstring ExceptionText() {
+  try {
+    throw;
+  } catch (const CHostError& e) {
+    return e.message;
+  } catch (const CAtlException& e) {
+    wchar_t text[64];
+    swprintf(text, 64, L"error 0x%08lX", static_cast<unsigned long>(e.m_hr));
+    return text;
+  } catch (const Exception& e) {
+    return e.m_message;
+  } catch (const std::exception& e) {
+    return Wide(e.what());
+  } catch (...) {
+    return L"unexpected error";
+  }
+}
+
+// ---- scanning ----
+
+class CScanNotify : public IOperationProgressNotify, public IOperationStatusNotify {
+ public:
+  CScanNotify(unsigned long cancelAfterFiles, const unsigned __int64& hits)
+      : m_cancelAfter(cancelAfterFiles), m_hits(hits) {}
+
+  void Begin(const std::wstring& item, size_t index, size_t count) {
+    m_item = item;
+    m_index = index;
+    m_count = count;
+    m_total = 0;
+    m_position = 0;
+    m_folder.clear();
+    Draw(true);
+  }
+
+  void SetTotal(int total) override {
+    m_total = total;
+    m_position = 0;
+  }
+  void SetPosition(int position) override {
+    m_position = position;
+    Draw(false);
+  }
+  void Finish() override { m_position = m_total; }
+
+  void SetCurrentFolder(const CString& folder) override {
+    m_folder.assign(folder.GetString(), static_cast<size_t>(folder.GetLength()));
+    Draw(false);
+  }
+  bool IsCancelled() override { return IsCancelRequested(); }
+  void OnItem(const wchar_t*, int kind) override {
+    if (kind == itemFile && m_cancelAfter != 0 && ++m_filesSeen >= m_cancelAfter) RequestCancel();
+  }
+
+ private:
+  void Draw(bool force) {
+    if (!m_draw) return;
+    DWORD now = GetTickCount();
+    if (!force && now - m_lastDraw < 100) return;
+    m_lastDraw = now;
+    int percent = m_total > 0 ? static_cast<int>(100LL * (m_position < m_total ? m_position : m_total) / m_total) : 0;
+    wchar_t head[64];
+    swprintf(head, 64, L"[%u/%u] ", static_cast<unsigned>(m_index + 1), static_cast<unsigned>(m_count));
+    std::wstring line = head + m_item + L"  " + std::to_wstring(percent) + L"%  " + FormatCount(m_hits) +
+                        L" found  " + m_folder;
+    CConsole::Progress(line);
+  }
+
+  unsigned long m_cancelAfter;
+  unsigned long m_filesSeen = 0;
+  const unsigned __int64& m_hits;
+  bool m_draw = CConsole::ErrIsConsole();
+  DWORD m_lastDraw = 0;
+  std::wstring m_item, m_folder;
+  size_t m_index = 0, m_count = 0;
+  int m_total = 0, m_position = 0;
+};
+
+class CHitCollector : public IResultsCollector {
+ public:
+  CHitCollector(CWhiteListTree& whiteList, std::set<std::wstring>& seen, SScanResults& results)
+      : m_whiteList(whiteList), m_seen(seen), m_results(results) {}
+
+  void SetTarget(SItemResult* target) { m_target = target; }
+
+  void AddItem(ICleanableItem* item) override {
+    if (!item || !m_target) return;
+    std::wstring folder = static_cast<const wchar_t*>(item->GetDetails());
+    std::wstring path = folder + L"\\" + static_cast<const wchar_t*>(item->GetName());
+    // Protection covers folders during the walk; a protected file (or a
+    // folder protected after its parent was listed) is dropped here.
+    if (m_whiteList.CheckProtection(path.c_str()) & 0x1) {
+      ++m_results.protectedSkipped;
+      return;
+    }
+    if (!m_seen.insert(Upper(path)).second) return;
+    SHit hit;
+    hit.item = item;
+    hit.path = path;
+    hit.size = item->GetSize();
+    m_target->size += hit.size;
+    ++m_results.files;
+    m_results.size += hit.size;
+    m_target->hits.push_back(std::move(hit));
+  }
+
+ private:
+  CWhiteListTree& m_whiteList;
+  std::set<std::wstring>& m_seen;
+  SScanResults& m_results;
+  SItemResult* m_target = nullptr;
+};
+
+}  // namespace
+
+void InstallCancelHandler() { SetConsoleCtrlHandler(OnConsoleControl, TRUE); }
+void RequestCancel() { g_cancel = true; }
+bool IsCancelRequested() { return g_cancel; }
+
+std::wstring GroupPath(const CScanGroup* group) {
+  std::wstring path;
+  for (const CScanGroup* g = group; g; g = g->GetParent())
+    path = path.empty() ? std::wstring(g->GetName()) : std::wstring(g->GetName()) + L"/" + path;
+  return path;
+}
+
+bool IsOn(AttributeBoolState state) { return state == abTrue; }
+bool IsEnabled(const CScanGroup* group) { return group->IsEnabled() != abFalse; }
+
+std::wstring FullPath(const std::wstring& path) {
+  wchar_t buffer[MAX_PATH + 1];
+  DWORD n = GetFullPathNameW(path.c_str(), MAX_PATH + 1, buffer, nullptr);
+  if (n == 0 || n > MAX_PATH)
+    throw CHostError{exitUsage, L"the path '" + path + L"' is not usable (too long or malformed); give a full path of at most 260 characters"};
+  std::wstring full(buffer, n);
+  while (full.size() > 3 && full.back() == L'\\') full.pop_back();
+  return full;
+}
+
+std::wstring ExeFolder() {
+  wchar_t buffer[MAX_PATH + 1];
+  DWORD n = GetModuleFileNameW(nullptr, buffer, MAX_PATH + 1);
+  std::wstring path(buffer, n);
+  size_t slash = path.find_last_of(L'\\');
+  return slash == std::wstring::npos ? std::wstring(L".") : path.substr(0, slash);
+}
+
+CSession::CSession() = default;
+CSession::~CSession() = default;
+
+void CSession::Start(bool noLog) {
+  wchar_t local[MAX_PATH + 1] = {};
+  DWORD n = GetEnvironmentVariableW(L"LOCALAPPDATA", local, MAX_PATH + 1);
+  if (n == 0 || n > MAX_PATH) {
+    if (FAILED(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, local)))
+      throw CHostError{exitUsage, L"cannot find the local application data folder; set LOCALAPPDATA"};
+  }
+  m_userData = std::wstring(local);
+  while (!m_userData.empty() && m_userData.back() == L'\\') m_userData.pop_back();
+  m_userData += L"\\Broom";
+  std::wstring logs = m_userData + L"\\Logs";
+  int rc = SHCreateDirectoryExW(nullptr, logs.c_str(), nullptr);
+  if (rc != ERROR_SUCCESS && rc != ERROR_ALREADY_EXISTS && rc != ERROR_FILE_EXISTS)
+    throw CHostError{exitUsage, L"cannot create the data folder '" + logs + L"'; check that it is writable"};
+
+  try {
+    CRegSettings settings(L"Broom", L"Engine");
+    CAppInfo::Init(&settings, m_userData.c_str());
+  } catch (int) {
+    throw CHostError{exitUsage, L"the registry key HKCU\\SOFTWARE\\Broom\\Engine exists but cannot be opened; check its permissions"};
+  }
+  if (noLog) CAppInfo::SetManualStateBits(0x20000);
+  m_config = IConfig::NewConfig();
+  m_started = true;
+}
+
+void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
+  for (const std::wstring& folder : folders) {
+    DWORD attributes = GetFileAttributesW(folder.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY))
+      throw CHostError{exitUsage, L"the definition folder '" + folder + L"' does not exist; pass --defs with a folder of definition files"};
+    bool loaded = false;
+    try {
+      loaded = m_config->Load(folder.c_str(), nullptr, nullptr);
+    } catch (...) {
+      throw CHostError{exitUsage, L"the definitions in '" + folder + L"' are unusable (" + ExceptionText() +
+                                      L"); fix the definition file or leave the folder out"};
+    }
+    if (!loaded)
+      throw CHostError{exitUsage, L"no definition file in '" + folder +
+                                      L"' could be read (*.xml, *.dat); check the files or pass another --defs"};
+  }
+  if (AllItems().empty())
+    throw CHostError{exitUsage, L"the definitions hold no item with a clean element; check the --defs folders"};
+}
+
+std::wstring CSession::WhiteListFile() const { return m_userData + L"\\whitelist.txt"; }
+
+void CSession::LoadWhiteList() {
+  try {
+    m_whiteList.LoadFromFile(WhiteListFile().c_str());
+  } catch (...) {
+    throw CHostError{exitUsage, L"the protected-path list '" + WhiteListFile() + L"' is damaged (" + ExceptionText() +
+                                    L"); fix or delete that file"};
+  }
+}
+
+void CSession::SaveWhiteList() {
+  if (!m_whiteList.SaveToFile(WhiteListFile().c_str(), 0x1))
+    throw CHostError{exitUsage, L"the protected-path list cannot be saved: its file holds Latin-1 text only, so a "
+                                L"path with other characters cannot be protected; protect a parent folder instead"};
+}
+
+std::vector<SItem> CSession::AllItems() const {
+  std::vector<SItem> items;
+  ForEachTop(m_config, [&](CScanGroup* group) { CollectItems(group, items); });
+  return items;
+}
+
+std::vector<SItem> CSession::Select(const std::vector<std::wstring>& names, bool forClean,
+                                    std::vector<std::wstring>& notes) const {
+  std::vector<SItem> all = AllItems();
+  std::vector<SItem> chosen;
+  if (names.empty()) {
+    for (const SItem& item : all) {
+      if (!IsEnabled(item.group) || !IsOn(item.group->IsDefaultScan())) continue;
+      if (forClean && !IsOn(item.group->IsDefaultClean())) continue;
+      chosen.push_back(item);
+    }
+    return chosen;
+  }
+
+  std::set<const CScanGroup*> taken;
+  for (const std::wstring& name : names) {
+    std::vector<std::wstring> parts = SplitPath(name);
+    if (parts.empty()) throw CHostError{exitUsage, L"an empty item name was given; run 'broom list' to see the names"};
+    // A full path from a top-level group first, then a path that ends a group's path.
+    std::vector<CScanGroup*> found;
+    ForEachTop(m_config, [&](CScanGroup* top) {
+      if (!SameName(top->GetName(), parts[0])) return;
+      CScanGroup* g = top;
+      for (size_t i = 1; g && i < parts.size(); ++i) {
+        CScanGroup* next = nullptr;
+        ForEachChild(g, [&](CScanGroup* child) {
+          if (!next && SameName(child->GetName(), parts[i])) next = child;
+        });
+        g = next;
+      }
+      if (g) found.push_back(g);
+    });
+    if (found.empty()) ForEachTop(m_config, [&](CScanGroup* top) { FindSuffix(top, parts, found); });
+    if (found.empty())
+      throw CHostError{exitUsage, L"no item or group is named '" + name + L"'; run 'broom list' to see the names"};
+    if (found.size() > 1) {
+      std::wstring which;
+      for (CScanGroup* g : found) which += (which.empty() ? L"'" : L", '") + GroupPath(g) + L"'";
+      throw CHostError{exitUsage, L"'" + name + L"' names several groups (" + which + L"); give the full path"};
+    }
+    std::vector<SItem> below;
+    CollectItems(found[0], below);
+    for (const SItem& item : below) {
+      if (!IsEnabled(item.group)) {
+        notes.push_back(L"skipped '" + item.path + L"': switched off because its application is not installed");
+        continue;
+      }
+      if (taken.insert(item.group).second) chosen.push_back(item);
+    }
+  }
+  return chosen;
+}
+
+SScanResults CSession::Scan(const std::vector<SItem>& items, unsigned long cancelAfterFiles) {
+  SScanResults results;
+  results.items.reserve(items.size());
+  std::set<std::wstring> seen;
+  CScanNotify notify(cancelAfterFiles, results.files);
+  CFakeBaseIUnknown<CHitCollector> collector(m_whiteList, seen, results);
+
+  for (size_t i = 0; i < items.size(); ++i) {
+    if (IsCancelRequested()) break;
+    results.items.push_back(SItemResult{items[i], {}, 0, {}});
+    SItemResult& current = results.items.back();
+    collector.SetTarget(&current);
+    notify.Begin(items[i].path, i, items.size());
+
+    CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
+    items[i].group->GetScanOps(ops);
+    for (; ops && !ops->AtEnd(); ops->Next()) {
+      if (IsCancelRequested()) break;
+      IScanOperation* op = *ops->Current();
+      if (!op) continue;
+      try {
+        op->PerformScan(&collector, &notify, &notify, &m_whiteList);
+      } catch (...) {
+        current.errors.push_back(ExceptionText());
+      }
+    }
+  }
+  collector.SetTarget(nullptr);
+  CConsole::ClearProgress();
+  results.cancelled = IsCancelRequested();
+  return results;
+}
+
+}  // namespace host

@@ -1,0 +1,111 @@
+#pragma once
+// What every broom command shares: start-up of the engine, the loaded
+// definitions, the whitelist kept in the user data folder, choosing items
+// and running their scans.
+#include <windows.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "atl/CString.h"
+#include "clean/CleanableFile.h"
+#include "core/RefCounting.h"
+#include "scandefs/ConfigStore.h"
+#include "scandefs/ScanGroup.h"
+#include "whitelist/WhiteListTree.h"
+
+namespace host {
+
+enum ExitCode { exitOk = 0, exitCleanFailures = 1, exitUsage = 2, exitCancelled = 130 };
+
+// A failure that ends the command: a one-line message for standard error
+// (which says what to do) and the exit code.
+struct CHostError {
+  int code;
+  std::wstring message;
+};
+
+// Ctrl+C and Ctrl+Break raise this flag; scans poll it through IsCancelled,
+// the clean loop between items.
+void InstallCancelHandler();
+void RequestCancel();
+bool IsCancelRequested();
+
+// A scan definition group that has operations of its own: what a user ticks.
+struct SItem {
+  CScanGroup* group = nullptr;
+  std::wstring path;  // "System/Temporary files"
+};
+
+struct SHit {
+  CRefPtr<ICleanableItem> item;
+  std::wstring path;
+  unsigned __int64 size = 0;
+};
+
+struct SItemResult {
+  SItem item;
+  std::vector<SHit> hits;
+  unsigned __int64 size = 0;
+  std::vector<std::wstring> errors;  // operations that failed to run
+};
+
+struct SScanResults {
+  std::vector<SItemResult> items;
+  unsigned __int64 files = 0;
+  unsigned __int64 size = 0;
+  unsigned __int64 protectedSkipped = 0;
+  bool cancelled = false;
+};
+
+std::wstring GroupPath(const CScanGroup* group);
+bool IsOn(AttributeBoolState state);  // abTrue only
+bool IsEnabled(const CScanGroup* group);  // not switched off by a failed check
+// The full, absolute form of a path given on the command line, without a
+// trailing separator (drive roots keep theirs).
+std::wstring FullPath(const std::wstring& path);
+std::wstring ExeFolder();
+
+class CSession {
+ public:
+  CSession();
+  ~CSession();
+  CSession(const CSession&) = delete;
+  CSession& operator=(const CSession&) = delete;
+
+  // Registry settings, application state and the user data folder with its
+  // Logs folder; --no-log switches the scan logs off.
+  void Start(bool noLog);
+  const std::wstring& UserDataFolder() const { return m_userData; }
+
+  // Loads every folder (absolute paths); throws CHostError(exitUsage) for a
+  // missing folder, one without definition files, or definitions that break.
+  void LoadDefinitions(const std::vector<std::wstring>& folders);
+  IConfig* Config() const { return m_config; }
+
+  std::wstring WhiteListFile() const;
+  void LoadWhiteList();
+  void SaveWhiteList();  // throws CHostError when the file cannot be written
+  CWhiteListTree& WhiteList() { return m_whiteList; }
+
+  // Items below the top-level groups, in the store's order.
+  std::vector<SItem> AllItems() const;
+  // Named items (paths or group names) or, with no names, the items that are
+  // enabled and on by default for scanning (and for cleaning when forClean).
+  // Notes for standard error go to notes.
+  std::vector<SItem> Select(const std::vector<std::wstring>& names, bool forClean,
+                            std::vector<std::wstring>& notes) const;
+
+  // Runs every operation of every item. Hits under protected paths are
+  // dropped; a file found twice counts once, for the first item.
+  SScanResults Scan(const std::vector<SItem>& items, unsigned long cancelAfterFiles);
+
+ private:
+  CRefPtr<IConfig> m_config;
+  CWhiteListTree m_whiteList;
+  std::wstring m_userData;
+  bool m_started = false;
+};
+
+}  // namespace host
