@@ -102,7 +102,9 @@ void CXmlConfigGlobal::Shutdown() {
     DuplicateHandle(GetCurrentProcess(), thread->GetThreadHandle(), GetCurrentProcess(), &handle, SYNCHRONIZE,
                     FALSE, 0);
     broom::unique_handle wait(handle);
-    PostThreadMessageW(thread->GetThreadId(), WM_QUIT, 0, 0);
+    // the loop only takes messages of the router window, so the quit
+    // message is addressed to it
+    PostMessageW(thread->GetRouterWindow(), WM_QUIT, 0, 0);
     thread.Reset();
     if (wait) WaitForSingleObject(wait.get(), INFINITE);
   }
