@@ -99,7 +99,8 @@ TEST_F(StaThread, ReceiversByName) {
   send(CNamedMsgRouter::msgRemoveAll, nullptr, 0);
   auto* owned = CNamedMsgRouter::AllocDelivery(7, &b);
   PostMessageW(window, CNamedMsgRouter::msgDeliverOwned, 0, reinterpret_cast<LPARAM>(owned));
-  CNamedMsgRouter::SendDelivery(window, L"", 0, &a);  // runs after the posted one
+  // sent messages overtake posted ones: wait for the posted block to be served
+  for (int i = 0; i < 200 && b.total != 2 + 1 + 1 + 7; ++i) Sleep(5);
   EXPECT_EQ(b.total, 2 + 1 + 1 + 7);
 }
 
