@@ -10,8 +10,12 @@
 #include "core/Export.h"
 #include "core/RefCounting.h"
 
+// Orders names case-insensitively (ordinal, upper-case folding).
 struct CaseInsensitiveStringLess {
-  bool operator()(const std::wstring& a, const std::wstring& b) const { return _wcsicmp(a.c_str(), b.c_str()) < 0; }
+  bool operator()(const std::wstring& a, const std::wstring& b) const {
+    return CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
+           CSTR_LESS_THAN;
+  }
 };
 
 class BROOM_API CScopedMap {

@@ -45,7 +45,8 @@ void CScanGroup_imp::GetScanOps(CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>>
 
 CScanGroup_imp* CScanGroup_imp::FindChild(const wchar_t* name) {
   for (auto& child : m_children)
-    if (_wcsicmp(child.m_name, name) == 0) return &child;
+    // the ordinal ignore-case compare matches _wcsicmp on names and is much faster
+    if (CompareStringOrdinal(child.m_name, child.m_name.GetLength(), name, -1, TRUE) == CSTR_EQUAL) return &child;
   return nullptr;
 }
 

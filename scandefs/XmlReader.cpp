@@ -43,13 +43,12 @@ int LookupNamedValue(const CString& table, const wchar_t* name) {
 }
 
 EElementType XmlReader::Classify(const wchar_t* name) {
-  static const std::map<std::wstring, EElementType> map = {
+  static const std::pair<const wchar_t*, EElementType> table[] = {
       {L"group", etGroup},   {L"item", etItem},   {L"cleaning", etCleaning}, {L"clean", etClean},
       {L"checks", etChecks}, {L"check", etCheck}, {L"value", etValue}};
-  CString lower(name);
-  lower.MakeLower();
-  auto found = map.find(lower.str());
-  return found == map.end() ? etUnknown : found->second;
+  for (const auto& entry : table)
+    if (CompareStringOrdinal(name, -1, entry.first, -1, TRUE) == CSTR_EQUAL) return entry.second;
+  return etUnknown;
 }
 
 bool XmlReader::TextToBool(const CString& text, bool& value) {
@@ -221,7 +220,7 @@ bool XmlReader::DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope) {
   if (raw.first_child()) {
     std::vector<pugi::xml_node> values;
     for (pugi::xml_node child = raw.first_child(); child; child = child.next_sibling()) {
-      if (child.type() == pugi::node_element && _wcsicmp(child.name(), L"value") == 0) {
+      if (child.type() == pugi::node_element && CompareStringOrdinal(child.name(), -1, L"value", -1, TRUE) == CSTR_EQUAL) {
         readAny |= ReadValue(xml::NodePtr(child), inner);
         values.push_back(child);
       } else {
