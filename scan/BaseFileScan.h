@@ -30,24 +30,26 @@ class BROOM_API CBaseFileScan {
   // The building blocks leave IUnknown to the class that instantiates them,
   // e.g. IUnknownNoQIImp<CBaseFileScan::_FilterAnd_Impl>. A null member or a
   // missing inner filter rejects nothing.
-  class BROOM_API _FilterAnd_Impl : public IFilter {
+  // The member list the two combinators share.
+  class BROOM_API _FilterList_Impl : public IFilter {
    public:
-    bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
     void AddFilter(IFilter* filter) { m_filters.emplace_back(filter); }
+    // Visits the members in order until the visitor answers false; a
+    // visit that throws is skipped.
     void ForEach(IFilterVisitor* visitor);
 
    protected:
     std::list<CRefPtr<IFilter>> m_filters;
   };
 
-  class BROOM_API _FilterOr_Impl : public IFilter {
+  class BROOM_API _FilterAnd_Impl : public _FilterList_Impl {
    public:
     bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
-    void AddFilter(IFilter* filter) { m_filters.emplace_back(filter); }
-    void ForEach(IFilterVisitor* visitor);
+  };
 
-   protected:
-    std::list<CRefPtr<IFilter>> m_filters;
+  class BROOM_API _FilterOr_Impl : public _FilterList_Impl {
+   public:
+    bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
   };
 
   class BROOM_API _FilterNot_Impl : public IFilter {

@@ -6,11 +6,8 @@
 
 #include "scan/BaseFileScan.h"
 
-namespace {
-
-template <class Visitor>
-void VisitEach(std::list<CRefPtr<CBaseFileScan::IFilter>>& filters, Visitor* visitor) {
-  for (auto& filter : filters) {
+void CBaseFileScan::_FilterList_Impl::ForEach(IFilterVisitor* visitor) {
+  for (auto& filter : m_filters) {
     try {
       if (!visitor->Visit(filter)) return;
     } catch (...) {
@@ -19,8 +16,6 @@ void VisitEach(std::list<CRefPtr<CBaseFileScan::IFilter>>& filters, Visitor* vis
   }
 }
 
-}  // namespace
-
 bool CBaseFileScan::_FilterAnd_Impl::RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
   if (m_filters.empty()) return false;
   for (auto& filter : m_filters)
@@ -28,7 +23,6 @@ bool CBaseFileScan::_FilterAnd_Impl::RejectFile(const CPathString& folder, const
   return true;
 }
 
-void CBaseFileScan::_FilterAnd_Impl::ForEach(IFilterVisitor* visitor) { VisitEach(m_filters, visitor); }
 
 bool CBaseFileScan::_FilterOr_Impl::RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
   for (auto& filter : m_filters)
@@ -36,7 +30,6 @@ bool CBaseFileScan::_FilterOr_Impl::RejectFile(const CPathString& folder, const 
   return false;
 }
 
-void CBaseFileScan::_FilterOr_Impl::ForEach(IFilterVisitor* visitor) { VisitEach(m_filters, visitor); }
 
 bool CBaseFileScan::_FilterNot_Impl::RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
   if (!m_filter) return false;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/HandleCount.h"
+#include "threads/MsgThreadSTA.h"
 
 namespace broomtest {
 bool TakeAllowHandleGrowth();
@@ -53,10 +54,7 @@ class HandleLeakCheck : public testing::EmptyTestEventListener {
   unsigned long m_before = 0;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  testing::InitGoogleTest(&argc, argv);
+int RunTests() {
   if (std::getenv("BROOM_NO_LEAK_CHECK")) return RUN_ALL_TESTS();
 
   auto* check = new HandleLeakCheck;
@@ -70,4 +68,14 @@ int main(int argc, char** argv) {
   GTEST_FLAG_SET(filter, filter);
   check->m_strict = true;
   return RUN_ALL_TESTS();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  int rc = RunTests();
+  // no thread of the library outlives the program
+  CXmlConfigGlobal::Shutdown();
+  return rc;
 }
