@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <thread>
+#include <vector>
+
 #include <cstring>
 #include <vector>
 
@@ -436,30 +439,23 @@ TEST(RegSettingsConcurrency, ThreadsWritingTheirOwnValuesDoNotDisturbEachOther) 
   };
   constexpr int kThreads = 4;
   Job jobs[kThreads];
-  HANDLE threads[kThreads];
+  std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     jobs[i] = {&settings, i, 0};
-    threads[i] = CreateThread(
-        nullptr, 0,
-        [](void* p) -> DWORD {
-          Job* job = static_cast<Job*>(p);
-          wchar_t name[16];
-          swprintf(name, 16, L"T%d", job->index);
-          for (unsigned long n = 0; n < 200; ++n) {
-            unsigned long value = (static_cast<unsigned long>(job->index) << 16) | n;
-            unsigned long back = 0;
-            if (!job->settings->SetUserValue(name, value) || !job->settings->GetUserValue(name, back, 0) ||
-                back != value)
-              ++job->failures;
-          }
-          return 0;
-        },
-        &jobs[i], 0, nullptr);
-    ASSERT_NE(nullptr, threads[i]);
+    threads.emplace_back([job = &jobs[i]] {
+      wchar_t name[16];
+      swprintf(name, 16, L"T%d", job->index);
+      for (unsigned long n = 0; n < 200; ++n) {
+        unsigned long value = (static_cast<unsigned long>(job->index) << 16) | n;
+        unsigned long back = 0;
+        if (!job->settings->SetUserValue(name, value) || !job->settings->GetUserValue(name, back, 0) ||
+            back != value)
+          ++job->failures;
+      }
+    });
   }
-  WaitForMultipleObjects(kThreads, threads, TRUE, INFINITE);
+  for (auto& t : threads) t.join();
   for (int i = 0; i < kThreads; ++i) {
-    CloseHandle(threads[i]);
     EXPECT_EQ(0, jobs[i].failures) << "thread " << i;
   }
 }
