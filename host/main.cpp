@@ -65,7 +65,7 @@ void LoadDefinitions(CSession& session, const SOptions& options) {
 
 std::wstring StateText(const CScanGroup* group) {
   std::vector<std::wstring> parts;
-  if (!IsEnabled(group)) parts.push_back(L"switched off: not installed");
+  if (!IsEnabled(group)) parts.push_back(L"off: not on this PC");
   parts.push_back(IsOn(group->IsDefaultScan()) ? L"scan" : L"not scanned");
   parts.push_back(IsOn(group->IsDefaultClean()) ? L"clean" : L"not cleaned");
   if (IsOn(group->IsSafe())) parts.push_back(L"safe");
@@ -139,7 +139,8 @@ void PrintTable(const SScanResults& results, bool files) {
     out += Pad(r.item.path, width, false) + L"  " + Pad(FormatCount(r.hits.size()), 9, true) + L"  " +
            Pad(FormatSize(r.size), 10, true) + L"\n";
   out += Pad(L"Total", width, false) + L"  " + Pad(FormatCount(results.files), 9, true) + L"  " +
-         Pad(FormatSize(results.size), 10, true) + L"  (" + Plural(results.size, L"byte", L"bytes") + L")\n";
+         Pad(FormatSize(results.size), 10, true) +
+         (results.size >= 1024 ? L"  (" + Plural(results.size, L"byte", L"bytes") + L")" : std::wstring()) + L"\n";
   CConsole::Out(out);
 }
 
@@ -264,7 +265,8 @@ int CmdClean(CSession& session, const SOptions& options) {
   std::wstring report = quarantine ? L"Moved " + Plural(done, L"file", L"files") + L" (" + FormatSize(freed) +
                                          L") to '" + quarantine->Folder() + L"'; 'broom restore' puts them back.\n"
                                    : L"Cleaned " + Plural(done, L"file", L"files") + L", freed " + FormatSize(freed) +
-                                         L" (" + Plural(freed, L"byte", L"bytes") + L").\n";
+                                         (freed >= 1024 ? L" (" + Plural(freed, L"byte", L"bytes") + L")" : std::wstring()) +
+                                         L".\n";
   CConsole::Out(report);
   if (IsCancelRequested()) {
     CConsole::Err(L"broom: cancelled; " + Plural(total - done - failed, L"file was", L"files were") +
@@ -354,6 +356,12 @@ int CmdProtected(CSession& session) {
   return exitOk;
 }
 
+bool IsCommand(const CLI::App& app, const std::string& name) {
+  for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
+    if (sub->check_name(name)) return true;
+  return false;
+}
+
 int Run(int argc, wchar_t** argv) {
   CLI::App app{"broom: finds and removes the leftovers of Windows and its programs", "broom"};
   SOptions options;
@@ -392,6 +400,7 @@ int Run(int argc, wchar_t** argv) {
   // CLI11 takes UTF-8 arguments in reverse order.
   std::vector<std::string> args;
   for (int i = argc - 1; i >= 1; --i) args.push_back(Utf8(std::wstring(argv[i])));
+  const std::string first = args.empty() ? std::string() : args.back();
   try {
     app.parse(args);
   } catch (const CLI::CallForHelp&) {
@@ -405,6 +414,8 @@ int Run(int argc, wchar_t** argv) {
     return exitOk;
   } catch (const CLI::ParseError& e) {
     std::string what = e.what();
+    // A first word that is neither an option nor a command reads better as such.
+    if (!first.empty() && first[0] != '-' && !IsCommand(app, first)) what = "unknown command '" + first + "'";
     std::replace(what.begin(), what.end(), '\n', ' ');
     CConsole::Err(L"broom: " + Wide(what) + L"; run 'broom --help' for usage\n");
     return exitUsage;
