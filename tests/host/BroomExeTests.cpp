@@ -1,0 +1,553 @@
+// Runs broom.exe as a user would, with pipes for its standard handles, a
+// private LOCALAPPDATA and definition folders and file trees made per test.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/TestFiles.h"
+#include "core/Handles.h"
+
+using broomtest::Exists;
+using broomtest::Narrow;
+using broomtest::ReadFile;
+using broomtest::TempDir;
+using broomtest::WriteFile;
+
+namespace {
+
+struct RunResult {
+  DWORD code = 0xFFFFFFFF;
+  std::string out;
+  std::string err;
+};
+
+std::wstring ExeFolder() {
+  wchar_t buffer[MAX_PATH + 1];
+  DWORD n = GetModuleFileNameW(nullptr, buffer, MAX_PATH + 1);
+  std::wstring path(buffer, n);
+  return path.substr(0, path.find_last_of(L'\\'));
+}
+
+std::wstring Quote(const std::wstring& arg) {
+  // Backslashes only need doubling in front of a quote, which here is the
+  // closing one.
+  std::wstring out = L"\"";
+  size_t slashes = 0;
+  for (wchar_t c : arg) {
+    if (c == L'\\') {
+      ++slashes;
+    } else {
+      if (c == L'"') out.append(slashes + 1, L'\\');
+      slashes = 0;
+    }
+    out += c;
+  }
+  out.append(slashes, L'\\');
+  return out + L"\"";
+}
+
+std::vector<wchar_t> EnvironmentWith(const std::wstring& name, const std::wstring& value) {
+  std::vector<wchar_t> block;
+  wchar_t* env = GetEnvironmentStringsW();
+  std::wstring prefix = name + L"=";
+  for (const wchar_t* p = env; *p; p += wcslen(p) + 1) {
+    if (_wcsnicmp(p, prefix.c_str(), prefix.size()) == 0) continue;
+    block.insert(block.end(), p, p + wcslen(p) + 1);
+  }
+  FreeEnvironmentStringsW(env);
+  std::wstring entry = prefix + value;
+  block.insert(block.end(), entry.begin(), entry.end());
+  block.push_back(0);
+  block.push_back(0);
+  return block;
+}
+
+void Drain(HANDLE pipe, std::string* into) {
+  char buffer[4096];
+  DWORD read = 0;
+  while (::ReadFile(pipe, buffer, sizeof buffer, &read, nullptr) && read > 0) into->append(buffer, read);
+}
+
+// broom.exe with LOCALAPPDATA pointing at appData; input goes to its stdin.
+RunResult RunBroom(const std::vector<std::wstring>& args, const std::wstring& appData, const std::string& input = "") {
+  RunResult result;
+  std::wstring exe = ExeFolder() + L"\\broom.exe";
+  std::wstring command = Quote(exe);
+  for (const std::wstring& a : args) command += L" " + Quote(a);
+
+  SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};
+  HANDLE outRead = nullptr, outWrite = nullptr, errRead = nullptr, errWrite = nullptr, inRead = nullptr,
+         inWrite = nullptr;
+  if (!CreatePipe(&outRead, &outWrite, &sa, 0) || !CreatePipe(&errRead, &errWrite, &sa, 0) ||
+      !CreatePipe(&inRead, &inWrite, &sa, 0)) {
+    ADD_FAILURE() << "CreatePipe failed";
+    return result;
+  }
+  broom::unique_handle hOutRead(outRead), hOutWrite(outWrite), hErrRead(errRead), hErrWrite(errWrite),
+      hInRead(inRead), hInWrite(inWrite);
+  SetHandleInformation(outRead, HANDLE_FLAG_INHERIT, 0);
+  SetHandleInformation(errRead, HANDLE_FLAG_INHERIT, 0);
+  SetHandleInformation(inWrite, HANDLE_FLAG_INHERIT, 0);
+
+  STARTUPINFOW si = {};
+  si.cb = sizeof si;
+  si.dwFlags = STARTF_USESTDHANDLES;
+  si.hStdInput = inRead;
+  si.hStdOutput = outWrite;
+  si.hStdError = errWrite;
+  PROCESS_INFORMATION pi = {};
+  std::vector<wchar_t> env = EnvironmentWith(L"LOCALAPPDATA", appData);
+  std::vector<wchar_t> line(command.begin(), command.end());
+  line.push_back(0);
+  if (!CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT | CREATE_NO_WINDOW,
+                      env.data(), nullptr, &si, &pi)) {
+    ADD_FAILURE() << "cannot start " << Narrow(exe) << ": error " << GetLastError();
+    return result;
+  }
+  broom::unique_handle process(pi.hProcess), thread(pi.hThread);
+  // The child holds its own copies; ours must go for the reads to see the end.
+  hOutWrite.reset();
+  hErrWrite.reset();
+  hInRead.reset();
+  std::thread outReader(Drain, outRead, &result.out);
+  std::thread errReader(Drain, errRead, &result.err);
+  DWORD written = 0;
+  if (!input.empty()) ::WriteFile(inWrite, input.data(), static_cast<DWORD>(input.size()), &written, nullptr);
+  hInWrite.reset();
+  if (WaitForSingleObject(process.get(), 120000) != WAIT_OBJECT_0) {
+    TerminateProcess(process.get(), 99);
+    ADD_FAILURE() << "broom.exe did not end within two minutes";
+  }
+  outReader.join();
+  errReader.join();
+  GetExitCodeProcess(process.get(), &result.code);
+  return result;
+}
+
+int CountLines(const std::string& text) {
+  int n = 0;
+  for (char c : text) n += c == '\n';
+  return n;
+}
+
+class BroomExe : public ::testing::Test {
+ protected:
+  // Definitions with one group per call of Item(); paths are absolute.
+  struct ItemDef {
+    std::wstring group, name, attributes, body;
+  };
+
+  void WriteDefs(const std::vector<ItemDef>& items, const std::wstring& file = L"defs\\test.xml") {
+    std::wstring xml = L"<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<ConfigItems>\n";
+    for (const ItemDef& i : items)
+      xml += L"  <item group=\"" + i.group + L"\" name=\"" + i.name + L"\" " + i.attributes + L">" + i.body +
+             L"</item>\n";
+    xml += L"</ConfigItems>\n";
+    WriteFile(m_root / file, Narrow(xml));
+  }
+
+  static std::wstring Clean(const std::wstring& pattern, const std::wstring& kind = L"file") {
+    return L"<clean kind=\"" + kind + L"\">" + pattern + L"</clean>";
+  }
+
+  RunResult Run(std::vector<std::wstring> args, const std::string& input = "") {
+    args.insert(args.begin(), {L"--defs", Defs()});
+    return RunBroom(args, AppData(), input);
+  }
+  RunResult RunBare(const std::vector<std::wstring>& args, const std::string& input = "") {
+    return RunBroom(args, AppData(), input);
+  }
+
+  std::wstring Defs() const { return m_root / L"defs"; }
+  std::wstring AppData() const { return m_root / L"appdata"; }
+  std::wstring Tree(const std::wstring& rel = L"") const { return rel.empty() ? m_root / L"tree" : m_root / (L"tree\\" + rel); }
+
+  static nlohmann::json Json(const RunResult& r) {
+    nlohmann::json j = nlohmann::json::parse(r.out, nullptr, false);
+    EXPECT_FALSE(j.is_discarded()) << r.out;
+    return j;
+  }
+
+  TempDir m_root;
+};
+
+std::string Bytes(size_t n, unsigned seed) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131 + seed * 7 + (i >> 7)) & 0xFF);
+  return s;
+}
+
+// ---- list ----
+
+TEST_F(BroomExe, ListShowsTheSortedTreeWithEveryState) {
+  WriteDefs({{L"Beta", L"Only", L"scan=\"yes\" clean=\"yes\" desc=\"Only item\"", Clean(Tree(L"b\\*"))},
+             {L"Alpha", L"Zed", L"scan=\"yes\" clean=\"no\" safe=\"yes\" qscan=\"yes\" desc=\"Last by name\"",
+              Clean(Tree(L"z\\*")) + Clean(Tree(L"y\\*"))},
+             {L"Alpha", L"Able", L"scan=\"no\" desc=\"First by name\"", Clean(Tree(L"a\\*"))},
+             {L"Alpha", L"Gone", L"scan=\"yes\" clean=\"yes\"",
+              L"<check test=\"exists\" data=\"file\" path=\"" + Tree(L"missing") + L"\"/>" + Clean(Tree(L"g\\*"))}});
+  WriteFile(m_root / L"defs\\order.xml",
+            "<ConfigItems><group name=\"Beta\" order=\"2\" desc=\"Second group\"/><group name=\"Alpha\" order=\"1\"/>"
+            "</ConfigItems>");
+  RunResult r = Run({L"list"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  EXPECT_EQ("", r.err);
+  const std::string expected =
+      "Alpha\n"
+      "  Able  [not scanned, not cleaned, 1 operation]\n"
+      "      First by name\n"
+      "  Gone  [off: not on this PC, scan, clean, 1 operation]\n"
+      "  Zed  [scan, not cleaned, safe, quick scan, 2 operations]\n"
+      "      Last by name\n"
+      "Beta\n"
+      "    Second group\n"
+      "  Only  [scan, clean, 1 operation]\n"
+      "      Only item\n"
+      "\n"
+      "4 items in 2 groups; 2 scanned by default.\n";
+  EXPECT_EQ(expected, r.out);
+}
+
+// ---- scan ----
+
+TEST_F(BroomExe, ScanTotalsAreTheRealSizesAndJsonParses) {
+  std::vector<std::pair<std::wstring, size_t>> logs = {{L"logs\\a.log", 1}, {L"logs\\b.log", 1000}};
+  std::vector<std::pair<std::wstring, size_t>> cache = {
+      {L"cache\\c.bin", 4096}, {L"cache\\deep\\d.bin", 70000}, {L"cache\\deep\\er\\e.bin", 0}};
+  size_t logTotal = 0, cacheTotal = 0;
+  for (auto& f : logs) {
+    WriteFile(Tree(f.first), f.second);
+    logTotal += f.second;
+  }
+  for (auto& f : cache) {
+    WriteFile(Tree(f.first), f.second);
+    cacheTotal += f.second;
+  }
+  WriteFile(Tree(L"logs\\not-a-log.txt"), 333);
+  WriteDefs({{L"T", L"Logs", L"scan=\"yes\"", Clean(Tree(L"logs\\*.log"))},
+             {L"T", L"Cache", L"scan=\"yes\"", Clean(Tree(L"cache\\*"))}});
+
+  RunResult r = Run({L"scan", L"--json", L"--files"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  nlohmann::json j = Json(r);
+  ASSERT_EQ(2u, j["items"].size());
+  EXPECT_EQ("T/Cache", j["items"][0]["path"]);
+  EXPECT_EQ(3u, j["items"][0]["files"]);
+  EXPECT_EQ(cacheTotal, j["items"][0]["size"].get<size_t>());
+  EXPECT_EQ("T/Logs", j["items"][1]["path"]);
+  EXPECT_EQ(2u, j["items"][1]["files"]);
+  EXPECT_EQ(logTotal, j["items"][1]["size"].get<size_t>());
+  EXPECT_EQ(5u, j["total"]["files"]);
+  EXPECT_EQ(logTotal + cacheTotal, j["total"]["size"].get<size_t>());
+  EXPECT_FALSE(j["cancelled"].get<bool>());
+  size_t sum = 0;
+  for (auto& item : j["items"])
+    for (auto& hit : item["hits"]) sum += hit["size"].get<size_t>();
+  EXPECT_EQ(logTotal + cacheTotal, sum);
+
+  RunResult table = Run({L"scan"});
+  ASSERT_EQ(0u, table.code);
+  EXPECT_NE(std::string::npos, table.out.find("Total")) << table.out;
+  EXPECT_NE(std::string::npos, table.out.find("(75,097 bytes)")) << table.out;
+}
+
+TEST_F(BroomExe, NonAsciiPathsReachTextAndJsonAsUtf8) {
+  std::wstring odd = WriteFile(Tree(L"u\\caf\u00e9-\u65e5\u672c.tmp"), 10);
+  WriteDefs({{L"T", L"U", L"scan=\"yes\"", Clean(Tree(L"u\\*"))}});
+  RunResult r = Run({L"scan", L"--json", L"--files"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  nlohmann::json j = Json(r);
+  ASSERT_EQ(1u, j["items"][0]["hits"].size());
+  EXPECT_EQ(Narrow(odd), j["items"][0]["hits"][0]["path"].get<std::string>());
+  RunResult text = Run({L"scan", L"--files"});
+  EXPECT_NE(std::string::npos, text.out.find(Narrow(odd))) << text.out;
+}
+
+TEST_F(BroomExe, DefaultSelectionNamesGroupsAndSwitchedOffItems) {
+  WriteFile(Tree(L"on\\1.bin"), 1);
+  WriteFile(Tree(L"risky\\2.bin"), 2);
+  WriteFile(Tree(L"off\\3.bin"), 3);
+  WriteDefs({{L"G/Sub", L"On", L"scan=\"yes\"", Clean(Tree(L"on\\*"))},
+             {L"G/Sub", L"Risky", L"scan=\"no\"", Clean(Tree(L"risky\\*"))},
+             {L"G", L"Off", L"scan=\"yes\"",
+              L"<check test=\"exists\" data=\"env\" path=\"BROOM_NO_SUCH_VARIABLE\"/>" + Clean(Tree(L"off\\*"))}});
+  auto paths = [](const nlohmann::json& j) {
+    std::vector<std::string> out;
+    for (auto& i : j["items"]) out.push_back(i["path"]);
+    return out;
+  };
+  RunResult byDefault = Run({L"scan", L"--json"});
+  ASSERT_EQ(0u, byDefault.code) << byDefault.err;
+  EXPECT_EQ(std::vector<std::string>{"G/Sub/On"}, paths(Json(byDefault)));
+
+  RunResult named = Run({L"scan", L"--json", L"g/sub/RISKY"});
+  ASSERT_EQ(0u, named.code) << named.err;
+  EXPECT_EQ(std::vector<std::string>{"G/Sub/Risky"}, paths(Json(named)));
+  EXPECT_EQ(2u, Json(named)["total"]["size"]);
+
+  RunResult group = Run({L"scan", L"--json", L"G"});
+  ASSERT_EQ(0u, group.code);
+  EXPECT_EQ((std::vector<std::string>{"G/Sub/On", "G/Sub/Risky"}), paths(Json(group)));
+  EXPECT_NE(std::string::npos, group.err.find("skipped 'G/Off'")) << group.err;
+
+  RunResult suffix = Run({L"scan", L"--json", L"Sub"});
+  ASSERT_EQ(0u, suffix.code);
+  EXPECT_EQ((std::vector<std::string>{"G/Sub/On", "G/Sub/Risky"}), paths(Json(suffix)));
+}
+
+// ---- clean ----
+
+TEST_F(BroomExe, CleanRemovesExactlyTheHitsAndNothingProtected) {
+  std::wstring a = WriteFile(Tree(L"junk\\a.bin"), 100);
+  std::wstring b = WriteFile(Tree(L"junk\\sub\\b.bin"), 200);
+  std::wstring c = WriteFile(Tree(L"junk\\guarded\\c.bin"), 300);
+  std::wstring lone = WriteFile(Tree(L"junk\\lonely.bin"), 400);
+  std::wstring other = WriteFile(Tree(L"elsewhere\\d.bin"), 500);
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  ASSERT_EQ(0u, RunBare({L"protect", Tree(L"junk\\guarded")}).code);
+  ASSERT_EQ(0u, RunBare({L"protect", lone}).code);
+
+  RunResult r = Run({L"clean", L"--yes"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("Cleaned 2 files, freed 300 bytes.")) << r.out;
+  EXPECT_FALSE(Exists(a));
+  EXPECT_FALSE(Exists(b));
+  EXPECT_TRUE(Exists(Tree(L"junk\\sub")));  // folders are not hits
+  EXPECT_EQ(std::string(300, 'x'), ReadFile(c));
+  EXPECT_EQ(std::string(400, 'x'), ReadFile(lone));
+  EXPECT_EQ(std::string(500, 'x'), ReadFile(other));
+}
+
+TEST_F(BroomExe, CleanAsksFirstAndOnlyYesGoesAhead) {
+  std::wstring a = WriteFile(Tree(L"junk\\a.bin"), 10);
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  for (const char* answer : {"n\n", "", "yess\n"}) {
+    RunResult r = Run({L"clean"}, answer);
+    EXPECT_EQ(0u, r.code) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("Delete 1 file (10 bytes) for good? [y/N]")) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("Nothing was cleaned.")) << r.out;
+    EXPECT_TRUE(Exists(a)) << answer;
+  }
+  RunResult yes = Run({L"clean"}, "y\r\n");
+  EXPECT_EQ(0u, yes.code) << yes.err;
+  EXPECT_FALSE(Exists(a));
+}
+
+TEST_F(BroomExe, CleanByDefaultTakesOnlyItemsThatAreOnForCleaning) {
+  std::wstring kept = WriteFile(Tree(L"scanonly\\k.bin"), 5);
+  std::wstring gone = WriteFile(Tree(L"both\\g.bin"), 6);
+  WriteDefs({{L"T", L"ScanOnly", L"scan=\"yes\" clean=\"no\"", Clean(Tree(L"scanonly\\*"))},
+             {L"T", L"Both", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"both\\*"))}});
+  RunResult r = Run({L"clean", L"-y"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  EXPECT_TRUE(Exists(kept));
+  EXPECT_FALSE(Exists(gone));
+}
+
+TEST_F(BroomExe, TruncatingItemsEmptyTheirFilesAndKeepThem) {
+  std::wstring log = WriteFile(Tree(L"logs\\app.log"), 4000);
+  std::wstring empty = WriteFile(Tree(L"logs\\empty.log"), 0);
+  WriteDefs({{L"T", L"Logs", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"logs\\*.log"), L"trunc")}});
+  RunResult r = Run({L"clean", L"--yes"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("Cleaned 1 file, freed 3.9 KB (4,000 bytes).")) << r.out;
+  ASSERT_TRUE(Exists(log));
+  EXPECT_EQ("", ReadFile(log));
+  EXPECT_TRUE(Exists(empty));
+}
+
+TEST_F(BroomExe, FailuresAreExplainedAndExitWithOne) {
+  std::wstring locked = WriteFile(Tree(L"logs\\locked.log"), 50);
+  std::wstring fine = WriteFile(Tree(L"logs\\fine.log"), 60);
+  WriteDefs({{L"T", L"Logs", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"logs\\*.log"), L"trunc")}});
+  RunResult r;
+  {
+    // Held open without sharing, as a running program holds its log.
+    broom::unique_hfile hold(
+        CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(hold);
+    r = Run({L"clean", L"--yes"});
+  }
+  EXPECT_EQ(1u, r.code) << r.out << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("failed: " + Narrow(locked) + ": could not be opened to empty it")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("(0x88004005)")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("1 file could not be cleaned")) << r.err;
+  EXPECT_EQ(std::string(50, 'x'), ReadFile(locked));
+  EXPECT_EQ("", ReadFile(fine));
+}
+
+// ---- quarantine ----
+
+TEST_F(BroomExe, QuarantineThenRestoreGivesBackEveryByte) {
+  std::vector<std::pair<std::wstring, std::string>> files = {
+      {Tree(L"junk\\x\\same.txt"), Bytes(1500, 1)},
+      {Tree(L"junk\\y\\same.txt"), Bytes(2500, 2)},
+      {Tree(L"junk\\z\\deeper\\other.dat"), Bytes(0, 3)},
+      {Tree(L"junk\\w\\\u00e9t\u00e9.bin"), Bytes(70000, 4)}};
+  for (auto& f : files) WriteFile(f.first, f.second);
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  std::wstring q = m_root / L"quarantine";
+
+  RunResult moved = Run({L"clean", L"--yes", L"--quarantine", q});
+  ASSERT_EQ(0u, moved.code) << moved.err;
+  EXPECT_NE(std::string::npos, moved.out.find("Moved 4 files")) << moved.out;
+  for (auto& f : files) EXPECT_FALSE(Exists(f.first)) << Narrow(f.first);
+  nlohmann::json manifest = nlohmann::json::parse(ReadFile(q + L"\\broom-quarantine.json"), nullptr, false);
+  ASSERT_FALSE(manifest.is_discarded());
+  ASSERT_EQ(4u, manifest["entries"].size());
+  std::vector<std::string> stored;
+  for (auto& e : manifest["entries"]) stored.push_back(e["stored"]);
+  std::sort(stored.begin(), stored.end());
+  EXPECT_EQ((std::vector<std::string>{"other.dat", "same (1).txt", "same.txt", Narrow(L"\u00e9t\u00e9.bin")}), stored);
+
+  // A second clean finds nothing: the quarantine is not scanned, the sources are empty.
+  RunResult again = Run({L"clean", L"--yes", L"--quarantine", q});
+  EXPECT_NE(std::string::npos, again.out.find("Nothing to clean.")) << again.out;
+
+  RunResult restored = RunBare({L"restore", q});
+  ASSERT_EQ(0u, restored.code) << restored.err;
+  EXPECT_NE(std::string::npos, restored.out.find("Restored 4 files")) << restored.out;
+  for (auto& f : files) EXPECT_EQ(f.second, ReadFile(f.first)) << Narrow(f.first);
+  EXPECT_FALSE(Exists(q));
+}
+
+TEST_F(BroomExe, RestoreKeepsWhatWouldOverwriteAFile) {
+  std::wstring a = WriteFile(Tree(L"junk\\a.bin"), Bytes(100, 5));
+  std::wstring b = WriteFile(Tree(L"junk\\b.bin"), Bytes(200, 6));
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  std::wstring q = m_root / L"q";
+  ASSERT_EQ(0u, Run({L"clean", L"--yes", L"--quarantine", q}).code);
+  WriteFile(a, "new content");
+
+  RunResult r = RunBare({L"restore", q});
+  EXPECT_EQ(1u, r.code);
+  EXPECT_NE(std::string::npos, r.err.find("not restored: " + Narrow(a) + ": a file already exists")) << r.err;
+  EXPECT_EQ("new content", ReadFile(a));
+  EXPECT_EQ(Bytes(200, 6), ReadFile(b));
+  EXPECT_EQ(Bytes(100, 5), ReadFile(q + L"\\a.bin"));
+  nlohmann::json manifest = nlohmann::json::parse(ReadFile(q + L"\\broom-quarantine.json"));
+  ASSERT_EQ(1u, manifest["entries"].size());
+  EXPECT_EQ(Narrow(a), manifest["entries"][0]["original"]);
+
+  DeleteFileW(a.c_str());
+  EXPECT_EQ(0u, RunBare({L"restore", q}).code);
+  EXPECT_EQ(Bytes(100, 5), ReadFile(a));
+}
+
+// ---- usage errors ----
+
+TEST_F(BroomExe, UnusableArgumentsAndDefinitionsExitTwoWithOneLine) {
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  broomtest::MakeDirs(m_root / L"empty");
+  WriteFile(m_root / L"broken\\bad.xml", "<ConfigItems><group name=\"x\"></ConfigItems>");
+  WriteFile(m_root / L"noitems\\none.xml", "<ConfigItems><group name=\"x\"/></ConfigItems>");
+  struct Case {
+    std::vector<std::wstring> args;
+    const char* says;
+  };
+  std::vector<Case> cases = {
+      {{}, "A subcommand is required"},
+      {{L"bogus"}, "unknown command 'bogus'"},
+      {{L"scan", L"--bogus"}, "--bogus"},
+      {{L"--defs"}, "--defs"},
+      {{L"restore"}, "DIR"},
+      {{L"--defs", m_root / L"missing", L"scan"}, "does not exist"},
+      {{L"--defs", m_root / L"empty", L"list"}, "no definition file"},
+      {{L"--defs", m_root / L"broken", L"list"}, "no definition file"},
+      {{L"--defs", m_root / L"noitems", L"list"}, "hold no item"},
+      {{L"--defs", Defs(), L"scan", L"No such item"}, "no item or group is named 'No such item'"},
+      {{L"restore", m_root / L"empty"}, "holds no quarantine manifest"},
+      {{L"unprotect", m_root / L"never"}, "is not on the protected list"},
+  };
+  for (const Case& c : cases) {
+    std::string shown;
+    for (auto& a : c.args) shown += " " + Narrow(a);
+    RunResult r = RunBare(c.args);
+    EXPECT_EQ(2u, r.code) << shown << "\n" << r.err;
+    EXPECT_EQ(1, CountLines(r.err)) << shown << "\n" << r.err;
+    EXPECT_EQ(0u, r.err.rfind("broom: ", 0)) << shown << "\n" << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.says)) << shown << "\n" << r.err;
+    EXPECT_EQ("", r.out) << shown;
+  }
+}
+
+TEST_F(BroomExe, HelpAndVersionExitZero) {
+  RunResult help = RunBare({L"--help"});
+  EXPECT_EQ(0u, help.code);
+  for (const char* word : {"list", "scan", "clean", "restore", "protect", "unprotect", "protected", "--defs", "--no-log"})
+    EXPECT_NE(std::string::npos, help.out.find(word)) << word;
+  EXPECT_EQ(std::string::npos, help.out.find("cancel-after")) << "the test option stays hidden";
+  RunResult version = RunBare({L"--version"});
+  EXPECT_EQ(0u, version.code);
+  EXPECT_EQ(0u, version.out.rfind("broom ", 0)) << version.out;
+}
+
+// ---- cancellation ----
+// Ctrl+C sets the flag IsCancelled answers; a console event cannot reach a
+// child that has no console under Wine, so the hidden --cancel-after-files
+// raises the same flag once the scan has seen that many files.
+
+TEST_F(BroomExe, CancellationStopsALongScanAndCleansNothing) {
+  for (int d = 0; d < 40; ++d)
+    for (int f = 0; f < 10; ++f) WriteFile(Tree(L"many\\d" + std::to_wstring(d) + L"\\f" + std::to_wstring(f)), 1);
+  WriteDefs({{L"T", L"Many", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"many\\*"))}});
+  RunResult full = Run({L"scan", L"--json"});
+  ASSERT_EQ(0u, full.code);
+  EXPECT_EQ(400u, Json(full)["total"]["files"]);
+
+  RunResult r = Run({L"scan", L"--json", L"--cancel-after-files", L"15"});
+  EXPECT_EQ(130u, r.code);
+  nlohmann::json j = Json(r);
+  EXPECT_TRUE(j["cancelled"].get<bool>());
+  EXPECT_LE(j["total"]["files"].get<int>(), 20);
+  EXPECT_NE(std::string::npos, r.err.find("cancelled")) << r.err;
+
+  RunResult c = Run({L"clean", L"--yes", L"--cancel-after-files", L"15"});
+  EXPECT_EQ(130u, c.code);
+  EXPECT_NE(std::string::npos, c.err.find("nothing was cleaned")) << c.err;
+  for (int d = 0; d < 40; ++d) EXPECT_TRUE(Exists(Tree(L"many\\d" + std::to_wstring(d) + L"\\f0")));
+}
+
+// ---- whitelist and logs ----
+
+TEST_F(BroomExe, ProtectedPathsAreKeptInTheUserDataFolder) {
+  std::wstring file = AppData() + L"\\Broom\\whitelist.txt";
+  std::wstring path = m_root / L"Keep\\Me";
+  std::string upper = Narrow(path);
+  for (char& ch : upper) ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+
+  RunResult p = RunBare({L"protect", path + L"\\"});
+  ASSERT_EQ(0u, p.code) << p.err;
+  EXPECT_EQ(upper + "\r\n", ReadFile(file));
+  EXPECT_EQ(upper + "\n", RunBare({L"protected"}).out);
+  EXPECT_NE(std::string::npos, RunBare({L"protect", path}).out.find("already protected"));
+  EXPECT_EQ(upper + "\r\n", ReadFile(file));
+
+  RunResult wide = RunBare({L"protect", m_root / L"\u65e5\u672c"});
+  EXPECT_EQ(2u, wide.code);
+  EXPECT_NE(std::string::npos, wide.err.find("Latin-1")) << wide.err;
+  EXPECT_EQ(upper + "\r\n", ReadFile(file));
+
+  ASSERT_EQ(0u, RunBare({L"unprotect", path}).code);
+  EXPECT_EQ("", ReadFile(file));
+  EXPECT_EQ("No path is protected.\n", RunBare({L"protected"}).out);
+}
+
+TEST_F(BroomExe, ScanLogsAreWrittenUnlessSwitchedOff) {
+  std::wstring hit = WriteFile(Tree(L"junk\\a.bin"), 7);
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  ASSERT_EQ(0u, Run({L"--no-log", L"scan"}).code);
+  EXPECT_TRUE(Exists(AppData() + L"\\Broom\\Logs"));
+  EXPECT_FALSE(Exists(AppData() + L"\\Broom\\Logs\\scan1.log"));
+  ASSERT_EQ(0u, Run({L"scan"}).code);
+  std::string bytes = ReadFile(AppData() + L"\\Broom\\Logs\\scan1.log");
+  std::wstring log(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
+  EXPECT_NE(std::wstring::npos, log.find(L"File: " + hit + L"\t\tSize: 7\r\n")) << Narrow(log);
+}
+
+}  // namespace
