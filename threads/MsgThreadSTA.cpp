@@ -96,19 +96,29 @@ CMsgThreadSTA* CXmlConfigGlobal::GetSTAMsgThread() {
 
 void CXmlConfigGlobal::Shutdown() {
   CRefPtr<STAThread> thread(Instance().Detach());
+  bool ended = true;
   if (thread) {
     thread->Release();  // the reference Instance() held
     HANDLE handle = nullptr;
     DuplicateHandle(GetCurrentProcess(), thread->GetThreadHandle(), GetCurrentProcess(), &handle, SYNCHRONIZE,
                     FALSE, 0);
     broom::unique_handle wait(handle);
-    // the loop only takes messages of the router window, so the quit
-    // message is addressed to it
-    PostMessageW(thread->GetRouterWindow(), WM_QUIT, 0, 0);
+    HWND router = thread->GetRouterWindow();
+    DWORD threadId = thread->GetThreadId();
     thread.Reset();
-    if (wait) WaitForSingleObject(wait.get(), INFINITE);
+    // The loop only takes messages of the router window, so the quit message
+    // is addressed to it (and to the thread, should the window be gone). It
+    // is posted again while waiting, and the wait is bounded: a host that
+    // exits must never hang here.
+    ended = !wait;
+    for (int i = 0; i < 100 && !ended; ++i) {
+      if (router) PostMessageW(router, WM_QUIT, 0, 0);
+      PostThreadMessageW(threadId, WM_QUIT, 0, 0);
+      ended = WaitForSingleObject(wait.get(), 100) == WAIT_OBJECT_0;
+    }
   }
-  if (PinnedModule() && !Instance()) {
+  // a thread that did not end keeps the module loaded under it
+  if (ended && PinnedModule() && !Instance()) {
     HMODULE module = PinnedModule();
     PinnedModule() = nullptr;
     FreeLibrary(module);
