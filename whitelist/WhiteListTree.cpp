@@ -244,25 +244,49 @@ void CWhiteListTree::Walk(F f) const {
   }
 }
 
+bool CWhiteListTree::LoadsBackAs(const CString& line, ConstIterator node) {
+  // Only what the loader can read back exactly: one byte per character, no
+  // line breaks or end-of-text mark inside, and no more than a line holds.
+  if (line.GetLength() > kMaxLineLength) return false;
+  for (int i = 0; i < line.GetLength(); ++i) {
+    const wchar_t ch = line[i];
+    if (ch > 0xFF || ch == L'\r' || ch == L'\n' || ch == 0x1A) return false;
+  }
+  // The loader splits and upper-cases the line again; it must come back to
+  // this very node (a trailing empty name, for one, would be dropped and
+  // the line would protect the parent instead).
+  try {
+    CParsedString parsed(line);
+    const SWhiteListTreeNode* cur = node.node();
+    for (int i = parsed.m_last; i >= 0; --i) {
+      if (IsSentinel(cur) || cur->item->name != parsed.m_components[i]) return false;
+      cur = ParentOf(cur);
+    }
+    return IsSentinel(cur);
+  } catch (const Exception&) {
+    return false;
+  }
+}
+
 bool CWhiteListTree::SaveToFile(const wchar_t* path, unsigned long mask) const {
   std::string bytes;
   bool representable = true;
   Walk([&](const SWhiteListTreeNode* node) {
-    if ((node->item->flags & mask) != mask) return;
+    if (!representable || (node->item->flags & mask) != mask) return;
     CString line = PathFromIterator(ConstIterator(node));
-    for (int i = 0; i < line.GetLength(); ++i) {
-      wchar_t ch = line[i];
-      if (ch > 0xFF) representable = false;
-      bytes.push_back(static_cast<char>(static_cast<unsigned char>(ch)));
+    if (!LoadsBackAs(line, ConstIterator(node))) {
+      representable = false;
+      return;
     }
+    for (int i = 0; i < line.GetLength(); ++i) bytes.push_back(static_cast<char>(static_cast<unsigned char>(line[i])));
     bytes += "\r\n";
   });
   if (!representable) return false;
   broom::unique_hfile file(CreateFileW(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                        CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file) return false;
-  DWORD written = 0;
   if (bytes.empty()) return true;
+  DWORD written = 0;
   return ::WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
          written == bytes.size();
 }
@@ -272,14 +296,14 @@ void CWhiteListTree::LoadFromFile(const wchar_t* path) {
                                        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file) return;
   std::string bytes;
-  char chunk[65536];
+  char chunk[4096];
   DWORD got = 0;
   while (::ReadFile(file.get(), chunk, sizeof chunk, &got, nullptr) && got > 0) bytes.append(chunk, got);
   file.reset();
 
   // Read as a text stream does: CR LF is one line end, Ctrl+Z ends the text,
-  // and a line keeps at most 259 characters; a longer one is added cut and
-  // ends the loading.
+  // and a line keeps at most kMaxLineLength characters; a longer one is
+  // added cut and ends the loading.
   size_t end = bytes.find('\x1A');
   if (end == std::string::npos) end = bytes.size();
   size_t pos = 0;
@@ -297,7 +321,7 @@ void CWhiteListTree::LoadFromFile(const wchar_t* path) {
         lineEnd = true;
         break;
       }
-      if (line.size() == 259) {
+      if (line.size() == static_cast<size_t>(kMaxLineLength)) {
         tooLong = true;
         break;
       }

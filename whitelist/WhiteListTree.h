@@ -70,17 +70,21 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
   bool FromPath(const wchar_t* path, Iterator& it, bool create);
 
   // Saving lists the paths of the nodes whose flags hold every bit of mask
-  // (0 lists all), parents before children. A path holding a character
-  // above U+00FF cannot be written in the one-byte file format, and writing
-  // it shortened or mapped would protect a different path: SaveToFile then
-  // refuses the whole save and leaves an existing file untouched. Returns
-  // false when nothing was written.
+  // (0 lists all), parents before children, one per line.
+  // The file holds one byte per character and lines of at most
+  // kMaxLineLength characters. A path that would not load back as itself (a
+  // character above U+00FF, a CR, LF or Ctrl+Z inside, a line too long, a
+  // trailing empty name) could only be written shortened, mapped or split,
+  // which would protect a different path: SaveToFile then refuses the whole
+  // save and leaves an existing file untouched. Returns false when nothing
+  // was written; the array form holds every path unchanged.
   bool SaveToFile(const wchar_t* path, unsigned long mask) const;
   void LoadFromFile(const wchar_t* path);
   CRefPtr<IConstTArray<CString>> SaveToArray(unsigned long mask) const;
   void LoadFromArray(const std::vector<CString>& paths);
 
   static CString PathFromIterator(ConstIterator node);
+  static constexpr int kMaxLineLength = 259;
   // The case mapping used for stored names and queries alike.
   static void UpperCase(wchar_t* text, int length);
 
@@ -91,6 +95,9 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
   bool FromParsedString(CParsedString& parsed, Iterator& it, bool create);
   static bool FromParsedString(ConstIterator& it, CParsedString& parsed, unsigned long& flags);
   static unsigned long CheckProtection(ConstIterator node, CParsedString& parsed);
+
+  // True when the loader would read line back as exactly this node.
+  static bool LoadsBackAs(const CString& line, ConstIterator node);
 
   // Calls f for every node, parents before children, siblings in order.
   template <class F>

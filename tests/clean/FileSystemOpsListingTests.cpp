@@ -88,6 +88,64 @@ TEST_F(Listing, SizeOnDiskOfFilesAndTrees) {
                BufferOverflowException);
 }
 
+TEST_F(Listing, AppendsAndFiltersByPattern) {
+  std::list<WIN32_FIND_DATAW> folders, files;
+  std::wstring pattern = m_dir / L"T\\*";
+  CFileSystemOps::ListDirectory(folders, &files, pattern.c_str(), false);
+  CFileSystemOps::ListDirectory(folders, &files, pattern.c_str(), false);
+  EXPECT_EQ(folders.size(), 2u);  // appended, never cleared
+  EXPECT_EQ(files.size(), 4u);
+
+  std::list<WIN32_FIND_DATAW> txtFolders, txt;
+  CFileSystemOps::ListDirectory(txtFolders, &txt, (m_dir / L"T\\p*.txt").c_str(), true);
+  EXPECT_EQ(Names(txt), (std::set<std::wstring>{L"plain.txt"}));
+  EXPECT_TRUE(txtFolders.empty());
+  ASSERT_EQ(txt.size(), 1u);
+  EXPECT_EQ(txt.front().nFileSizeLow, 5u);  // the record is copied whole
+
+  // a pattern without wildcard lists the folder it names
+  std::list<WIN32_FIND_DATAW> subOnly;
+  CFileSystemOps::ListDirectory(subOnly, nullptr, (m_dir / L"T\\sub").c_str(), false);
+  EXPECT_EQ(Names(subOnly), (std::set<std::wstring>{L"sub"}));
+}
+
+TEST_F(Listing, SizeOfAWholeTreeCountsNoLinkTwice) {
+  std::list<WIN32_FIND_DATAW> top;
+  CFileSystemOps::ListDirectory(top, nullptr, (m_dir / L"T").c_str(), false);
+  ASSERT_EQ(top.size(), 1u);
+  // plain 5 + hidden 7 + sub\inner 100; not the system file (11), not sub\sys (1000),
+  // not the link outside (5000), not the link back into sub (100 again)
+  EXPECT_EQ(CFileSystemOps::GetSizeOnDisk(CPathString(m_dir.Path().c_str()), top.front()), 112u);
+  // a folder given with its trailing separator joins the same way
+  EXPECT_EQ(CFileSystemOps::GetSizeOnDisk(CPathString((m_dir.Path() + L"\\").c_str()), top.front()), 112u);
+
+  broomtest::WriteFile(m_dir / L"T\\sub\\deeper\\more\\last.bin", 23);
+  broomtest::MakeDirs(m_dir / L"T\\empty");
+  EXPECT_EQ(CFileSystemOps::GetSizeOnDisk(CPathString(m_dir.Path().c_str()), top.front()), 135u);
+}
+
+TEST_F(Listing, SizeOfAFileFromItsRecord) {
+  CPathString folder((m_dir / L"T").c_str());
+  WIN32_FIND_DATAW big = {};
+  big.nFileSizeHigh = 1;
+  big.nFileSizeLow = 5;
+  wcscpy(big.cFileName, L"not-on-disk.bin");
+  EXPECT_EQ(CFileSystemOps::GetSizeOnDisk(folder, big), (1ull << 32) + 5);  // nominal: the file is not opened
+
+  // with the compressed attribute the size comes from the file system, not the record
+  std::list<WIN32_FIND_DATAW> folders, files;
+  CFileSystemOps::ListDirectory(folders, &files, (m_dir / L"T\\plain.txt").c_str(), false);
+  ASSERT_EQ(files.size(), 1u);
+  WIN32_FIND_DATAW plain = files.front();
+  plain.nFileSizeLow = 77;
+  plain.dwFileAttributes |= FILE_ATTRIBUTE_COMPRESSED;
+  DWORD high = 0;
+  DWORD low = GetCompressedFileSizeW((m_dir / L"T\\plain.txt").c_str(), &high);
+  ASSERT_NE(low, INVALID_FILE_SIZE);
+  EXPECT_EQ(CFileSystemOps::GetSizeOnDisk(folder, plain), (static_cast<unsigned __int64>(high) << 32) | low);
+  EXPECT_NE(CFileSystemOps::GetSizeOnDisk(folder, plain), 77u);
+}
+
 TEST_F(Listing, CompressedFilesReportTheirCompressedSize) {
   GTEST_SKIP() << "NTFS compression does not exist under Wine, so no compressed file can be made";
 }
