@@ -206,29 +206,38 @@ TEST(WhiteListTree, SiblingsCompareAsUnsignedCodeUnits) {
 }
 
 TEST(WhiteListTree, ConcurrentGuardingLosesNoPath) {
-  // Every thread inserts into the same sibling ring, interleaved with the
-  // others, and checks its own and a neighbour's paths while they run.
-  CWhiteListTree tree;
-  constexpr int kThreads = 4, kPaths = 300;
-  std::atomic<int> ownMisses{0}, badFlags{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kPaths; ++i) {
-        std::wstring path = L"C:\\Shared\\P" + std::to_wstring(i * kThreads + t);
-        tree.SafeGuardPath(path.c_str(), 0x1);
-        if (tree.CheckProtection(path.c_str()) != 0x1) ++ownMisses;
-        std::wstring other = L"C:\\Shared\\P" + std::to_wstring(i * kThreads + (t + 1) % kThreads) + L"\\x";
-        if (tree.CheckProtection(other.c_str()) & ~0x1ul) ++badFlags;
-      }
-    });
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(ownMisses.load(), 0);
-  EXPECT_EQ(badFlags.load(), 0);
-  EXPECT_EQ(Saved(tree, 1).size(), static_cast<size_t>(kThreads * kPaths));
-  EXPECT_EQ(CheckTree(tree), static_cast<size_t>(kThreads * kPaths + 2));
-  for (int n = 0; n < kThreads * kPaths; ++n)
-    ASSERT_EQ(tree.CheckProtection((L"C:\\SHARED\\P" + std::to_wstring(n)).c_str()), 0x1u) << n;
+  // The threads start together and at each step all add a child below the
+  // same new folder, so they race to create that folder and to insert into
+  // the same ring, while checking their own and a neighbour's paths. A race
+  // is not certain on every run of a two-core machine, hence the rounds.
+  constexpr int kRounds = 8, kThreads = 4, kPaths = 1000;
+  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
+    CWhiteListTree tree;
+    std::atomic<int> ownMisses{0}, badFlags{0}, ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+      threads.emplace_back([&, t] {
+        ++ready;
+        while (ready.load() < kThreads) std::this_thread::yield();
+        for (int i = 0; i < kPaths; ++i) {
+          std::wstring folder = L"C:\\Shared\\P" + std::to_wstring(i);
+          std::wstring path = folder + L"\\T" + std::to_wstring(t);
+          tree.SafeGuardPath(path.c_str(), 0x1);
+          if (tree.CheckProtection(path.c_str()) != 0x1) ++ownMisses;
+          std::wstring other = folder + L"\\T" + std::to_wstring((t + 1) % kThreads) + L"\\x";
+          if (tree.CheckProtection(other.c_str()) & ~0x1ul) ++badFlags;
+        }
+      });
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(ownMisses.load(), 0);
+    EXPECT_EQ(badFlags.load(), 0);
+    EXPECT_EQ(Saved(tree, 1).size(), static_cast<size_t>(kThreads * kPaths));
+    EXPECT_EQ(CheckTree(tree), static_cast<size_t>(kThreads * kPaths + kPaths + 2));  // no folder made twice
+    for (int i = 0; i < kPaths; ++i)
+      for (int t = 0; t < kThreads; ++t)
+        ASSERT_EQ(tree.CheckProtection((L"C:\\SHARED\\P" + std::to_wstring(i) + L"\\T" + std::to_wstring(t)).c_str()),
+                  0x1u);
+  }
 }
 
 class WhiteListFile : public testing::Test {
