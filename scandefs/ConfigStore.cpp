@@ -3,6 +3,7 @@
 #include <shlwapi.h>
 
 #include <cwchar>
+#include <initializer_list>
 
 #include "core/Handles.h"
 #include "scandefs/XmlReader.h"
@@ -82,10 +83,12 @@ void CConfigStore::FinishLoad() {
 }
 
 void CConfigStore::ExpandTree(CScanGroup_imp& group) {
-  CString name = ExpandText(group.m_name);
-  if (name != group.m_name) group.m_name = name;
-  CString desc = ExpandText(group.m_desc);
-  if (desc != group.m_desc) group.m_desc = desc;
+  // only a '%' or a '$' can make a text change
+  for (CString* text : {&group.m_name, &group.m_desc}) {
+    if (!wcspbrk(*text, L"%$")) continue;
+    CString expanded = ExpandText(*text);
+    if (expanded != *text) *text = expanded;
+  }
   for (auto& child : group.m_children) ExpandTree(child);
 }
 

@@ -87,7 +87,6 @@ class BROOM_API XmlConfigSettings {
   XmlConfigSettings() = default;
   XmlConfigSettings(const XmlConfigSettings&) = default;
   XmlConfigSettings& operator=(const XmlConfigSettings&) = default;
-  virtual ~XmlConfigSettings() = default;
 
   virtual void Set(const wchar_t* name, const wchar_t* value);
   virtual void Set(const wchar_t* name, int value);
@@ -97,6 +96,8 @@ class BROOM_API XmlConfigSettings {
   virtual void BeginGroup(const wchar_t* name);
   virtual void EndGroup();
   virtual std::wstring Group();
+  // declared last so that the eight operations keep the first slots
+  virtual ~XmlConfigSettings() = default;
 
   CString m_group;
 };

@@ -69,13 +69,19 @@ CScopedMap::ConfigValueMap::~ConfigValueMap() {
 }
 
 bool CScopedMap::ConfigValueMap::Lookup(const std::wstring& name, std::wstring& out) const {
-  auto found = find(name);
-  if (found != end()) {
-    if (!found->second) return false;
-    out = found->second;
-    return true;
+  const wchar_t* text = Find(name.data(), name.size());
+  if (!text) return false;
+  out = text;
+  return true;
+}
+
+const wchar_t* CScopedMap::ConfigValueMap::Find(const wchar_t* name, size_t length) const {
+  // the nearest scope that knows the name answers, a null entry included
+  for (const ConfigValueMap* scope = this; scope; scope = scope->m_parentScope.Get()) {
+    auto found = scope->find(CaseInsensitiveStringLess::Name(name, length));
+    if (found != scope->end()) return found->second;
   }
-  return m_parentScope ? m_parentScope->Lookup(name, out) : false;
+  return nullptr;
 }
 
 void CScopedMap::ConfigValueMap::Set(const std::wstring& name, const wchar_t* text) {

@@ -6,15 +6,25 @@
 
 #include <map>
 #include <string>
+#include <utility>
 
 #include "core/Export.h"
 #include "core/RefCounting.h"
+#include "scandefs/NoCase.h"
 
-// Orders names case-insensitively (ordinal, upper-case folding).
+// Orders names as _wcsicmp(a, b) < 0 does; also compares against a
+// (pointer, length) name so that look-ups need no string of their own.
 struct CaseInsensitiveStringLess {
+  using is_transparent = void;
+  using Name = std::pair<const wchar_t*, size_t>;
   bool operator()(const std::wstring& a, const std::wstring& b) const {
-    return CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
-           CSTR_LESS_THAN;
+    return broom::CompareNoCase(a.c_str(), b.c_str()) < 0;
+  }
+  bool operator()(const std::wstring& a, const Name& b) const {
+    return broom::CompareNoCase(a.data(), a.size(), b.first, b.second) < 0;
+  }
+  bool operator()(const Name& a, const std::wstring& b) const {
+    return broom::CompareNoCase(a.first, a.second, b.data(), b.size()) < 0;
   }
 };
 
@@ -31,6 +41,9 @@ class BROOM_API CScopedMap {
     virtual ~ConfigValueMap();
 
     bool Lookup(const std::wstring& name, std::wstring& out) const;
+    // The text the name resolves to through this scope and its enclosing
+    // ones; null when it is unknown or hidden. Valid while the entry lives.
+    const wchar_t* Find(const wchar_t* name, size_t length) const;
     void Set(const std::wstring& name, const wchar_t* text);
     void Remove(const std::wstring& name);
     CRefPtr<ConfigValueMap> CreateChildScope();

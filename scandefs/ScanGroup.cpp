@@ -1,5 +1,9 @@
 #include "scandefs/ScanGroup.h"
 
+#include <cwchar>
+
+#include "scandefs/NoCase.h"
+
 CScanGroup::CScanGroup() : m_order(999999), m_parent(nullptr), m_uiData(nullptr) {
   for (auto& p : m_boolProps) p = abNotSet;
 }
@@ -43,25 +47,43 @@ void CScanGroup_imp::GetScanOps(CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>>
   out = new IUnknownNoQIImp<It>(m_scanOps.cbegin(), m_scanOps.cend());
 }
 
-CScanGroup_imp* CScanGroup_imp::FindChild(const wchar_t* name) {
+CScanGroup_imp* CScanGroup_imp::FindChild(const wchar_t* name) { return FindChild(name, wcslen(name)); }
+
+CScanGroup_imp* CScanGroup_imp::FindChild(const wchar_t* name, size_t length) {
   for (auto& child : m_children)
-    // the ordinal ignore-case compare matches _wcsicmp on names and is much faster
-    if (CompareStringOrdinal(child.m_name, child.m_name.GetLength(), name, -1, TRUE) == CSTR_EQUAL) return &child;
+    if (broom::EqualNoCase(child.m_name.GetString(), static_cast<size_t>(child.m_name.GetLength()), name, length))
+      return &child;
   return nullptr;
 }
 
 CScanGroup_imp* CScanGroup_imp::FindOrAddGroupPath(const CString& path, CScanGroup_imp& start) {
+  return FindOrAddGroupPath(path.GetString(), static_cast<size_t>(path.GetLength()), start);
+}
+
+CScanGroup_imp* CScanGroup_imp::FindOrAddGroupPath(const wchar_t* path, size_t length, CScanGroup_imp& start) {
   CScanGroup_imp* current = &start;
   CScanGroup_imp* result = nullptr;
-  int pos = 0;
-  for (CString token = path.Tokenize(L"/", pos); pos != -1; token = path.Tokenize(L"/", pos)) {
-    CScanGroup_imp* child = current->FindChild(token);
+  // Split at '/' as CString::Tokenize does, without making a string per
+  // token: a run of '/' before a token is skipped, the token ends at the next
+  // '/' or NUL, and the next search starts one past that character.
+  size_t pos = 0;
+  while (pos < length) {
+    size_t from = pos;
+    while (path[from] == L'/') ++from;  // the terminator (or an embedded NUL) stops the run
+    if (from >= length) break;
+    size_t end = from;
+    while (path[end] != L'/' && path[end] != L'\0') ++end;
+    const wchar_t* token = path + from;
+    size_t tokenLength = end - from;
+    pos = end + 1;
+
+    CScanGroup_imp* child = current->FindChild(token, tokenLength);
     if (!child) {
       current->m_children.emplace_back();
       child = &current->m_children.back();
     }
     if (child->m_name.IsEmpty()) {
-      child->m_name = token;
+      child->m_name = CString(token, static_cast<int>(tokenLength));
       child->m_parent = current;
     }
     current = result = child;
@@ -77,7 +99,7 @@ void CScanGroup_imp::SortChildren() {
   if (m_children.empty()) return;
   m_children.sort([](const CScanGroup_imp& a, const CScanGroup_imp& b) {
     if (a.m_order != b.m_order) return a.m_order < b.m_order;
-    return _wcsicmp(a.m_name, b.m_name) < 0;
+    return broom::CompareNoCase(a.m_name, b.m_name) < 0;
   });
   for (auto& child : m_children) child.SortChildren();
 }

@@ -73,8 +73,10 @@ class BROOM_API CScanGroup_imp : public CScanGroup {
   int GetScanOpCount() const override { return static_cast<int>(m_scanOps.size()); }
 
   CScanGroup_imp* FindChild(const wchar_t* name);
+  CScanGroup_imp* FindChild(const wchar_t* name, size_t length);
   // Resolves "a/b/c" below start, creating missing groups; null without any segment.
   static CScanGroup_imp* FindOrAddGroupPath(const CString& path, CScanGroup_imp& start);
+  static CScanGroup_imp* FindOrAddGroupPath(const wchar_t* path, size_t length, CScanGroup_imp& start);
   static void AddScanOp(CScanGroup_imp& group, CRefPtr<IScanOperation> op);
   // Stable sort by order, then name (case-insensitive), all levels.
   void SortChildren();

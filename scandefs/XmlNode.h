@@ -29,8 +29,15 @@ class BROOM_API NodePtr {
   // Exact, case-sensitive name; the first attribute counts. An empty value
   // counts as absent: false, and out is left alone.
   bool GetAttribute(const wchar_t* name, CString& out) const;
+  // The same rule without a copy: the value, or null when absent or empty.
+  const wchar_t* Attribute(const wchar_t* name) const {
+    const wchar_t* value = m_node.attribute(name).value();
+    return *value ? value : nullptr;
+  }
   bool HasAttribute(const wchar_t* name) const { return static_cast<bool>(m_node.attribute(name)); }
   void SetValue(const wchar_t* value) { m_node.set_value(value); }
+  // Sets the value of the first attribute of that name; false when there is none.
+  bool SetAttribute(const wchar_t* name, const wchar_t* value) { return m_node.attribute(name).set_value(value); }
   bool Remove(NodePtr child) { return m_node.remove_child(child.m_node); }
   pugi::xml_node Raw() const { return m_node; }
 

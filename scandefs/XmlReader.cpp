@@ -9,6 +9,7 @@
 
 #include "core/Handles.h"
 #include "scan/StdFileScan.h"
+#include "scandefs/NoCase.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ EElementType XmlReader::Classify(const wchar_t* name) {
       {L"group", etGroup},   {L"item", etItem},   {L"cleaning", etCleaning}, {L"clean", etClean},
       {L"checks", etChecks}, {L"check", etCheck}, {L"value", etValue}};
   for (const auto& entry : table)
-    if (CompareStringOrdinal(name, -1, entry.first, -1, TRUE) == CSTR_EQUAL) return entry.second;
+    if (broom::CompareNoCase(name, entry.first) == 0) return entry.second;
   return etUnknown;
 }
 
@@ -55,9 +56,9 @@ bool XmlReader::TextToBool(const CString& text, bool& value) {
   static const wchar_t* const yes[] = {L"true", L"yes", L"on", L"1"};
   static const wchar_t* const no[] = {L"false", L"no", L"off", L"0"};
   for (const wchar_t* word : yes)
-    if (text.CompareNoCase(word) == 0) return value = true, true;
+    if (broom::CompareNoCase(text, word) == 0) return value = true, true;
   for (const wchar_t* word : no)
-    if (text.CompareNoCase(word) == 0) return value = false, true;
+    if (broom::CompareNoCase(text, word) == 0) return value = false, true;
   return false;
 }
 
@@ -87,19 +88,22 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
   size_t nul = text.find('\0');
   if (nul != std::string::npos) text.resize(nul);
   ReplaceAll(text, "<?xml version=\"1.0\" encoding=\"utf-8\"?>", "<?xml version=\"1.0\" encoding=\"utf-16\"?>");
-  std::wstring wide;
+  // an ANSI code page never yields more UTF-16 units than it has bytes
+  std::wstring wide(text.size(), L'\0');
   if (!text.empty()) {
-    int n = MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    wide.resize(static_cast<size_t>(n));
-    MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), static_cast<int>(text.size()), &wide[0], n);
+    int n = MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), static_cast<int>(text.size()), &wide[0],
+                                static_cast<int>(wide.size()));
+    wide.resize(static_cast<size_t>(n > 0 ? n : 0));
   }
+  text = std::string();
 
+  // parsed in place: the document points into wide, which outlives it
   pugi::xml_document document;
-  pugi::xml_parse_result parsed =
-      document.load_buffer(wide.data(), wide.size() * sizeof(wchar_t), pugi::parse_default, pugi::encoding_utf16_le);
+  pugi::xml_parse_result parsed = document.load_buffer_inplace(&wide[0], wide.size() * sizeof(wchar_t),
+                                                               pugi::parse_default, pugi::encoding_utf16_le);
   if (!parsed) return false;
   xml::NodePtr top(document.first_child());
-  if (!top || !top.IsElement() || _wcsicmp(top.Name(), L"ConfigItems") != 0) return false;
+  if (!top || !top.IsElement() || broom::CompareNoCase(top.Name(), L"ConfigItems") != 0) return false;
 
   CRefPtr<ConfigValueMap> fileScope = CScopedMap::GetGlobalScope()->CreateChildScope();
   DecodeDOMRecursive(top, fileScope);
@@ -120,9 +124,9 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
 }
 
 bool XmlReader::ReadGroup(xml::NodePtr node, CScanGroup_imp& parent) {
-  CString name;
-  if (!node.GetAttribute(L"name", name)) return false;
-  CScanGroup_imp* group = CScanGroup_imp::FindOrAddGroupPath(name, parent);
+  const wchar_t* name = node.Attribute(L"name");
+  if (!name) return false;
+  CScanGroup_imp* group = CScanGroup_imp::FindOrAddGroupPath(name, wcslen(name), parent);
   if (!group) return false;
   ReadBaseProperties(group, node);
   ReadChildren(node, *group);
@@ -130,16 +134,16 @@ bool XmlReader::ReadGroup(xml::NodePtr node, CScanGroup_imp& parent) {
 }
 
 bool XmlReader::ReadOperation(xml::NodePtr node, CScanGroup_imp& parent) {
-  CString name, groupPath;
-  if (!node.GetAttribute(L"name", name)) return false;
+  const wchar_t* name = node.Attribute(L"name");
+  if (!name) return false;
   CScanGroup_imp* target = &parent;
-  if (node.GetAttribute(L"group", groupPath)) {
-    target = CScanGroup_imp::FindOrAddGroupPath(groupPath, parent);
+  if (const wchar_t* groupPath = node.Attribute(L"group")) {
+    target = CScanGroup_imp::FindOrAddGroupPath(groupPath, wcslen(groupPath), parent);
     if (!target) return false;
   } else if (!parent.m_parent) {
     return false;  // an item directly in the file needs its group
   }
-  CScanGroup_imp* item = CScanGroup_imp::FindOrAddGroupPath(name, *target);
+  CScanGroup_imp* item = CScanGroup_imp::FindOrAddGroupPath(name, wcslen(name), *target);
   if (!item) return false;
   ReadBaseProperties(item, node);
   ReadChildren(node, *item);
@@ -162,20 +166,20 @@ bool XmlReader::ReadChildren(xml::NodePtr node, CScanGroup_imp& group) {
 }
 
 bool XmlReader::ReadBaseProperties(CScanGroup_imp* group, xml::NodePtr node) {
-  CString value;
-  if (node.GetAttribute(L"order", value)) group->m_order = _wtoi(value);
+  if (const wchar_t* order = node.Attribute(L"order")) group->m_order = _wtoi(order);
   const std::pair<const wchar_t*, CString*> texts[] = {{L"desc", &group->m_desc},
                                                        {L"tip", &group->m_tip},
                                                        {L"tabIcon", &group->m_tabIcon},
                                                        {L"icon", &group->m_icon},
                                                        {L"report", &group->m_report}};
   for (const auto& text : texts)
-    if (node.GetAttribute(text.first, value)) *text.second = value;
+    if (const wchar_t* value = node.Attribute(text.first)) *text.second = value;
   const std::pair<const wchar_t*, EBoolProperty> switches[] = {
       {L"scan", bpDefaultScan}, {L"clean", bpDefaultClean}, {L"qscan", bpQScan}, {L"safe", bpSafe}};
   for (const auto& s : switches) {
     bool flag = false;
-    bool known = node.GetAttribute(s.first, value) && TextToBool(value, flag);
+    const wchar_t* value = node.Attribute(s.first);
+    bool known = value && TextToBool(value, flag);
     group->SetBoolProperty(s.second, CScanGroup::MakeBoolState(known, flag));
   }
   return true;
@@ -195,12 +199,12 @@ unsigned long XmlReader::ExpandSymbols(std::wstring& text, const ConfigValueMap*
     }
     size_t close = text.find(L'%', pos + 1);
     if (close == std::wstring::npos) break;
-    std::wstring name = text.substr(pos + 1, close - pos - 1);
-    std::wstring value;
-    if (scope && scope->Lookup(name, value)) {
-      text.replace(pos, close - pos + 1, value);
+    const wchar_t* value = scope ? scope->Find(text.data() + pos + 1, close - pos - 1) : nullptr;
+    if (value) {
+      size_t length = wcslen(value);
+      text.replace(pos, close - pos + 1, value, length);
       flags |= 1;
-      pos = text.find(L'%', pos + value.size());
+      pos = text.find(L'%', pos + length);
     } else {
       flags |= 2;
       pos = text.find(L'%', close + 1);
@@ -209,61 +213,84 @@ unsigned long XmlReader::ExpandSymbols(std::wstring& text, const ConfigValueMap*
   return flags;
 }
 
+namespace {
+
+// Expands a node's or attribute's text in place; only a text with a '%' can
+// change. scratch keeps its capacity from one text to the next.
+template <class T>
+void ExpandValue(T target, const CScopedMap::ConfigValueMap* scope, std::wstring& scratch) {
+  const wchar_t* current = target.value();
+  if (!wcschr(current, L'%')) return;
+  scratch.assign(current);
+  if (XmlReader::ExpandSymbols(scratch, scope) & 1) target.set_value(scratch.c_str());
+}
+
+}  // namespace
+
 bool XmlReader::DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope) {
-  pugi::xml_node raw = node.Raw();
-  for (pugi::xml_attribute a = raw.first_attribute(); a; a = a.next_attribute()) {
-    std::wstring value = a.value();
-    if (ExpandSymbols(value, scope) & 1) a.set_value(value.c_str());
+  std::wstring scratch;
+  return DecodeNode(node.Raw(), scope, scratch);
+}
+
+bool XmlReader::DecodeNode(pugi::xml_node node, ConfigValueMap* scope, std::wstring& scratch) {
+  for (pugi::xml_attribute a = node.first_attribute(); a; a = a.next_attribute()) ExpandValue(a, scope, scratch);
+  if (!node.first_child()) {
+    // a CDATA section or an empty element keeps its text as written
+    if (node.type() == pugi::node_pcdata) ExpandValue(node, scope, scratch);
+    return false;
   }
-  CRefPtr<ConfigValueMap> inner = scope->CreateChildScope();
+  // The element's own scope. It is made when the first "value" child needs
+  // it: until then it would be empty, so the children before that child see
+  // exactly what they see through the enclosing scope.
+  CRefPtr<ConfigValueMap> inner;
   bool readAny = false;
-  if (raw.first_child()) {
-    std::vector<pugi::xml_node> values;
-    for (pugi::xml_node child = raw.first_child(); child; child = child.next_sibling()) {
-      if (child.type() == pugi::node_element && CompareStringOrdinal(child.name(), -1, L"value", -1, TRUE) == CSTR_EQUAL) {
-        readAny |= ReadValue(xml::NodePtr(child), inner);
-        values.push_back(child);
-      } else {
-        DecodeDOMRecursive(xml::NodePtr(child), inner);
-      }
+  pugi::xml_node next;
+  for (pugi::xml_node child = node.first_child(); child; child = next) {
+    next = child.next_sibling();
+    if (child.type() == pugi::node_element && broom::CompareNoCase(child.name(), L"value") == 0) {
+      if (!inner) inner = scope->CreateChildScope();
+      readAny |= ReadValue(xml::NodePtr(child), inner);
+      node.remove_child(child);  // nothing visits it again
+    } else {
+      DecodeNode(child, inner ? inner.Get() : scope, scratch);
     }
-    for (auto& value : values) raw.remove_child(value);
-  } else if (raw.type() == pugi::node_pcdata) {
-    std::wstring value = raw.value();
-    if (ExpandSymbols(value, scope) & 1) raw.set_value(value.c_str());
   }
   return readAny;
 }
 
 bool XmlReader::ReadValue(xml::NodePtr node, ConfigValueMap* scope) {
-  CString name;
-  if (!node.GetAttribute(L"name", name)) return false;
-  scope->Set(name.str(), nullptr);  // hidden until it gets a text
-  CString text = node.Text();
-  if (text.IsEmpty()) node.GetAttribute(L"default", text);
-  CString type;
-  std::wstring source;
-  if (node.GetAttribute(L"type", type) && type.CompareNoCase(L"regVal") == 0) {
-    if (text.IsEmpty() || !ReadRegistryString(text.str(), source)) return false;
-  } else {
-    source = text.str();
-  }
-  CString delimiter, index;
-  node.GetAttribute(L"delimiter", delimiter);
-  int n = node.GetAttribute(L"index", index) ? _wtoi(index) : 0;
-  std::wstring value = source;
-  if (!delimiter.IsEmpty() && n > 0 && source.find_first_of(delimiter.GetString()) != std::wstring::npos) {
-    CString whole(source);
-    int pos = 0, after = 0;
-    for (int i = 0; i < n; ++i) {
-      whole.Tokenize(delimiter, pos);
-      if (pos == -1) break;
-      after = pos;
+  const wchar_t* name = node.Attribute(L"name");
+  if (!name) return false;
+  // Whatever happens below, the name is defined in this scope: with its text,
+  // or as nothing when the text cannot be had.
+  const wchar_t* value = nullptr;
+  std::wstring registry;
+  const wchar_t* text = node.Text();
+  if (!*text) text = node.Raw().attribute(L"default").value();
+  const wchar_t* type = node.Attribute(L"type");
+  const wchar_t* source = text;
+  if (type && broom::CompareNoCase(type, L"regVal") == 0)
+    source = *text && ReadRegistryString(text, registry) ? registry.c_str() : nullptr;
+  if (source) {
+    value = source;
+    const wchar_t* delimiter = node.Attribute(L"delimiter");
+    const wchar_t* index = node.Attribute(L"index");
+    int n = index ? _wtoi(index) : 0;
+    if (delimiter && n > 0 && wcsstr(source, delimiter)) {
+      // skip n fields as CString::Tokenize does; the rest follows the last
+      // delimiter consumed
+      CString whole(source);
+      int pos = 0, after = 0;
+      for (int i = 0; i < n; ++i) {
+        whole.Tokenize(delimiter, pos);
+        if (pos == -1) break;
+        after = pos;
+      }
+      value = after >= whole.GetLength() ? L"" : source + after;
     }
-    value = after >= whole.GetLength() ? std::wstring() : source.substr(static_cast<size_t>(after));
   }
-  scope->Set(name.str(), value.c_str());
-  return true;
+  scope->Set(name, value);
+  return value != nullptr;
 }
 
 // ---- operations and checks ----
@@ -274,12 +301,12 @@ bool XmlReader::ReadCleaning(xml::NodePtr node, CScanGroup_imp& group) {
 }
 
 bool XmlReader::ReadClean(xml::NodePtr node, CScanGroup_imp& group) {
-  if (_wcsicmp(node.Name(), L"Clean") == 0) {
+  if (broom::CompareNoCase(node.Name(), L"Clean") == 0) {
     CRefPtr<IScanOperation> op = newCleanOperation(node.Text(), node);
     if (op) CScanGroup_imp::AddScanOp(group, op);
     return true;
   }
-  if (_wcsicmp(node.Name(), L"Cleaning") == 0) {
+  if (broom::CompareNoCase(node.Name(), L"Cleaning") == 0) {
     ForEachElement(node, [&](xml::NodePtr child) { ReadCheck(child, group); });
     return true;
   }
@@ -292,7 +319,7 @@ bool XmlReader::ReadChecks(xml::NodePtr node, CScanGroup_imp& group) {
 }
 
 bool XmlReader::ReadCheck(xml::NodePtr node, CScanGroup_imp& group) {
-  if (_wcsicmp(node.Name(), L"check") != 0) return false;
+  if (broom::CompareNoCase(node.Name(), L"check") != 0) return false;
   CString test, path, data, value;
   if (!node.GetAttribute(L"test", test) || !node.GetAttribute(L"path", path) || !node.GetAttribute(L"data", data))
     return false;
@@ -332,7 +359,8 @@ CRefPtr<IScanOperation> XmlReader::newCleanOperation(const wchar_t* text, xml::N
   }
   pugi::xml_attribute systemAttribute = node.Raw().attribute(L"system");
   bool system = systemAttribute && wcscmp(systemAttribute.value(), L"1") == 0;
-  int k = LookupNamedValue(CString(kKindTable), kind);
+  static const CString kinds(kKindTable);
+  int k = LookupNamedValue(kinds, kind);
   CStdFileScan* scan = nullptr;
   if (k == okFile)
     scan = new IUnknownNoQIImp<CStdFileScan>();

@@ -57,6 +57,7 @@ class BROOM_API XmlReader {
 
   static bool DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope);
   static bool ReadValue(xml::NodePtr node, ConfigValueMap* scope);
+  static bool DecodeNode(pugi::xml_node node, ConfigValueMap* scope, std::wstring& scratch);
 
   bool ReadCleaning(xml::NodePtr node, CScanGroup_imp& group);
   bool ReadClean(xml::NodePtr node, CScanGroup_imp& group);
