@@ -65,7 +65,7 @@ CWhiteListTree::CWhiteListTree() : m_hLock(CreateEventW(nullptr, FALSE, TRUE, nu
   if (!m_hLock) throw Win32Exception(L"CreateEvent failed");
 }
 
-CWhiteListTree::~CWhiteListTree() { CloseHandle(m_hLock); }
+CWhiteListTree::~CWhiteListTree() = default;
 
 bool CWhiteListTree::FindNode(Iterator& it, const CString& name, bool create) {
   SWhiteListTreeNode* sentinel = it.node()->link;
@@ -153,13 +153,13 @@ unsigned long CWhiteListTree::CheckProtection(ConstIterator node, CParsedString&
 
 void CWhiteListTree::SafeGuardPath(const wchar_t* path, unsigned long flags) {
   CParsedString parsed(path);
-  EventLock lock(m_hLock);
+  EventLock lock(m_hLock.get());
   SafeGuardSubPath(parsed, flags);
 }
 
 unsigned long CWhiteListTree::CheckProtection(const wchar_t* path) const {
   CParsedString parsed(path);
-  EventLock lock(m_hLock);
+  EventLock lock(m_hLock.get());
   return CheckProtection(root(), parsed);
 }
 

@@ -8,6 +8,7 @@
 
 #include "atl/CString.h"
 #include "core/Export.h"
+#include "core/Handles.h"
 #include "core/PathString.h"
 #include "core/RefCounting.h"
 #include "whitelist/FCNSTree.h"
@@ -103,5 +104,5 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
   template <class F>
   void Walk(F f) const;
 
-  HANDLE m_hLock;  // auto-reset event used as a lock by SafeGuardPath and CheckProtection
+  broom::unique_event m_hLock;  // auto-reset event used as a lock by SafeGuardPath and CheckProtection
 };
