@@ -1,117 +1,103 @@
+// The definition reader: bytes to text, the root element, groups and items,
+// base properties, merging, hooks, and the operations and checks it hands on.
 #include <gtest/gtest.h>
+#include <shlobj.h>
 
 #include <string>
 #include <vector>
 
 #include "common/TestFiles.h"
-#include "common/TestRegistry.h"
-#include "scan/StdFileScan.h"
-#include "scandefs/ConfigStore.h"
-#include "scandefs/XmlReader.h"
+#include "tests/scandefs/Definitions.h"
 
-using broomtest::TempDir;
+using namespace defstest;
 using broomtest::WriteFile;
 
 namespace {
 
-std::string Xml(const std::string& body) {
-  return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<ConfigItems>" + body + "</ConfigItems>";
+std::wstring LocalAppData() {
+  wchar_t buffer[MAX_PATH] = {};
+  SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, 0, buffer);
+  return buffer;
 }
 
-CScanGroup* Child(const CScanGroup& group, const wchar_t* name) {
-  CRefPtr<TIteratorIface<CScanGroup>> it;
-  group.GetChildren(it);
-  for (; !it->AtEnd(); it->Next())
-    if (_wcsicmp(it->Current()->GetName(), name) == 0) return it->Current();
-  return nullptr;
-}
-
-std::vector<CStdFileScan*> Operations(const CScanGroup& group) {
-  std::vector<CStdFileScan*> out;
-  CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> it;
-  group.GetScanOps(it);
-  for (; !it->AtEnd(); it->Next()) out.push_back(dynamic_cast<CStdFileScan*>(it->Current()->Get()));
-  return out;
-}
-
-// Restores an environment variable when the test ends.
-class EnvVar {
- public:
-  EnvVar(const wchar_t* name, const wchar_t* value) : m_name(name) {
-    wchar_t old[1024];
-    DWORD n = GetEnvironmentVariableW(name, old, 1024);
-    m_had = n > 0 && n < 1024;
-    if (m_had) m_old = old;
-    SetEnvironmentVariableW(name, value);
-    _wputenv_s(name, value ? value : L"");
-  }
-  ~EnvVar() {
-    SetEnvironmentVariableW(m_name.c_str(), m_had ? m_old.c_str() : nullptr);
-    _wputenv_s(m_name.c_str(), m_had ? m_old.c_str() : L"");
-  }
-
- private:
-  std::wstring m_name, m_old;
-  bool m_had = false;
-};
-
-// The global symbol scope is taken from the environment once, when the
-// first definition file of the process is read: the variables the tests use
-// are set before any test runs.
-const bool g_environmentSet = [] {
-  SetEnvironmentVariableW(L"BROOMTEST_APP", L"C:\\App");
-  SetEnvironmentVariableW(L"BROOMTEST_TMP", L"C:\\Tmp");
-  return true;
-}();
-
-class Definitions : public testing::Test {
- protected:
-  // Reads one file into the store's root; returns ReadFile's answer.
-  bool Read(const std::string& bytes) {
-    std::wstring path = WriteFile(m_dir / (L"def" + std::to_wstring(++m_files) + L".xml"), bytes);
-    XmlReader reader(m_store);
-    return reader.ReadFile(CString(path.c_str()), m_store->GetRoot(), nullptr);
-  }
-
-  TempDir m_dir;
-  int m_files = 0;
-  CRefPtr<CConfigStore> m_store{static_cast<CConfigStore*>(IConfig::NewConfig().Get())};
-};
+// The example definition: a value, a group with an item holding a check and
+// a clean, and an item placed by its "group" path.
+const char kExample[] = R"(
+  <value name="CACHE">Cache2</value>
+  <group name="Internet" order="20" desc="Browsers and plug-ins" scan="yes" clean="yes">
+    <item name="Browser cache" desc="Cached web pages" safe="true" qscan="on">
+      <checks>
+        <check test="exists" data="file" path="%LOCALAPPDATA%\Browser"/>
+      </checks>
+      <cleaning>
+        <clean kind="file">%LOCALAPPDATA%\Browser\%CACHE%</clean>
+      </cleaning>
+    </item>
+  </group>
+  <item name="Thumbnails" group="System/Explorer" order="5" desc="Thumbnail cache">
+    <clean kind="trunc" system="1">%LOCALAPPDATA%\Explorer</clean>
+  </item>)";
 
 TEST_F(Definitions, ExampleReadsIntoTheTreeItDescribes) {
-  ASSERT_TRUE(Read(Xml(R"(
-    <value name="CACHE">Cache2</value>
-    <group name="Internet" order="20" desc="Browsers and plug-ins" scan="yes" clean="yes">
-      <item name="Browser cache" desc="Cached web pages" safe="true" qscan="on">
-        <checks><check test="exists" data="file" path="%BROOMTEST_APP%\Browser"/></checks>
-        <cleaning><clean kind="file">%BROOMTEST_APP%\Browser\%CACHE%</clean></cleaning>
-      </item>
-    </group>
-    <item name="Thumbnails" group="System/Explorer" order="5" desc="Thumbnail cache">
-      <clean kind="trunc" system="1">%BROOMTEST_APP%\Explorer</clean>
-    </item>)")));
-  CScanGroup_imp& root = m_store->GetRoot();
-  ASSERT_EQ(root.GetChildCount(), 2);
-  CScanGroup* internet = Child(root, L"Internet");
-  ASSERT_NE(internet, nullptr);
+  std::wstring local = LocalAppData();
+  ASSERT_FALSE(local.empty());
+  ASSERT_FALSE(broomtest::Exists(local + L"\\Browser"));
+  ASSERT_TRUE(Read(Xml(kExample)));
+  EXPECT_EQ(ChildNames(Root()), (std::vector<std::wstring>{L"Internet", L"System"}));
+
+  CScanGroup* internet = Child(Root(), L"Internet");
+  EXPECT_EQ(internet->GetParent(), nullptr);
   EXPECT_EQ(internet->GetOrder(), 20);
   EXPECT_STREQ(internet->GetDescription(), L"Browsers and plug-ins");
+  EXPECT_EQ(internet->IsDefaultScan(), abTrue);
+  EXPECT_EQ(internet->IsDefaultClean(), abTrue);
+  EXPECT_EQ(internet->IsEnabled(), abNotSet);
+  EXPECT_EQ(internet->GetScanOpCount(), 0);
+  EXPECT_EQ(ChildNames(*internet), (std::vector<std::wstring>{L"Browser cache"}));
+
   CScanGroup* cache = Child(*internet, L"Browser cache");
-  ASSERT_NE(cache, nullptr);
+  EXPECT_EQ(cache->GetParent(), internet);
+  EXPECT_EQ(cache->GetOrder(), 999999);
+  EXPECT_STREQ(cache->GetDescription(), L"Cached web pages");
   EXPECT_EQ(cache->IsSafe(), abTrue);
-  EXPECT_EQ(cache->IsDefaultScan(), abTrue);  // inherited
-  EXPECT_EQ(cache->IsEnabled(), abFalse);     // C:\App\Browser does not exist
+  EXPECT_EQ(cache->IsDefaultScan(), abTrue);  // from Internet
+  EXPECT_EQ(cache->IsDefaultClean(), abTrue);
+  EXPECT_EQ(cache->IsEnabled(), abFalse);  // the folder does not exist
+  EXPECT_EQ(cache->GetQScan(), abFalse);   // switched off, so no quick scan either
+  EXPECT_FALSE(cache->HasChildren());
   auto ops = Operations(*cache);
   ASSERT_EQ(ops.size(), 1u);
   ASSERT_NE(ops[0], nullptr);
-  EXPECT_STREQ(ops[0]->GetPaths().front().c_str(), L"C:\\App\\Browser\\Cache2");
+  EXPECT_EQ(dynamic_cast<CStdFileScan_trunc*>(ops[0]), nullptr);
+  ASSERT_EQ(ops[0]->GetPaths().size(), 1u);
+  EXPECT_EQ(std::wstring(ops[0]->GetPaths().front().c_str()), local + L"\\Browser\\Cache2");
 
-  CScanGroup* thumbs = Child(*Child(*Child(root, L"System"), L"Explorer"), L"Thumbnails");
-  ASSERT_NE(thumbs, nullptr);
+  CScanGroup* system = Child(Root(), L"System");
+  EXPECT_EQ(system->GetOrder(), 999999);
+  EXPECT_STREQ(system->GetDescription(), L"");
+  EXPECT_EQ(ChildNames(*system), (std::vector<std::wstring>{L"Explorer"}));
+  CScanGroup* explorer = Child(*system, L"Explorer");
+  EXPECT_EQ(explorer->GetParent(), system);
+  EXPECT_EQ(ChildNames(*explorer), (std::vector<std::wstring>{L"Thumbnails"}));
+  CScanGroup* thumbs = Child(*explorer, L"Thumbnails");
+  EXPECT_EQ(thumbs->GetOrder(), 5);
+  EXPECT_STREQ(thumbs->GetDescription(), L"Thumbnail cache");
+  EXPECT_EQ(thumbs->IsEnabled(), abNotSet);
+  EXPECT_EQ(thumbs->IsDefaultScan(), abNotSet);
   auto truncOps = Operations(*thumbs);
   ASSERT_EQ(truncOps.size(), 1u);
   EXPECT_NE(dynamic_cast<CStdFileScan_trunc*>(truncOps[0]), nullptr);
-  EXPECT_STREQ(truncOps[0]->GetPaths().front().c_str(), L"C:\\App\\Explorer");
+  EXPECT_EQ(std::wstring(truncOps[0]->GetPaths().front().c_str()), local + L"\\Explorer");
+}
+
+TEST_F(Definitions, ExampleItemStaysOnWhereItsFolderExists) {
+  // the same item with the check pointing at a folder that exists
+  std::string example = kExample;
+  std::string from = "%LOCALAPPDATA%\\Browser\"";
+  example.replace(example.find(from), from.size(), broomtest::Narrow(m_dir.Path()) + "\"");
+  ASSERT_TRUE(Read(Xml(example)));
+  EXPECT_EQ(Child(*Child(Root(), L"Internet"), L"Browser cache")->IsEnabled(), abNotSet);
+  EXPECT_EQ(Child(*Child(Root(), L"Internet"), L"Browser cache")->GetQScan(), abTrue);
 }
 
 TEST_F(Definitions, BadFilesAreRejectedAndLeaveTheTreeAlone) {
@@ -151,86 +137,6 @@ TEST_F(Definitions, AttributesAndMerging) {
   EXPECT_EQ(internet->m_boolProps[bpDefaultScan], abNotSet);
   EXPECT_EQ(internet->GetChildCount(), 2);
   EXPECT_NE(Child(*Child(*Child(root, L"X"), L"Y"), L"I"), nullptr);
-}
-
-TEST_F(Definitions, ValuesAreScopedAndNotExpandedThemselves) {
-  ASSERT_TRUE(Read(Xml(R"(
-    <value name="LIT">%BROOMTEST_TMP%</value>
-    <value name="EMPTY"/>
-    <value name="CUT" delimiter=";" index="1">a;b;c</value>
-    <group name="G" desc="a%EMPTY%b|%LIT%|%CUT%|%broomtest_tmp%\x|100%%|%NOSUCH%">
-      <item name="before" desc="%LATE%"/>
-      <value name="LATE">late</value>
-      <item name="after" desc="%LATE%"><clean kind="file"><![CDATA[%BROOMTEST_TMP%\raw]]></clean></item>
-    </group>)")));
-  CScanGroup* g = Child(m_store->GetRoot(), L"G");
-  EXPECT_STREQ(g->GetDescription(), L"ab|%BROOMTEST_TMP%|b;c|C:\\Tmp\\x|100%|%NOSUCH%");
-  EXPECT_STREQ(Child(*g, L"before")->GetDescription(), L"%LATE%");
-  CScanGroup* after = Child(*g, L"after");
-  EXPECT_STREQ(after->GetDescription(), L"late");
-  EXPECT_STREQ(Operations(*after)[0]->GetPaths().front().c_str(), L"%BROOMTEST_TMP%\\raw");
-}
-
-TEST(Symbols, ExpansionFlagsAndEscapes) {
-  auto* scopeObject = new IUnknownNoQIImp<CScopedMap::ConfigValueMap>();
-  CRefPtr<CScopedMap::ConfigValueMap> hold(scopeObject);
-  CScopedMap::ConfigValueMap& scope = *scopeObject;
-  scope.Set(L"TEMP", L"C:\\Tmp");
-  scope.Set(L"A", L"1");
-  scope.Set(L"B", L"2");
-  struct Case {
-    const wchar_t* in;
-    const wchar_t* out;
-    unsigned long flags;
-  } cases[] = {{L"%TEMP%\\x", L"C:\\Tmp\\x", 1}, {L"%temp%", L"C:\\Tmp", 1},     {L"100%%", L"100%", 1},
-               {L"%%TEMP%", L"%TEMP%", 1},     {L"%NOSUCH%\\a", L"%NOSUCH%\\a", 2}, {L"%TEMP%%NOSUCH%", L"C:\\Tmp%NOSUCH%", 3},
-               {L"50% done", L"50% done", 0},  {L"%%", L"%", 1},                 {L"%%%", L"%%", 1},
-               {L"%A%%B%", L"12", 1}};
-  for (const auto& c : cases) {
-    std::wstring text = c.in;
-    EXPECT_EQ(XmlReader::ExpandSymbols(text, &scope), c.flags) << broomtest::Narrow(c.in);
-    EXPECT_EQ(text, c.out) << broomtest::Narrow(c.in);
-  }
-  std::wstring text = L"%TEMP%";
-  EXPECT_EQ(XmlReader::ExpandSymbols(text, nullptr), 2u);
-  CRefPtr<CScopedMap::ConfigValueMap> child = scope.CreateChildScope();
-  child->Set(L"TEMP", nullptr);  // hidden in the child
-  std::wstring out;
-  EXPECT_FALSE(child->Lookup(L"TEMP", out));
-  EXPECT_TRUE(child->Lookup(L"a", out));
-  EXPECT_EQ(out, L"1");
-  EXPECT_EQ(scope.AddRef(), 3u);  // the holder, the child's parent reference, this one
-  scope.Release();
-  child.Reset();
-  EXPECT_EQ(scope.AddRef(), 2u);  // the child released its parent
-  scope.Release();
-}
-
-TEST_F(Definitions, RegistryValuesAndPaths) {
-  broomtest::TestRegKey key;
-  RegSetValueExW(key.Key(), L"Path ", 0, REG_SZ, reinterpret_cast<const BYTE*>(L"C:\\Vendor"), 20);
-  RegSetValueExW(key.Key(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(L"default"), 16);
-  DWORD number = 5;
-  RegSetValueExW(key.Key(), L"Number", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), 4);
-  std::wstring base = L"HKCU\\" + key.Subkey();
-  std::wstring out;
-  EXPECT_TRUE(ReadRegistryString(base + L"[ Path ]", out));
-  EXPECT_EQ(out, L"C:\\Vendor");
-  EXPECT_TRUE(ReadRegistryString(L"hkey_current_user\\" + key.Subkey() + L"[]", out));
-  EXPECT_EQ(out, L"default");
-  EXPECT_TRUE(ReadRegistryString(base, out));
-  EXPECT_EQ(out, L"default");
-  EXPECT_FALSE(ReadRegistryString(base + L"[Number]", out));
-  EXPECT_FALSE(ReadRegistryString(L"HKXX\\" + key.Subkey(), out));
-  EXPECT_FALSE(ReadRegistryString(L"HKCU", out));
-
-  std::string hive = broomtest::Narrow(base);
-  ASSERT_TRUE(Read(Xml("<value name=\"X\">outer</value><group name=\"R\" desc=\"%X%|%V%\">"
-                       "<value name=\"X\" type=\"regVal\">" + hive + "\\Missing</value>"
-                       "<value name=\"V\" type=\"REGVAL\">" + hive + "[Path ]</value>"
-                       "<item name=\"i\" desc=\"%X%|%V%\"/></group>")));
-  CScanGroup* r = Child(m_store->GetRoot(), L"R");
-  EXPECT_STREQ(Child(*r, L"i")->GetDescription(), L"%X%|C:\\Vendor");  // a failed regVal hides X
 }
 
 TEST_F(Definitions, ChecksSwitchOffTheirOwnGroup) {
@@ -322,6 +228,155 @@ TEST(CleanHelpers, DuplicateSeparatorsKindTableAndCommands) {
   EXPECT_FALSE(IDelete::IsScanCommand(IDelete::CleanCommand(2)));
   EXPECT_TRUE(IDelete::IsRebootAllowed(IDelete::CleanCommand(4)));
   EXPECT_FALSE(IDelete::IsRebootAllowed(IDelete::CleanCommand(2)));
+}
+
+
+TEST_F(Definitions, BasePropertiesAndBooleanWords) {
+  ASSERT_TRUE(Read(Xml(R"(<group name="G" order=" -12x" desc="d" tip="t" icon="i" tabIcon="ti" report="r">
+      <item name="yes" scan="TRUE" clean="Yes" qscan="on" safe="1"/>
+      <item name="no" scan="false" clean="NO" qscan="Off" safe="0"/>
+      <item name="odd" scan="maybe" clean="" qscan="2" safe=" true"/>
+      <item name="case" Scan="no" DESC="x" tabicon="y"/>
+    </group>)")));
+  CScanGroup* g = Child(Root(), L"G");
+  EXPECT_EQ(g->GetOrder(), -12);  // read like _wtoi
+  EXPECT_STREQ(g->GetDescription(), L"d");
+  EXPECT_STREQ(g->GetTip(), L"t");
+  EXPECT_STREQ(g->GetIcon(), L"i");
+  EXPECT_STREQ(g->GetTabIcon(), L"ti");
+  EXPECT_STREQ(g->GetReport(), L"r");
+  const EBoolProperty props[] = {bpDefaultScan, bpDefaultClean, bpQScan, bpSafe};
+  for (EBoolProperty p : props) {
+    EXPECT_EQ(Child(*g, L"yes")->m_boolProps[p], abTrue) << p;
+    EXPECT_EQ(Child(*g, L"no")->m_boolProps[p], abFalse) << p;
+    EXPECT_EQ(Child(*g, L"odd")->m_boolProps[p], abNotSet) << p;
+    EXPECT_EQ(Child(*g, L"case")->m_boolProps[p], abNotSet) << p;  // attribute names are case-sensitive
+  }
+  CScanGroup* cased = Child(*g, L"case");
+  EXPECT_STREQ(cased->GetDescription(), L"");
+  EXPECT_STREQ(cased->GetTabIcon(), L"");
+  EXPECT_EQ(cased->GetReport(), nullptr);
+  // enabled is never read from an attribute
+  ASSERT_TRUE(Read(Xml(R"(<group name="E" enabled="no"/>)")));
+  EXPECT_EQ(Child(Root(), L"E")->m_boolProps[bpEnabled], abNotSet);
+}
+
+TEST_F(Definitions, UnrecognisedWordClearsAnEarlierSetting) {
+  ASSERT_TRUE(Read(Xml(R"(<group name="G" scan="yes" safe="yes" order="3" desc="kept"/>)")));
+  ASSERT_TRUE(Read(Xml(R"(<group name="g" scan="maybe"/>)")));
+  CScanGroup* g = Child(Root(), L"G");
+  EXPECT_EQ(g->m_boolProps[bpDefaultScan], abNotSet);
+  EXPECT_EQ(g->m_boolProps[bpSafe], abNotSet);  // absent resets too
+  EXPECT_EQ(g->GetOrder(), 3);                  // texts and order stay when absent
+  EXPECT_STREQ(g->GetDescription(), L"kept");
+}
+
+TEST_F(Definitions, GroupAndItemPaths) {
+  ASSERT_TRUE(Read(Xml(R"(
+      <group name="//"/>
+      <group name="/a//b/"><item name="in b"><item name="nested"/></item></group>
+      <item name="x" group="/"/>
+      <item name="" group="a"/>
+      <item name="c/d" group="A/B"/>
+      <group name="A"><item name="under a"/></group>
+      <clean kind="file">C:\Ignored</clean>
+      <check test="exists" data="file" path="C:\NoSuch"/>
+      <unknown name="u"/>)")));
+  EXPECT_EQ(ChildNames(Root()), (std::vector<std::wstring>{L"a"}));
+  CScanGroup* a = Child(Root(), L"a");
+  EXPECT_EQ(ChildNames(*a), (std::vector<std::wstring>{L"b", L"under a"}));
+  CScanGroup* b = Child(*a, L"b");
+  EXPECT_EQ(ChildNames(*b), (std::vector<std::wstring>{L"in b", L"c"}));
+  EXPECT_EQ(ChildNames(*Child(*b, L"in b")), (std::vector<std::wstring>{L"nested"}));
+  EXPECT_EQ(ChildNames(*Child(*b, L"c")), (std::vector<std::wstring>{L"d"}));
+  EXPECT_EQ(a->IsEnabled(), abNotSet);  // a check directly in the file is ignored
+  EXPECT_EQ(a->GetScanOpCount(), 0);
+}
+
+TEST_F(Definitions, ByteLevel) {
+  // text ends at the first NUL; what follows is never parsed
+  ASSERT_TRUE(Read(Xml("<group name=\"Nul\"/>") + std::string("\0<<garbage", 10)));
+  // leading bytes before the first '<' are skipped, whatever they are
+  ASSERT_TRUE(Read("junk\r\n" + Xml("<group name=\"Junk\"/>")));
+  // comments, processing instructions and a document type before the root are dropped
+  ASSERT_TRUE(Read("<!-- c --><?pi x?><!DOCTYPE ConfigItems><ConfigItems><group name=\"Doc\"/></ConfigItems>"));
+  // a declaration in another spelling is not relabelled; the parser drops it all the same
+  ASSERT_TRUE(Read("<?xml version='1.0' encoding='utf-8'?><ConfigItems><group name=\"Quote\"/></ConfigItems>"));
+  // 8-bit text is decoded with the thread's ANSI code page
+  std::string ansi = "caf\xE9 \x80";
+  ASSERT_TRUE(Read(Xml("<group name=\"Ansi\" desc=\"" + ansi + "\"/>")));
+  wchar_t expected[16] = {};
+  MultiByteToWideChar(CP_THREAD_ACP, 0, ansi.data(), static_cast<int>(ansi.size()), expected, 16);
+  EXPECT_STREQ(Child(Root(), L"Ansi")->GetDescription(), expected);
+  // entities and character references are decoded; attribute whitespace is normalised
+  ASSERT_TRUE(Read(Xml("<group name=\"Ent\" desc=\"a&amp;b&#65;&lt;\tc\"/>")));
+  EXPECT_STREQ(Child(Root(), L"Ent")->GetDescription(), L"a&bA< c");
+  for (const wchar_t* name : {L"Nul", L"Junk", L"Doc", L"Quote"}) EXPECT_NE(Child(Root(), name), nullptr) << broomtest::Narrow(name);
+}
+
+TEST_F(Definitions, ElementTextIsKeptWithItsWhitespace) {
+  ASSERT_TRUE(Read(Xml("<group name=\"G\"><clean kind=\"file\">\r\n      C:\\Temp\r\n    </clean>"
+                       "<clean kind=\"file\"><![CDATA[ C:\\Raw ]]></clean></group>")));
+  auto ops = Operations(*Child(Root(), L"G"));
+  ASSERT_EQ(ops.size(), 2u);
+  EXPECT_STREQ(ops[0]->GetPaths().front().c_str(), L"\n      C:\\Temp\n    ");  // line ends normalised
+  EXPECT_STREQ(ops[1]->GetPaths().front().c_str(), L" C:\\Raw ");
+}
+
+TEST_F(Definitions, HookSeesTheRawBytesAndMayRewriteThem) {
+  // a hook that "decrypts": flips the case of one marker letter and drops a trailer
+  struct Hook : ILoadHook {
+    void OnLoadComplete() override { completed = ++calls; }
+    bool OnFileData(char* data, unsigned long* size, bool reading) override {
+      seen.assign(data, *size);
+      dataCall = ++calls;
+      EXPECT_TRUE(reading);
+      for (unsigned long i = 0; i < *size; ++i)
+        if (data[i] == '#') data[i] = 'Z';
+      *size -= 4;
+      return true;
+    }
+    std::string seen;
+    int calls = 0, dataCall = 0, completed = 0;
+  } hook;
+  std::string bytes = "\xEF\xBB\xBF" + Xml("<group name=\"#one\"/>") + "TAIL";
+  ASSERT_TRUE(Read(bytes, &hook));
+  EXPECT_EQ(hook.seen, bytes);
+  EXPECT_EQ(hook.dataCall, 1);
+  EXPECT_EQ(hook.completed, 2);
+  EXPECT_NE(Child(Root(), L"Zone"), nullptr);
+
+  struct Rejecting : ILoadHook {
+    void OnLoadComplete() override { ADD_FAILURE() << "completed after a rejection"; }
+    bool OnFileData(char*, unsigned long*, bool) override { return false; }
+  } rejecting;
+  EXPECT_FALSE(Read(Xml("<group name=\"Rejected\"/>"), &rejecting));
+  EXPECT_EQ(Child(Root(), L"Rejected"), nullptr);
+}
+
+TEST_F(Definitions, OverLongPathThrowsAndKeepsWhatWasMerged) {
+  std::string longPath = "C:\\" + std::string(258, 'p');  // 261 characters
+  std::string fits = "C:\\" + std::string(257, 'p');     // 260 characters
+  try {
+    Read(Xml("<group name=\"Before\"/><group name=\"G\" desc=\"d\"><item name=\"ok\"><clean kind=\"file\">" + fits +
+             "</clean></item><item name=\"long\" desc=\"set\"><clean kind=\"file\">" + longPath +
+             "</clean><clean kind=\"file\">C:\\After</clean></item><item name=\"later\"/></group>"
+             "<group name=\"After\"/>"));
+    FAIL() << "no exception";
+  } catch (const BufferOverflowException&) {
+  }
+  EXPECT_EQ(ChildNames(Root()), (std::vector<std::wstring>{L"Before", L"G"}));
+  CScanGroup* g = Child(Root(), L"G");
+  EXPECT_EQ(ChildNames(*g), (std::vector<std::wstring>{L"ok", L"long"}));
+  EXPECT_EQ(Child(*g, L"ok")->GetScanOpCount(), 1);
+  EXPECT_EQ(std::string(broomtest::Narrow(Operations(*Child(*g, L"ok"))[0]->GetPaths().front().c_str())), fits);
+  CScanGroup* item = Child(*g, L"long");
+  EXPECT_STREQ(item->GetDescription(), L"set");  // its properties were read before its children
+  EXPECT_EQ(item->GetScanOpCount(), 0);
+
+  // an empty path in a built-in clean fails the same way
+  EXPECT_THROW(Read(Xml("<group name=\"E\"><clean kind=\"file\"></clean></group>")), PositionOutOfStringException);
+  EXPECT_NE(Child(Root(), L"E"), nullptr);
 }
 
 }  // namespace
