@@ -3,6 +3,7 @@
 #include <shlwapi.h>
 
 #include <cstdlib>
+#include <algorithm>
 #include <cwchar>
 #include <map>
 #include <vector>
@@ -19,9 +20,39 @@ struct MallocFree {
   void operator()(void* p) const { free(p); }
 };
 
-void ReplaceAll(std::string& text, const std::string& from, const std::string& to) {
-  for (size_t pos = text.find(from); pos != std::string::npos; pos = text.find(from, pos + to.size()))
-    text.replace(pos, from.size(), to);
+// The declaration the files carry and the one the converted text gets.
+const char kUtf8Declaration[] = "<?xml version=\"1.0\" encoding=\"utf-8\"?>";
+const wchar_t kUtf16Declaration[] = L"<?xml version=\"1.0\" encoding=\"utf-16\"?>";
+constexpr size_t kUtf8DeclarationLength = sizeof kUtf8Declaration - 1;
+constexpr size_t kUtf16DeclarationLength = sizeof kUtf16Declaration / sizeof(wchar_t) - 1;
+
+// Appends the bytes [begin, end) converted with the thread's ANSI code page.
+// An ANSI code page never yields more UTF-16 units than it has bytes.
+void AppendAnsi(std::wstring& out, const char* begin, const char* end) {
+  if (begin == end) return;
+  size_t at = out.size();
+  out.resize(at + static_cast<size_t>(end - begin));
+  int n = MultiByteToWideChar(CP_THREAD_ACP, 0, begin, static_cast<int>(end - begin), &out[at],
+                              static_cast<int>(end - begin));
+  out.resize(at + static_cast<size_t>(n > 0 ? n : 0));
+}
+
+// The 8-bit text [begin, end) as UTF-16, every UTF-8 declaration relabelled
+// as UTF-16. The declaration is plain ASCII, which every ANSI code page maps
+// one to one, and it starts with '<' and ends with '>', which are never the
+// second byte of a double-byte character: converting around it gives the
+// same text as replacing the bytes first and converting the whole.
+std::wstring ToWide(const char* begin, const char* end) {
+  std::wstring out;
+  out.reserve(static_cast<size_t>(end - begin) + 16);
+  const char* from = begin;
+  for (;;) {
+    const char* found = std::search(from, end, kUtf8Declaration, kUtf8Declaration + kUtf8DeclarationLength);
+    AppendAnsi(out, from, found);
+    if (found == end) return out;
+    out.append(kUtf16Declaration, kUtf16DeclarationLength);
+    from = found + kUtf8DeclarationLength;
+  }
 }
 
 // Child elements of a node, in document order.
@@ -34,13 +65,18 @@ void ForEachElement(xml::NodePtr node, F f) {
 }  // namespace
 
 int LookupNamedValue(const CString& table, const wchar_t* name) {
-  CString key = CString(L":") + name + L":";
-  key.MakeLower();
-  int at = table.Find(key);
-  if (at < 0) return 0;
-  int close = table.Find(L':', at + 1);
-  if (close < 0) return 0;
-  return _wtoi(table.GetString() + close + 1);
+  // ":name:" in lower case, as the runtime lower-cases in the "C" locale
+  std::wstring key;
+  key.reserve(wcslen(name) + 2);
+  key += L':';
+  for (const wchar_t* c = name; *c; ++c) key += broom::FoldCase(*c);
+  key += L':';
+  const std::wstring& text = table.str();
+  size_t at = text.find(key);
+  if (at == std::wstring::npos) return 0;
+  size_t close = text.find(L':', at + 1);
+  if (close == std::wstring::npos) return 0;
+  return _wtoi(text.c_str() + close + 1);
 }
 
 EElementType XmlReader::Classify(const wchar_t* name) {
@@ -83,19 +119,11 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
   const char* data = buffer.get();
   const char* first = static_cast<const char*>(memchr(data, '<', count));
   if (!first) AtlThrow(E_INVALIDARG);
-  std::string text(first, count - (first - data));
+  // the text ends at the first NUL
+  const char* last = data + count;
+  if (const void* nul = memchr(first, '\0', static_cast<size_t>(last - first))) last = static_cast<const char*>(nul);
+  std::wstring wide = ToWide(first, last);
   buffer.reset();
-  size_t nul = text.find('\0');
-  if (nul != std::string::npos) text.resize(nul);
-  ReplaceAll(text, "<?xml version=\"1.0\" encoding=\"utf-8\"?>", "<?xml version=\"1.0\" encoding=\"utf-16\"?>");
-  // an ANSI code page never yields more UTF-16 units than it has bytes
-  std::wstring wide(text.size(), L'\0');
-  if (!text.empty()) {
-    int n = MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), static_cast<int>(text.size()), &wide[0],
-                                static_cast<int>(wide.size()));
-    wide.resize(static_cast<size_t>(n > 0 ? n : 0));
-  }
-  text = std::string();
 
   // parsed in place: the document points into wide, which outlives it
   pugi::xml_document document;
@@ -349,8 +377,8 @@ bool XmlReader::ReadCheck(xml::NodePtr node, CScanGroup_imp& group) {
 }
 
 CRefPtr<IScanOperation> XmlReader::newCleanOperation(const wchar_t* text, xml::NodePtr node) {
-  CString kind;
-  if (!node.GetAttribute(L"kind", kind)) return nullptr;
+  const wchar_t* kind = node.Attribute(L"kind");
+  if (!kind) return nullptr;
   if (m_store) {
     for (const auto& factory : m_store->GetFactories()) {
       CRefPtr<IScanOperation> op = factory->CreateOperation(kind, node);

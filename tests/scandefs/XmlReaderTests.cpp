@@ -311,6 +311,12 @@ TEST_F(Definitions, ByteLevel) {
   // entities and character references are decoded; attribute whitespace is normalised
   ASSERT_TRUE(Read(Xml("<group name=\"Ent\" desc=\"a&amp;b&#65;&lt;\tc\"/>")));
   EXPECT_STREQ(Child(Root(), L"Ent")->GetDescription(), L"a&bA< c");
+  // every occurrence of the UTF-8 declaration is relabelled, even inside text
+  ASSERT_TRUE(Read(Xml("<group name=\"Decl\"><clean kind=\"file\"><![CDATA[<?xml version=\"1.0\" "
+                       "encoding=\"utf-8\"?>]]></clean></group>")));
+  auto ops = Operations(*Child(Root(), L"Decl"));
+  ASSERT_EQ(ops.size(), 1u);
+  EXPECT_STREQ(ops[0]->GetPaths().front().c_str(), L"<?xml version=\"1.0\" encoding=\"utf-16\"?>");
   for (const wchar_t* name : {L"Nul", L"Junk", L"Doc", L"Quote"}) EXPECT_NE(Child(Root(), name), nullptr) << broomtest::Narrow(name);
 }
 
