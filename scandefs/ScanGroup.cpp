@@ -61,34 +61,9 @@ CScanGroup_imp* CScanGroup_imp::FindOrAddGroupPath(const CString& path, CScanGro
 }
 
 CScanGroup_imp* CScanGroup_imp::FindOrAddGroupPath(const wchar_t* path, size_t length, CScanGroup_imp& start) {
-  CScanGroup_imp* current = &start;
-  CScanGroup_imp* result = nullptr;
-  // Split at '/' as CString::Tokenize does, without making a string per
-  // token: a run of '/' before a token is skipped, the token ends at the next
-  // '/' or NUL, and the next search starts one past that character.
-  size_t pos = 0;
-  while (pos < length) {
-    size_t from = pos;
-    while (path[from] == L'/') ++from;  // the terminator (or an embedded NUL) stops the run
-    if (from >= length) break;
-    size_t end = from;
-    while (path[end] != L'/' && path[end] != L'\0') ++end;
-    const wchar_t* token = path + from;
-    size_t tokenLength = end - from;
-    pos = end + 1;
-
-    CScanGroup_imp* child = current->FindChild(token, tokenLength);
-    if (!child) {
-      current->m_children.emplace_back();
-      child = &current->m_children.back();
-    }
-    if (child->m_name.IsEmpty()) {
-      child->m_name = CString(token, static_cast<int>(tokenLength));
-      child->m_parent = current;
-    }
-    current = result = child;
-  }
-  return result;
+  return ResolvePath(path, length, start, [](CScanGroup_imp& parent, const wchar_t* name, size_t nameLength) {
+    return parent.FindChild(name, nameLength);
+  });
 }
 
 void CScanGroup_imp::AddScanOp(CScanGroup_imp& group, CRefPtr<IScanOperation> op) {

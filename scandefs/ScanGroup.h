@@ -77,6 +77,10 @@ class BROOM_API CScanGroup_imp : public CScanGroup {
   // Resolves "a/b/c" below start, creating missing groups; null without any segment.
   static CScanGroup_imp* FindOrAddGroupPath(const CString& path, CScanGroup_imp& start);
   static CScanGroup_imp* FindOrAddGroupPath(const wchar_t* path, size_t length, CScanGroup_imp& start);
+  // The same resolution with the look-up of a child by name supplied by the
+  // caller: find(parent, name, length) answers what FindChild would.
+  template <class Find>
+  static CScanGroup_imp* ResolvePath(const wchar_t* path, size_t length, CScanGroup_imp& start, Find find);
   static void AddScanOp(CScanGroup_imp& group, CRefPtr<IScanOperation> op);
   // Stable sort by order, then name (case-insensitive), all levels.
   void SortChildren();
@@ -85,3 +89,35 @@ class BROOM_API CScanGroup_imp : public CScanGroup {
   std::list<CRefPtr<IScanOperation>> m_scanOps;
   CString m_name, m_desc, m_tip, m_icon, m_tabIcon, m_report;
 };
+
+template <class Find>
+CScanGroup_imp* CScanGroup_imp::ResolvePath(const wchar_t* path, size_t length, CScanGroup_imp& start, Find find) {
+  CScanGroup_imp* current = &start;
+  CScanGroup_imp* result = nullptr;
+  // Split at '/' as CString::Tokenize does, without making a string per
+  // token: a run of '/' before a token is skipped, the token ends at the next
+  // '/' or NUL, and the next search starts one past that character.
+  size_t pos = 0;
+  while (pos < length) {
+    size_t from = pos;
+    while (path[from] == L'/') ++from;  // the terminator (or an embedded NUL) stops the run
+    if (from >= length) break;
+    size_t end = from;
+    while (path[end] != L'/' && path[end] != L'\0') ++end;
+    const wchar_t* token = path + from;
+    size_t tokenLength = end - from;
+    pos = end + 1;
+
+    CScanGroup_imp* child = find(*current, token, tokenLength);
+    if (!child) {
+      current->m_children.emplace_back();
+      child = &current->m_children.back();
+    }
+    if (child->m_name.IsEmpty()) {
+      child->m_name = CString(token, static_cast<int>(tokenLength));
+      child->m_parent = current;
+    }
+    current = result = child;
+  }
+  return result;
+}

@@ -55,6 +55,98 @@ std::wstring ToWide(const char* begin, const char* end) {
   }
 }
 
+// Finds the children of large groups by name without walking the sibling
+// list, which made merging many items into one group quadratic. It lives
+// while one file is read. Before each use a group's table takes in the
+// children appended since (a list keeps its elements in place, and groups
+// are only ever appended while a file is read), so children added by anyone
+// else in between are found too.
+class ChildIndex {
+ public:
+  CScanGroup_imp* Find(CScanGroup_imp& parent, const wchar_t* name, size_t length) {
+    if (parent.m_children.size() < kIndexFrom) return parent.FindChild(name, length);
+    Table& table = Update(parent);
+    size_t mask = table.slots.size() - 1;
+    for (size_t i = Hash(name, length) & mask;; i = (i + 1) & mask) {
+      CScanGroup_imp* child = table.slots[i];
+      if (!child) return nullptr;
+      if (broom::EqualNoCase(child->m_name.GetString(), static_cast<size_t>(child->m_name.GetLength()), name,
+                             length))
+        return child;
+    }
+  }
+
+ private:
+  static constexpr size_t kIndexFrom = 16;  // below that a walk is as quick
+
+  struct Table {
+    CScanGroup_imp* parent;
+    size_t indexed;  // children taken in, from the front of the list
+    std::vector<CScanGroup_imp*> slots;  // open addressing, at most half full
+  };
+
+  static size_t Hash(const wchar_t* name, size_t length) {
+    size_t hash = 2166136261u;
+    for (size_t i = 0; i < length; ++i) hash = (hash ^ broom::FoldCase(name[i])) * 16777619u;
+    return hash;
+  }
+
+  // Takes child in unless an earlier sibling has the same name (FindChild answers the first).
+  static void Insert(Table& table, CScanGroup_imp& child) {
+    size_t mask = table.slots.size() - 1;
+    const CString& name = child.m_name;
+    for (size_t i = Hash(name.GetString(), static_cast<size_t>(name.GetLength())) & mask;; i = (i + 1) & mask) {
+      CScanGroup_imp*& slot = table.slots[i];
+      if (!slot) {
+        slot = &child;
+        return;
+      }
+      if (broom::EqualNoCase(slot->m_name.GetString(), static_cast<size_t>(slot->m_name.GetLength()),
+                             name.GetString(), static_cast<size_t>(name.GetLength())))
+        return;
+    }
+  }
+
+  Table& Update(CScanGroup_imp& parent) {
+    Table* table = nullptr;
+    for (auto& t : m_tables)
+      if (t.parent == &parent) table = &t;
+    if (!table) {
+      m_tables.push_back(Table{&parent, 0, {}});
+      table = &m_tables.back();
+    }
+    size_t count = parent.m_children.size();
+    if (count == table->indexed) return *table;
+    size_t capacity = table->slots.size();
+    if (count < table->indexed || count * 2 > capacity) {
+      // start again, with room to grow
+      while (capacity < count * 4) capacity = capacity ? capacity * 2 : 64;
+      table->slots.assign(capacity, nullptr);
+      table->indexed = 0;
+    }
+    auto it = parent.m_children.end();
+    for (size_t i = table->indexed; i < count; ++i) --it;
+    for (; it != parent.m_children.end(); ++it) Insert(*table, *it);
+    table->indexed = count;
+    return *table;
+  }
+
+  std::vector<Table> m_tables;
+};
+
+// The index of the file being read on this thread, if any.
+thread_local ChildIndex* t_index = nullptr;
+
+CScanGroup_imp* ResolveGroupPath(const wchar_t* path, CScanGroup_imp& start) {
+  size_t length = wcslen(path);
+  ChildIndex* index = t_index;
+  if (!index) return CScanGroup_imp::FindOrAddGroupPath(path, length, start);
+  return CScanGroup_imp::ResolvePath(path, length, start,
+                                     [index](CScanGroup_imp& parent, const wchar_t* name, size_t nameLength) {
+                                       return index->Find(parent, name, nameLength);
+                                     });
+}
+
 // Child elements of a node, in document order.
 template <class F>
 void ForEachElement(xml::NodePtr node, F f) {
@@ -136,6 +228,10 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
   CRefPtr<ConfigValueMap> fileScope = CScopedMap::GetGlobalScope()->CreateChildScope();
   DecodeDOMRecursive(top, fileScope);
   auto& tree = static_cast<CScanGroup_imp&>(root);
+  ChildIndex index;
+  ChildIndex* outer = t_index;  // a factory may load another file meanwhile
+  t_index = &index;
+  auto restore = broom::scope_exit([&] { t_index = outer; });
   ForEachElement(top, [&](xml::NodePtr child) {
     switch (Classify(child.Name())) {
       case etGroup:
@@ -154,7 +250,7 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
 bool XmlReader::ReadGroup(xml::NodePtr node, CScanGroup_imp& parent) {
   const wchar_t* name = node.Attribute(L"name");
   if (!name) return false;
-  CScanGroup_imp* group = CScanGroup_imp::FindOrAddGroupPath(name, wcslen(name), parent);
+  CScanGroup_imp* group = ResolveGroupPath(name, parent);
   if (!group) return false;
   ReadBaseProperties(group, node);
   ReadChildren(node, *group);
@@ -166,12 +262,12 @@ bool XmlReader::ReadOperation(xml::NodePtr node, CScanGroup_imp& parent) {
   if (!name) return false;
   CScanGroup_imp* target = &parent;
   if (const wchar_t* groupPath = node.Attribute(L"group")) {
-    target = CScanGroup_imp::FindOrAddGroupPath(groupPath, wcslen(groupPath), parent);
+    target = ResolveGroupPath(groupPath, parent);
     if (!target) return false;
   } else if (!parent.m_parent) {
     return false;  // an item directly in the file needs its group
   }
-  CScanGroup_imp* item = CScanGroup_imp::FindOrAddGroupPath(name, wcslen(name), *target);
+  CScanGroup_imp* item = ResolveGroupPath(name, *target);
   if (!item) return false;
   ReadBaseProperties(item, node);
   ReadChildren(node, *item);

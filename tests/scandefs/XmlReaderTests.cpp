@@ -385,4 +385,67 @@ TEST_F(Definitions, OverLongPathThrowsAndKeepsWhatWasMerged) {
   EXPECT_NE(Child(Root(), L"E"), nullptr);
 }
 
+
+// Appends a child named "Injected" to a group when it meets kind "inject",
+// as a host's factory might while a file is being read.
+class InjectingFactory : public IScanOperationFactory {
+ public:
+  CRefPtr<IScanOperation> CreateOperation(const wchar_t* kind, xml::NodePtr) override {
+    if (wcscmp(kind, L"inject") == 0 && m_group) {
+      m_group->m_children.emplace_back();
+      m_group->m_children.back().m_name = L"Injected";
+      m_group->m_children.back().m_parent = m_group;
+    }
+    return nullptr;
+  }
+  CScanGroup_imp* m_group = nullptr;
+};
+using Injecting = CUnknownFoundation<InjectingFactory, CRefCount<0>, CIUnknownOnly, CDontDelete>;
+
+TEST_F(Definitions, LargeGroupsMergeByName) {
+  std::string first, second;
+  for (int i = 0; i < 100; ++i) {
+    first += "<item name=\"Item " + std::to_string(i) + "\" desc=\"one\"/>";
+    second += "<item name=\"ITEM " + std::to_string(99 - i) + "\" tip=\"two\"/>";
+  }
+  ASSERT_TRUE(Read(Xml("<group name=\"Big\">" + first + "</group>")));
+  ASSERT_TRUE(Read(Xml("<group name=\"big\">" + second + "<item name=\"New\"/></group>")));
+  CScanGroup* big = Child(Root(), L"Big");
+  ASSERT_EQ(big->GetChildCount(), 101);
+  for (int i = 0; i < 100; ++i) {
+    std::wstring name = L"Item " + std::to_wstring(i);
+    CScanGroup* item = Child(*big, name.c_str());
+    ASSERT_NE(item, nullptr);
+    EXPECT_STREQ(item->GetName(), name.c_str());  // the first spelling stays
+    EXPECT_STREQ(item->GetDescription(), L"one");
+    EXPECT_STREQ(item->GetTip(), L"two");
+  }
+
+  // children that appear while the file is read are found like the others
+  static Injecting factory;
+  factory.m_group = &static_cast<CScanGroup_imp&>(*big);
+  m_store->AddFactory(&factory);
+  ASSERT_TRUE(Read(Xml("<group name=\"Big\"><item name=\"Item 1\"><clean kind=\"inject\">x</clean></item>"
+                       "<item name=\"injected\" desc=\"merged\"/></group>")));
+  EXPECT_EQ(big->GetChildCount(), 102);
+  EXPECT_STREQ(Child(*big, L"Injected")->GetDescription(), L"merged");
+  m_store.Reset();
+  factory.m_group = nullptr;
+}
+
+TEST_F(Definitions, FirstOfSiblingsWithTheSameNameIsUsed) {
+  // a tree built by hand may hold two siblings of one name
+  CScanGroup_imp* big = CScanGroup_imp::FindOrAddGroupPath(CString(L"Big"), Root());
+  for (int i = 0; i < 40; ++i) {
+    big->m_children.emplace_back();
+    big->m_children.back().m_name = i % 2 ? L"twin" : (L"child " + std::to_wstring(i)).c_str();
+    big->m_children.back().m_parent = big;
+  }
+  ASSERT_TRUE(Read(Xml("<group name=\"Big/TWIN\" desc=\"to the first\"/>")));
+  auto second = std::next(big->m_children.begin());
+  EXPECT_STREQ(second->GetDescription(), L"to the first");
+  EXPECT_STREQ(std::next(second, 2)->GetDescription(), L"");
+  EXPECT_EQ(big->GetChildCount(), 40);
+}
+
 }  // namespace
