@@ -17,8 +17,10 @@
 struct CaseInsensitiveStringLess {
   using is_transparent = void;
   using Name = std::pair<const wchar_t*, size_t>;
+  // names hold no NUL, so comparing by length orders as _wcsicmp does; all
+  // three forms must order alike
   bool operator()(const std::wstring& a, const std::wstring& b) const {
-    return broom::CompareNoCase(a.c_str(), b.c_str()) < 0;
+    return broom::CompareNoCase(a.data(), a.size(), b.data(), b.size()) < 0;
   }
   bool operator()(const std::wstring& a, const Name& b) const {
     return broom::CompareNoCase(a.data(), a.size(), b.first, b.second) < 0;

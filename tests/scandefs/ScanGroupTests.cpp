@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include "common/TestFiles.h"
+
 #include <string>
 #include <vector>
 
+#include "scandefs/NoCase.h"
 #include "scandefs/ScanGroup.h"
 #include "scan/ScanOperation.h"
 
@@ -200,6 +203,20 @@ TEST(ScanGroup, NamesFoldOnlyLatinLettersLikeTheRuntimeCompare) {
   for (const wchar_t* name : {L"b", L"_", L"A"}) CScanGroup_imp::FindOrAddGroupPath(CString(name), sorted);
   sorted.SortChildren();
   EXPECT_EQ(ChildNames(sorted), (std::vector<std::wstring>{L"_", L"A", L"b"}));
+}
+
+
+TEST(NoCase, OrdersAsciiNamesLikeTheRuntime) {
+  const wchar_t* names[] = {L"", L"a", L"A", L"ab", L"aB", L"b", L"_", L"[", L"`", L"{", L"Z", L"z", L"item 10",
+                            L"Item 9", L"ITEM", L"item", L"x/y", L"X-Y", L"0", L"~"};
+  auto sign = [](int v) { return (v > 0) - (v < 0); };
+  for (const wchar_t* a : names)
+    for (const wchar_t* b : names) {
+      int expected = sign(_wcsicmp(a, b));
+      EXPECT_EQ(sign(broom::CompareNoCase(a, b)), expected) << broomtest::Narrow(a) << " / " << broomtest::Narrow(b);
+      EXPECT_EQ(sign(broom::CompareNoCase(a, wcslen(a), b, wcslen(b))), expected);
+      EXPECT_EQ(broom::EqualNoCase(a, wcslen(a), b, wcslen(b)), expected == 0);
+    }
 }
 
 }  // namespace
