@@ -124,8 +124,12 @@ class ChildIndex {
       table->slots.assign(capacity, nullptr);
       table->indexed = 0;
     }
-    auto it = parent.m_children.end();
-    for (size_t i = table->indexed; i < count; ++i) --it;
+    // the children not yet taken in are the last count - indexed ones
+    auto it = parent.m_children.begin();
+    if (table->indexed > 0) {
+      it = parent.m_children.end();
+      for (size_t i = table->indexed; i < count; ++i) --it;
+    }
     for (; it != parent.m_children.end(); ++it) Insert(*table, *it);
     table->indexed = count;
     return *table;
