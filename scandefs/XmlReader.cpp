@@ -2,8 +2,8 @@
 
 #include <shlwapi.h>
 
-#include <cstdlib>
 #include <algorithm>
+#include <cstdlib>
 #include <cwchar>
 #include <map>
 #include <vector>
@@ -40,8 +40,9 @@ void AppendAnsi(std::wstring& out, const char* begin, const char* end) {
 // The 8-bit text [begin, end) as UTF-16, every UTF-8 declaration relabelled
 // as UTF-16. The declaration is plain ASCII, which every ANSI code page maps
 // one to one, and it starts with '<' and ends with '>', which are never the
-// second byte of a double-byte character: converting around it gives the
-// same text as replacing the bytes first and converting the whole.
+// second byte of a double-byte character: for any well-formed text,
+// converting around it gives what replacing the bytes first and converting
+// the whole would.
 std::wstring ToWide(const char* begin, const char* end) {
   std::wstring out;
   out.reserve(static_cast<size_t>(end - begin) + 16);
