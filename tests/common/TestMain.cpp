@@ -7,8 +7,11 @@
 // as a leak.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/HandleCount.h"
@@ -54,7 +57,50 @@ class HandleLeakCheck : public testing::EmptyTestEventListener {
   unsigned long m_before = 0;
 };
 
+// Ends the program when one test runs far longer than any test should, naming
+// it: a hung test then fails on its own instead of waiting for ctest's limit
+// with nothing printed.
+class Watchdog : public testing::EmptyTestEventListener {
+ public:
+  explicit Watchdog(DWORD limitMs) : m_limitMs(limitMs) {
+    std::thread([this] { Watch(); }).detach();
+  }
+  void OnTestStart(const testing::TestInfo& info) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_name = std::string(info.test_suite_name()) + "." + info.name();
+    m_started = GetTickCount64();
+  }
+  void OnTestEnd(const testing::TestInfo&) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_started = 0;
+  }
+
+ private:
+  void Watch() {
+    for (;;) {
+      Sleep(1000);
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (m_started && GetTickCount64() - m_started > m_limitMs) {
+        fprintf(stderr, "%s has run for more than %lu s; ending the program\n", m_name.c_str(),
+                static_cast<unsigned long>(m_limitMs / 1000));
+        fflush(stderr);
+        fflush(stdout);
+        TerminateProcess(GetCurrentProcess(), 3);
+      }
+    }
+  }
+
+  DWORD m_limitMs;
+  std::mutex m_mutex;
+  std::string m_name;
+  ULONGLONG m_started = 0;
+};
+
 int RunTests() {
+  const char* limit = std::getenv("BROOM_TEST_LIMIT_S");
+  DWORD seconds = limit ? static_cast<DWORD>(std::strtoul(limit, nullptr, 10)) : 180;
+  if (seconds) testing::UnitTest::GetInstance()->listeners().Append(new Watchdog(seconds * 1000));
+
   if (std::getenv("BROOM_NO_LEAK_CHECK")) return RUN_ALL_TESTS();
 
   auto* check = new HandleLeakCheck;
