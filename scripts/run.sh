@@ -4,21 +4,14 @@
 # private Wine prefix. Arguments go to `broom scan` (e.g. --files, --json).
 # BROOM_BUILD_DIR picks the build folder (default: build/x86_64).
 set -euo pipefail
-here=$(cd "$(dirname "$0")/.." && pwd)
-"$here/scripts/setup.sh" "$here/build"
+source "$(dirname "$0")/common.sh"
 build=${BROOM_BUILD_DIR:-$here/build/x86_64}
-cmake -S "$here" -B "$build" -G Ninja \
-  -DCMAKE_TOOLCHAIN_FILE="$here/cmake/toolchain-x86_64-w64-mingw32.cmake" \
-  -DBROOM_THIRD_PARTY_DIR="$here/build/third_party" >/dev/null
+configure x86_64 "$build"
 cmake --build "$build" --target broom
 
-wine=$(command -v /usr/lib/wine/wine64 || command -v wine64 || command -v wine)
-wineserver=$(command -v /usr/lib/wine/wineserver || command -v wineserver)
-prefix=$build/wineprefix
-run() { "$here/scripts/wine-run.sh" "$wine" "$prefix" "$@"; }
-
+run() { "$here/scripts/wine-run.sh" "$wine" "$build/wineprefix" "$@"; }
 run wineboot --init >/dev/null 2>&1   # does nothing when the prefix exists
 status=0
 run "$build/bin/broom.exe" scan "$@" || status=$?
-"$here/scripts/wine-run.sh" "$wine" "$prefix" --stop-server "$wineserver"
+run --stop-server "$wineserver"
 exit $status

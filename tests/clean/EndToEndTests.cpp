@@ -8,6 +8,7 @@
 
 #include "clean/CleanableFile.h"
 #include "common/HandleCount.h"
+#include "common/ScanNotifiers.h"
 #include "common/TestFiles.h"
 #include "scandefs/ConfigStore.h"
 #include "settings/AppInfo.h"
@@ -18,23 +19,7 @@ using broomtest::WriteFile;
 
 namespace {
 
-class Collector : public IResultsCollector {
- public:
-  void AddItem(ICleanableItem* item) override { items.emplace_back(item); }
-  std::vector<CRefPtr<ICleanableItem>> items;
-};
-using StackCollector = CUnknownFoundation<Collector, CRefCount<0>, CIUnknownOnly, CDontDelete>;
-
-struct Progress : IOperationProgressNotify {
-  void SetTotal(int) override {}
-  void Finish() override {}
-  void SetPosition(int) override {}
-};
-struct Status : IOperationStatusNotify {
-  void SetCurrentFolder(const CString&) override {}
-  bool IsCancelled() override { return false; }
-  void OnItem(const wchar_t*, int) override {}
-};
+using broomtest::StackCollector;
 
 std::string Narrow(const std::wstring& s) { return broomtest::Narrow(s); }
 
@@ -47,8 +32,8 @@ void Perform(const CScanGroup& group, IResultsCollector* collector, CWhiteListTr
     if (child->IsEnabled() == abFalse) continue;
     CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> it;
     child->GetScanOps(it);
-    Progress progress;
-    Status status;
+    broomtest::NullProgress progress;
+    broomtest::NullStatus status;
     for (; !it->AtEnd(); it->Next(), ++ops) (*it->Current())->PerformScan(collector, &progress, &status, whiteList);
     Perform(*child, collector, whiteList, ops);
   }

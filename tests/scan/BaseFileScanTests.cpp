@@ -64,16 +64,49 @@ TEST_F(FileScan, FolderRootReportsEveryFileAndIsRewritten) {
   EXPECT_EQ(AsSet(scan.Paths()), AsSet(paths));
 }
 
-TEST_F(FileScan, FolderRootWithTrailingSeparator) {
-  WriteFile(P(L"T\\a.txt"), "a");
-  WriteFile(P(L"T\\s\\b.txt"), "b");
-  RecordingScan scan;
-  Scan(scan, {P(L"T\\")});
-  EXPECT_EQ(AsSet(scan.Paths()), AsSet({P(L"T\\a.txt"), P(L"T\\s\\b.txt")}));
-  EXPECT_EQ(std::wstring(scan.GetPaths().front().c_str()), P(L"T\\*"));
-}
-
-TEST_F(FileScan, SingleFileRoot) {
+// Which files a set of root patterns reports, each case in a folder of its own.
+TEST_F(FileScan, RootPatternsSelectTheirFiles) {
+  struct Case {
+    const char* what;
+    std::vector<std::wstring> files, roots, expected;
+    const wchar_t* rewrittenRoot;
+  };
+  const Case cases[] = {
+      {"folder root with a trailing separator", {L"T\\a.txt", L"T\\s\\b.txt"}, {L"T\\"},
+       {L"T\\a.txt", L"T\\s\\b.txt"}, L"T\\*"},
+      {"missing roots", {}, {L"nothing-here", L"nothing\\*.tmp", L"no\\*\\x\\*"}, {}, nullptr},
+      {"final mask selects files and the subfolders it descends",
+       {L"T\\x.log", L"T\\y.txt", L"T\\d.log\\z.log", L"T\\d.log\\w.txt", L"T\\other\\q.log"},
+       {L"T\\*.log"}, {L"T\\x.log", L"T\\d.log\\z.log"}, nullptr},
+      {"folder wildcard visits every matching folder",
+       {L"U\\alice\\App\\Temp\\t1.tmp", L"U\\alice\\App\\Temp\\sub\\t2.tmp", L"U\\bob\\Docs\\keep.txt",
+        L"U\\carol\\App\\Roaming\\r.txt", L"U\\dave\\App\\Temp\\t3.tmp"},
+       {L"U\\*\\App\\Temp\\*"},
+       {L"U\\alice\\App\\Temp\\t1.tmp", L"U\\alice\\App\\Temp\\sub\\t2.tmp", L"U\\dave\\App\\Temp\\t3.tmp"},
+       nullptr},
+      {"a wildcard anywhere in a folder name",
+       {L"U\\alice\\App\\Temp\\t1.tmp", L"U\\dave\\App\\Temp\\t3.tmp"}, {L"U\\?l*\\App\\Temp\\*.tmp"},
+       {L"U\\alice\\App\\Temp\\t1.tmp"}, nullptr},
+      {"wildcard with a trailing separator", {L"U\\alice\\a.txt"}, {L"U\\*\\"}, {}, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir dir;
+    for (const auto& file : c.files) WriteFile(dir / file, "x");
+    RecordingScan scan;
+    for (const auto& root : c.roots) scan.AddPath(CPathString((dir / root).c_str()));
+    RecordingProgress progress;
+    scan.Initialize(&progress, &m_status, &m_whiteList);
+    scan.StartScan();
+    std::set<std::wstring> expected;
+    for (const auto& file : c.expected) expected.insert(dir / file);
+    EXPECT_EQ(AsSet(scan.Paths()), expected);
+    EXPECT_EQ(progress.finished, 1);
+    if (c.rewrittenRoot) {
+      EXPECT_EQ(std::wstring(scan.GetPaths().front().c_str()), dir / c.rewrittenRoot);
+    }
+  }
+  // a single file root reports the file with its folder as given
   WriteFile(P(L"T\\a.log"), "12345");
   WriteFile(P(L"T\\b.log"), "1");
   RecordingScan scan;
@@ -81,50 +114,6 @@ TEST_F(FileScan, SingleFileRoot) {
   ASSERT_EQ(scan.hits.size(), 1u);
   EXPECT_EQ(scan.hits[0].folder, P(L"T"));
   EXPECT_EQ(scan.hits[0].name, L"a.log");
-  EXPECT_EQ(std::wstring(scan.GetPaths().front().c_str()), P(L"T\\a.log"));
-}
-
-TEST_F(FileScan, MissingRootReportsNothing) {
-  RecordingScan scan;
-  Scan(scan, {P(L"nothing-here"), P(L"nothing\\*.tmp"), P(L"no\\*\\x\\*")});
-  EXPECT_TRUE(scan.hits.empty());
-  EXPECT_EQ(m_progress.finished, 1);
-}
-
-TEST_F(FileScan, FinalMaskSelectsFilesAndSubfolders) {
-  WriteFile(P(L"T\\x.log"), "x");
-  WriteFile(P(L"T\\y.txt"), "y");
-  WriteFile(P(L"T\\d.log\\z.log"), "z");
-  WriteFile(P(L"T\\d.log\\w.txt"), "w");
-  WriteFile(P(L"T\\other\\q.log"), "q");
-  RecordingScan scan;
-  Scan(scan, {P(L"T\\*.log")});
-  EXPECT_EQ(AsSet(scan.Paths()), AsSet({P(L"T\\x.log"), P(L"T\\d.log\\z.log")}));
-}
-
-TEST_F(FileScan, FolderWildcardVisitsEveryMatchingFolder) {
-  WriteFile(P(L"Users\\alice\\AppData\\Local\\Temp\\t1.tmp"), "1");
-  WriteFile(P(L"Users\\alice\\AppData\\Local\\Temp\\sub\\t2.tmp"), "2");
-  WriteFile(P(L"Users\\bob\\Documents\\keep.txt"), "keep");
-  WriteFile(P(L"Users\\carol\\AppData\\Roaming\\r.txt"), "r");
-  WriteFile(P(L"Users\\dave\\AppData\\Local\\Temp\\t3.tmp"), "3");
-  RecordingScan scan;
-  Scan(scan, {P(L"Users\\*\\AppData\\Local\\Temp\\*")});
-  EXPECT_EQ(AsSet(scan.Paths()),
-            AsSet({P(L"Users\\alice\\AppData\\Local\\Temp\\t1.tmp"),
-                   P(L"Users\\alice\\AppData\\Local\\Temp\\sub\\t2.tmp"),
-                   P(L"Users\\dave\\AppData\\Local\\Temp\\t3.tmp")}));
-  // the wildcard component can stand anywhere in a name
-  RecordingScan partial;
-  Scan(partial, {P(L"Users\\?l*\\AppData\\Local\\Temp\\*.tmp")});
-  EXPECT_EQ(AsSet(partial.Paths()), AsSet({P(L"Users\\alice\\AppData\\Local\\Temp\\t1.tmp")}));
-}
-
-TEST_F(FileScan, WildcardWithTrailingSeparatorYieldsNothing) {
-  WriteFile(P(L"Users\\alice\\a.txt"), "a");
-  RecordingScan scan;
-  Scan(scan, {P(L"Users\\*\\")});
-  EXPECT_TRUE(scan.hits.empty());
 }
 
 TEST_F(FileScan, AttributesOfListedFolders) {

@@ -5,6 +5,7 @@
 
 #include "clean/CleanableFile.h"
 #include "common/HandleCount.h"
+#include "common/ScanNotifiers.h"
 #include "scan/StdFileScan.h"
 #include "tests/scan/ScanTestSupport.h"
 
@@ -12,14 +13,7 @@ using broomtest::WriteFile;
 
 namespace {
 
-// A collector on the stack: counts references without owning itself, so a
-// test can see whether the scan kept one.
-class Collector : public IResultsCollector {
- public:
-  void AddItem(ICleanableItem* item) override { items.emplace_back(item); }
-  std::vector<CRefPtr<ICleanableItem>> items;
-};
-using StackCollector = CUnknownFoundation<Collector, CRefCount<0>, CIUnknownOnly, CDontDelete>;
+using broomtest::StackCollector;
 
 class StdFileScan : public testing::Test {
  protected:
