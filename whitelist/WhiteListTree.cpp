@@ -67,48 +67,49 @@ CWhiteListTree::CWhiteListTree() : m_hLock(CreateEventW(nullptr, FALSE, TRUE, nu
 
 CWhiteListTree::~CWhiteListTree() = default;
 
-bool CWhiteListTree::FindNode(Iterator& it, const CString& name, bool create) {
-  SWhiteListTreeNode* sentinel = it.node()->link;
-  SWhiteListTreeNode* cur = sentinel->next;
-  while (!IsSentinel(cur)) {
+namespace {
+
+// Siblings are kept sorted by name: the first one whose name is not below
+// `name` (the ring's sentinel when there is none), and whether it is equal.
+template <class Node>
+Node* SeekSibling(Node* sentinel, const CString& name, bool& found) {
+  Node* cur = sentinel->next;
+  found = false;
+  while (cur->item) {
     int order = cur->item->name.Compare(name);
-    if (order == 0) {
-      it = Iterator(cur);
-      return true;
+    if (order >= 0) {
+      found = order == 0;
+      break;
     }
-    if (order > 0) break;
     cur = cur->next;
   }
+  return cur;
+}
+
+}  // namespace
+
+bool CWhiteListTree::FindNode(Iterator& it, const CString& name, bool create) {
+  bool found;
+  SWhiteListTreeNode* cur = SeekSibling(it.node()->link, name, found);
   it = Iterator(cur);
-  if (create) {
-    auto* item = new SWhiteListItem{name, 0};
-    SWhiteListTreeNode* node;
-    try {
-      node = NewNode(item);
-    } catch (...) {
-      delete item;
-      throw;
-    }
-    InsertBefore(cur, node);
-    it = Iterator(node);
+  if (found || !create) return found;
+  auto* item = new SWhiteListItem{name, 0};
+  SWhiteListTreeNode* node;
+  try {
+    node = NewNode(item);
+  } catch (...) {
+    delete item;
+    throw;
   }
+  InsertBefore(cur, node);
+  it = Iterator(node);
   return false;
 }
 
 bool CWhiteListTree::FindNode(ConstIterator& it, const CString& name) {
-  const SWhiteListTreeNode* sentinel = it.node()->link;
-  const SWhiteListTreeNode* cur = sentinel->next;
-  while (!IsSentinel(cur)) {
-    int order = cur->item->name.Compare(name);
-    if (order == 0) {
-      it = ConstIterator(cur);
-      return true;
-    }
-    if (order > 0) break;
-    cur = cur->next;
-  }
-  it = ConstIterator(cur);
-  return false;
+  bool found;
+  it = ConstIterator(SeekSibling(it.node()->link, name, found));
+  return found;
 }
 
 void CWhiteListTree::SafeGuardSubPath(CParsedString& parsed, unsigned long flags) {
