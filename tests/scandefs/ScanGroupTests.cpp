@@ -1,57 +1,49 @@
+// The tree of scan groups: paths, inherited switches, sorting, operations
+// and copies; and the name comparison it uses.
 #include <gtest/gtest.h>
 
-#include "common/TestFiles.h"
-
 #include <string>
-#include <vector>
 
 #include "scandefs/NoCase.h"
-#include "scandefs/ScanGroup.h"
-#include "scan/ScanOperation.h"
+#include "tests/scandefs/Definitions.h"
+
+using namespace defstest;
 
 namespace {
 
-std::vector<std::wstring> ChildNames(const CScanGroup& group) {
-  std::vector<std::wstring> names;
-  CRefPtr<TIteratorIface<CScanGroup>> it;
-  group.GetChildren(it);
-  for (; !it->AtEnd(); it->Next()) names.push_back(it->Current()->GetName());
-  return names;
+CScanGroup_imp* Path(CScanGroup_imp& root, const wchar_t* path) {
+  return CScanGroup_imp::FindOrAddGroupPath(CString(path), root);
 }
 
-TEST(ScanGroup, NewGroupDefaults) {
+TEST(ScanGroup, NewGroupsAndPaths) {
   CScanGroup_imp root;
-  CScanGroup_imp* g = CScanGroup_imp::FindOrAddGroupPath(CString(L"a"), root);
+  CScanGroup_imp* g = Path(root, L"a");
   ASSERT_NE(g, nullptr);
-  EXPECT_EQ(g->GetOrder(), 999999);
-  EXPECT_EQ(g->IsEnabled(), abNotSet);
-  EXPECT_EQ(g->GetReport(), nullptr);
-  EXPECT_STREQ(g->GetDescription(), L"");
+  EXPECT_EQ(Props(*g), L"order=999999");
   EXPECT_EQ(g->GetParent(), nullptr);  // top level: the root is hidden
-  CScanGroup_imp* deep = CScanGroup_imp::FindOrAddGroupPath(CString(L"a/b/c"), root);
-  EXPECT_EQ(deep->GetParent(), CScanGroup_imp::FindOrAddGroupPath(CString(L"a/b"), root));
-  EXPECT_EQ(CScanGroup_imp::FindOrAddGroupPath(CString(L"//"), root), nullptr);
-}
-
-TEST(ScanGroup, PathResolutionSkipsEmptySegmentsAndIgnoresCase) {
-  CScanGroup_imp root;
-  CScanGroup_imp* first = CScanGroup_imp::FindOrAddGroupPath(CString(L"a//b/"), root);
-  EXPECT_EQ(CScanGroup_imp::FindOrAddGroupPath(CString(L"a/b"), root), first);
-  EXPECT_EQ(CScanGroup_imp::FindOrAddGroupPath(CString(L"A/B"), root), first);
-  EXPECT_STREQ(first->GetName(), L"b");
-  EXPECT_EQ(root.GetChildCount(), 1);
+  EXPECT_EQ(Path(root, L"a/b/c")->GetParent(), Path(root, L"a/b"));
+  EXPECT_EQ(Path(root, L"//"), nullptr);
+  // empty segments are skipped and case is ignored
+  CScanGroup_imp* b = Path(root, L"a//b/");
+  EXPECT_EQ(Path(root, L"A/B"), b);
+  EXPECT_EQ(root.FindChild(L"A"), g);
+  EXPECT_EQ(Tree(root), L"a{b{c}}");
 }
 
 TEST(ScanGroup, SwitchesInheritFromTheParent) {
   CScanGroup_imp root;
-  CScanGroup_imp* parent = CScanGroup_imp::FindOrAddGroupPath(CString(L"p"), root);
-  CScanGroup_imp* child = CScanGroup_imp::FindOrAddGroupPath(CString(L"p/c"), root);
+  CScanGroup_imp* parent = Path(root, L"p");
+  CScanGroup_imp* child = Path(root, L"p/c");
+  EXPECT_EQ(child->GetInheritedBoolProperty(bpDefaultClean), abNotSet);
+  EXPECT_EQ(child->GetQScan(), abNotSet);
   parent->SetBoolProperty(bpSafe, abTrue);
   EXPECT_EQ(child->IsSafe(), abTrue);
   child->SetBoolProperty(bpSafe, abFalse);
   EXPECT_EQ(child->IsSafe(), abFalse);
-  parent->SetBoolProperty(static_cast<EBoolProperty>(7), abTrue);  // ignored
-  EXPECT_EQ(child->GetInheritedBoolProperty(static_cast<EBoolProperty>(7)), abFalse);
+  // the hidden root takes part in inheritance
+  root.SetBoolProperty(bpDefaultClean, abFalse);
+  EXPECT_EQ(child->IsDefaultClean(), abFalse);
+  EXPECT_EQ(root.IsDefaultClean(), abFalse);
 
   child->SetBoolProperty(bpQScan, abTrue);
   EXPECT_EQ(child->GetQScan(), abTrue);  // scan and enabled not set do not stop it
@@ -61,32 +53,33 @@ TEST(ScanGroup, SwitchesInheritFromTheParent) {
   parent->SetBoolProperty(bpEnabled, abFalse);
   EXPECT_EQ(child->GetQScan(), abFalse);
   EXPECT_EQ(child->IsEnabled(), abFalse);
+
+  // switches outside 0..4 are ignored when set and read as false
+  CScanGroup_imp* other = Path(root, L"q");
+  for (int outside : {5, 7, -1}) {
+    other->SetBoolProperty(static_cast<EBoolProperty>(outside), abFalse);
+    EXPECT_EQ(other->GetInheritedBoolProperty(static_cast<EBoolProperty>(outside)), abFalse) << outside;
+  }
+  EXPECT_EQ(Props(*other), L"order=999999");
 }
 
-TEST(ScanGroup, SortIsStableByOrderThenName) {
+TEST(ScanGroup, SortIsStableByOrderThenNameOnEveryLevel) {
   CScanGroup_imp root;
-  const std::pair<const wchar_t*, int> children[] = {{L"b", 5}, {L"a", 999999}, {L"A", 5}, {L"z", 2}, {L"B", 5}};
+  const std::pair<const wchar_t*, int> children[] = {
+      {L"b", 5}, {L"a", 999999}, {L"A", 5}, {L"z", 2}, {L"B", 5}, {L"_", 5}};
   for (const auto& c : children) {
     root.m_children.emplace_back();
     root.m_children.back().m_name = c.first;
     root.m_children.back().m_order = c.second;
+    root.m_children.back().m_parent = &root;
   }
+  for (const wchar_t* path : {L"z/y", L"z/x", L"z/k/2", L"z/k/1"}) Path(root, path);
   root.SortChildren();
-  // equal keys ("b" and "B") keep their order
-  EXPECT_EQ(ChildNames(root), (std::vector<std::wstring>{L"z", L"A", L"b", L"B", L"a"}));
+  // equal keys ("b" and "B") keep their order; '_' sorts before letters, as
+  // it does after lower-case folding; the sort relinks the nodes, so
+  // parent links stay valid
+  EXPECT_EQ(Tree(root), L"z{k{1,2},x,y},_,A,b,B,a");
 }
-
-TEST(ScanGroup, IteratorsWalkChildrenAndOperations) {
-  CScanGroup_imp root;
-  CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
-  root.GetScanOps(ops);
-  EXPECT_TRUE(ops->AtEnd());
-  EXPECT_FALSE(ops->Next());
-  CRefPtr<TIteratorIface<CScanGroup>> children;
-  root.GetChildren(children);
-  EXPECT_TRUE(children->AtEnd());
-}
-
 
 // An operation that only counts its references.
 class CountingOp : public IScanOperation {
@@ -97,11 +90,17 @@ class CountingOp : public IScanOperation {
   int* m_destroyed = nullptr;
 };
 
-TEST(ScanGroup, OperationsAreCountedReferences) {
+TEST(ScanGroup, IteratorsAndCountedOperations) {
   int destroyed = 0;
   {
     CScanGroup_imp root;
-    CScanGroup_imp* g = CScanGroup_imp::FindOrAddGroupPath(CString(L"g"), root);
+    CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
+    root.GetScanOps(ops);
+    EXPECT_TRUE(ops->AtEnd());
+    EXPECT_FALSE(ops->Next());
+    EXPECT_EQ(Tree(root), L"");
+
+    CScanGroup_imp* g = Path(root, L"g");
     auto* op = new IUnknownNoQIImp<CountingOp>();
     op->m_destroyed = &destroyed;
     CScanGroup_imp::AddScanOp(*g, CRefPtr<IScanOperation>(op));
@@ -110,7 +109,6 @@ TEST(ScanGroup, OperationsAreCountedReferences) {
     EXPECT_EQ(g->GetScanOpCount(), 2);
     EXPECT_EQ(op->AddRef(), 3u);
     op->Release();
-    CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
     g->GetScanOps(ops);
     ASSERT_FALSE(ops->AtEnd());
     EXPECT_EQ(ops->Current()->Get(), op);
@@ -130,9 +128,8 @@ TEST(ScanGroup, OperationsAreCountedReferences) {
 
 TEST(ScanGroup, CopiesAndHostData) {
   CScanGroup_imp root;
-  CScanGroup_imp::FindOrAddGroupPath(CString(L"g/child"), root);
-  CScanGroup_imp* g = root.FindChild(L"g");
-  ASSERT_NE(g, nullptr);
+  CScanGroup_imp* g = Path(root, L"g");
+  Path(root, L"g/child");
   int marker = 0;
   g->SetUIData(&marker);
   g->m_order = 7;
@@ -141,70 +138,26 @@ TEST(ScanGroup, CopiesAndHostData) {
   EXPECT_EQ(g->GetUIData(), &marker);
 
   CScanGroup_imp deep(*g);
-  EXPECT_EQ(deep.GetOrder(), 7);
+  EXPECT_EQ(Props(deep), L"order=7 desc=text safe=y");
   EXPECT_EQ(deep.m_parent, &root);
   EXPECT_EQ(deep.GetUIData(), &marker);
-  EXPECT_STREQ(deep.GetDescription(), L"text");
-  ASSERT_EQ(deep.GetChildCount(), 1);
-  EXPECT_EQ(deep.m_children.front().m_parent, g);  // children keep their old parent
+  EXPECT_EQ(Tree(deep), L"child!");  // children keep their old parent
+  EXPECT_EQ(deep.m_children.front().m_parent, g);
 
   // the base part alone copies the fields it owns, not the texts or lists
   CScanGroup_imp other;
   static_cast<CScanGroup&>(other) = static_cast<const CScanGroup&>(*g);
-  EXPECT_EQ(other.GetOrder(), 7);
-  EXPECT_EQ(other.m_boolProps[bpSafe], abTrue);
-  EXPECT_STREQ(other.GetDescription(), L"");
+  EXPECT_EQ(Props(other), L"order=7 safe=y");
   EXPECT_EQ(other.GetChildCount(), 0);
-}
-
-TEST(ScanGroup, BoolStatesAndUnsetChains) {
-  EXPECT_EQ(CScanGroup::MakeBoolState(false, true), abNotSet);
-  EXPECT_EQ(CScanGroup::MakeBoolState(true, true), abTrue);
-  EXPECT_EQ(CScanGroup::MakeBoolState(true, false), abFalse);
-  CScanGroup_imp root;
-  CScanGroup_imp* leaf = CScanGroup_imp::FindOrAddGroupPath(CString(L"a/b/c"), root);
-  EXPECT_EQ(leaf->GetInheritedBoolProperty(bpDefaultClean), abNotSet);
-  EXPECT_EQ(leaf->GetQScan(), abNotSet);
-  // the hidden root takes part in inheritance
-  root.SetBoolProperty(bpDefaultClean, abFalse);
-  EXPECT_EQ(leaf->IsDefaultClean(), abFalse);
-  EXPECT_EQ(root.IsDefaultClean(), abFalse);
-  leaf->SetBoolProperty(bpDefaultClean, abTrue);
-  EXPECT_EQ(leaf->IsDefaultClean(), abTrue);
-  leaf->SetBoolProperty(static_cast<EBoolProperty>(5), abFalse);  // outside 0..4: ignored
-  leaf->SetBoolProperty(static_cast<EBoolProperty>(-1), abFalse);
-  for (auto state : leaf->m_boolProps) EXPECT_NE(state, abFalse);
-  EXPECT_EQ(leaf->GetInheritedBoolProperty(static_cast<EBoolProperty>(-1)), abFalse);
-}
-
-TEST(ScanGroup, SortingReachesEveryLevel) {
-  CScanGroup_imp root;
-  for (const wchar_t* path : {L"b/y", L"b/x", L"a/z/2", L"a/z/1", L"a/k"})
-    CScanGroup_imp::FindOrAddGroupPath(CString(path), root);
-  root.SortChildren();
-  EXPECT_EQ(ChildNames(root), (std::vector<std::wstring>{L"a", L"b"}));
-  CScanGroup_imp* a = root.FindChild(L"a");
-  EXPECT_EQ(ChildNames(*a), (std::vector<std::wstring>{L"k", L"z"}));
-  EXPECT_EQ(ChildNames(*a->FindChild(L"z")), (std::vector<std::wstring>{L"1", L"2"}));
-  EXPECT_EQ(ChildNames(*root.FindChild(L"B")), (std::vector<std::wstring>{L"x", L"y"}));
-  // pointers stay valid: the sort relinks the nodes
-  EXPECT_EQ(a->FindChild(L"z")->m_parent, a);
 }
 
 TEST(ScanGroup, NamesFoldOnlyLatinLettersLikeTheRuntimeCompare) {
   CScanGroup_imp root;
-  CScanGroup_imp* upper = CScanGroup_imp::FindOrAddGroupPath(CString(L"\u00C4rger"), root);
-  CScanGroup_imp* lower = CScanGroup_imp::FindOrAddGroupPath(CString(L"\u00E4rger"), root);
-  EXPECT_NE(upper, lower);
-  EXPECT_EQ(CScanGroup_imp::FindOrAddGroupPath(CString(L"\u00C4RGER"), root), upper);
+  CScanGroup_imp* upper = Path(root, L"\u00C4rger");
+  EXPECT_NE(Path(root, L"\u00E4rger"), upper);
+  EXPECT_EQ(Path(root, L"\u00C4RGER"), upper);
   EXPECT_EQ(root.GetChildCount(), 2);
-  // '_' sorts before letters, as it does after lower-case folding
-  CScanGroup_imp sorted;
-  for (const wchar_t* name : {L"b", L"_", L"A"}) CScanGroup_imp::FindOrAddGroupPath(CString(name), sorted);
-  sorted.SortChildren();
-  EXPECT_EQ(ChildNames(sorted), (std::vector<std::wstring>{L"_", L"A", L"b"}));
 }
-
 
 TEST(NoCase, OrdersAsciiNamesLikeTheRuntime) {
   const wchar_t* names[] = {L"", L"a", L"A", L"ab", L"aB", L"b", L"_", L"[", L"`", L"{", L"Z", L"z", L"item 10",
