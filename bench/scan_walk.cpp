@@ -10,8 +10,12 @@
 #include "log/ScanLogThread.h"
 #include "scan/BaseFileScan.h"
 #include "settings/AppInfo.h"
+#include "tests/common/ScanNotifiers.h"
 
 namespace {
+
+using broomtest::NullProgress;
+using broomtest::NullStatus;
 
 constexpr int kFolders = 5000;
 constexpr int kFilesPerFolder = 20;
@@ -66,17 +70,6 @@ class CountingScan : public CBaseFileScan {
   void OnFile(const CPathString&, const WIN32_FIND_DATAW&) override { ++hits; }
   void ProcessHit(const CPathString&, const WIN32_FIND_DATAW&, unsigned int) override {}
   long long hits = 0;
-};
-
-struct NullProgress : IOperationProgressNotify {
-  void SetTotal(int) override {}
-  void Finish() override {}
-  void SetPosition(int) override {}
-};
-struct NullStatus : IOperationStatusNotify {
-  void SetCurrentFolder(const CString&) override {}
-  bool IsCancelled() override { return false; }
-  void OnItem(const wchar_t*, int) override {}
 };
 
 double Seconds(std::chrono::steady_clock::time_point since) {
