@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 #include "SettingsTestKey.h"
 #include "common/TestFiles.h"
@@ -26,71 +27,52 @@ class AppInfoTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(AppInfoTest, InitWithoutKeySetsOnlyBitOneAndCreatesNothing) {
-  CAppInfo::Init(&m_settings, L"C:\\Users\\me\\AppData\\Broom");
-  EXPECT_EQ(1u, CAppInfo::GetAppState());
-  EXPECT_STREQ(L"C:\\Users\\me\\AppData\\Broom", CAppInfo::GetUserDataPath());
-  EXPECT_FALSE(m_key.Exists(false));
-  EXPECT_FALSE(m_key.Exists(true));
+TEST_F(AppInfoTest, InitReadsBothRegistryBitsUserCopyFirst) {
+  struct Value {
+    bool system;
+    const wchar_t* name;
+    DWORD type;
+    DWORD data;
+  };
+  struct Case {
+    const char* what;
+    std::vector<Value> values;
+    unsigned long state;
+  } cases[] = {
+      {"no key", {}, 0x1},
+      {"both bits", {{false, L"Defanged", REG_DWORD, 1}, {true, L"ReportStats", REG_DWORD, 0x100}}, 0xB},
+      {"user zero masks the system value", {{false, L"Defanged", REG_DWORD, 0}, {true, L"Defanged", REG_DWORD, 5}}, 0x1},
+      {"system value alone", {{true, L"Defanged", REG_DWORD, 5}}, 0x3},
+      {"other types", {{false, L"ReportStats", REG_SZ, L'1'}, {true, L"Defanged", REG_BINARY, 1}}, 0x1},
+      {"wrong user type falls back", {{false, L"ReportStats", REG_SZ, L'1'}, {true, L"ReportStats", REG_DWORD, 1}}, 0x9},
+  };
+  for (const Case& c : cases) {
+    AppKey key;
+    CRegSettings settings(settingstest::kCompany, key.Product());
+    for (const Value& v : c.values) key.Write(v.system, v.name, v.type, &v.data, sizeof(v.data));
+    CAppInfo::Init(&settings, L"C:\\Users\\me\\AppData\\Broom");
+    EXPECT_EQ(c.state, CAppInfo::GetAppState()) << c.what;
+    EXPECT_STREQ(L"C:\\Users\\me\\AppData\\Broom", CAppInfo::GetUserDataPath());
+    if (c.values.empty()) {
+      EXPECT_FALSE(key.Exists(false) || key.Exists(true)) << "reading created the key";
+    }
+  }
 }
 
-TEST_F(AppInfoTest, NullPathGivesEmptyString) {
-  CAppInfo::Init(&m_settings, L"first");
-  CAppInfo::Init(&m_settings, nullptr);
-  ASSERT_NE(nullptr, CAppInfo::GetUserDataPath());
-  EXPECT_STREQ(L"", CAppInfo::GetUserDataPath());
-}
-
-TEST_F(AppInfoTest, BothRegistryBitsThenAllManualBits) {
+TEST_F(AppInfoTest, ManualBitsAreTheHighHalfOnly) {
   m_key.WriteDword(false, L"Defanged", 1);
   m_key.WriteDword(true, L"ReportStats", 0x100);
   CAppInfo::Init(&m_settings, L"p");
-  EXPECT_EQ(0x0000000Bu, CAppInfo::GetAppState());
   CAppInfo::SetManualStateBits(0xFFFFFFFF);
   EXPECT_EQ(0xFFFF000Bu, CAppInfo::GetAppState());
   EXPECT_EQ(0xFFFF000Bu, CAppInfo::m_appState);
   CAppInfo::ClearManualStateBits(0xFFFFFFFF);
   EXPECT_EQ(0x0000000Bu, CAppInfo::GetAppState());
-}
-
-TEST_F(AppInfoTest, ManualBitsIgnoreTheLowHalf) {
-  CAppInfo::Init(&m_settings, L"p");
-  CAppInfo::SetManualStateBits(0x0000FFFE);
-  EXPECT_EQ(1u, CAppInfo::GetAppState());
+  CAppInfo::SetManualStateBits(0x0000FFF4);
+  EXPECT_EQ(0xBu, CAppInfo::GetAppState());
   CAppInfo::SetManualStateBits(0x00030000);
-  EXPECT_EQ(0x00030001u, CAppInfo::GetAppState());
-  CAppInfo::ClearManualStateBits(0x0001FFFF);  // bit 1 stays: it is not a manual bit
-  EXPECT_EQ(0x00020001u, CAppInfo::GetAppState());
-}
-
-TEST_F(AppInfoTest, UserZeroMasksSystemValue) {
-  m_key.WriteDword(false, L"Defanged", 0);
-  m_key.WriteDword(true, L"Defanged", 5);
-  CAppInfo::Init(&m_settings, L"p");
-  EXPECT_EQ(0u, CAppInfo::GetAppState() & 0x2);
-}
-
-TEST_F(AppInfoTest, SystemValueAloneSetsTheBit) {
-  m_key.WriteDword(true, L"Defanged", 5);
-  CAppInfo::Init(&m_settings, L"p");
-  EXPECT_EQ(0x3u, CAppInfo::GetAppState());
-}
-
-TEST_F(AppInfoTest, ValuesOfOtherTypesLeaveBitsClear) {
-  const wchar_t one[] = L"1";
-  m_key.Write(false, L"ReportStats", REG_SZ, one, sizeof(one));
-  BYTE binary[4] = {1, 0, 0, 0};
-  m_key.Write(true, L"Defanged", REG_BINARY, binary, sizeof(binary));
-  CAppInfo::Init(&m_settings, L"p");
-  EXPECT_EQ(1u, CAppInfo::GetAppState());
-}
-
-TEST_F(AppInfoTest, WrongUserTypeFallsBackToSystemCopy) {
-  const wchar_t one[] = L"1";
-  m_key.Write(false, L"ReportStats", REG_SZ, one, sizeof(one));
-  m_key.WriteDword(true, L"ReportStats", 1);
-  CAppInfo::Init(&m_settings, L"p");
-  EXPECT_EQ(0x9u, CAppInfo::GetAppState());
+  CAppInfo::ClearManualStateBits(0x0001FFFF);  // the registry bits stay
+  EXPECT_EQ(0x0002000Bu, CAppInfo::GetAppState());
 }
 
 TEST_F(AppInfoTest, InitAgainDropsManualBitsAndRereadsRegistry) {
@@ -102,23 +84,16 @@ TEST_F(AppInfoTest, InitAgainDropsManualBitsAndRereadsRegistry) {
   CAppInfo::Init(&m_settings, L"two");
   EXPECT_EQ(1u, CAppInfo::GetAppState());
   EXPECT_STREQ(L"two", CAppInfo::GetUserDataPath());
+  CAppInfo::Init(&m_settings, nullptr);
+  ASSERT_NE(nullptr, CAppInfo::GetUserDataPath());
+  EXPECT_STREQ(L"", CAppInfo::GetUserDataPath());
 }
 
 TEST_F(AppInfoTest, DeniedKeyThrowsIntZeroAfterPathAndFirstBit) {
-  if (!m_key.DenyAccess(false)) GTEST_SKIP() << "the registry does not take a key's security descriptor";
-  HKEY probe = nullptr;
-  if (RegOpenKeyExW(HKEY_CURRENT_USER, m_key.Path().c_str(), 0, KEY_READ, &probe) == ERROR_SUCCESS) {
-    RegCloseKey(probe);
-    GTEST_SKIP() << "the registry does not enforce a key's security descriptor";
-  }
+  std::string why;
+  if (!settingstest::DenyOrSkip(m_key, false, why)) GTEST_SKIP() << why;
   CAppInfo::SetManualStateBits(0x10000);
-  int thrown = -1;
-  try {
-    CAppInfo::Init(&m_settings, L"kept");
-  } catch (int value) {
-    thrown = value;
-  }
-  EXPECT_EQ(0, thrown);
+  EXPECT_EQ(0, settingstest::ThrownInt([&] { CAppInfo::Init(&m_settings, L"kept"); }));
   EXPECT_EQ(1u, CAppInfo::GetAppState());
   EXPECT_STREQ(L"kept", CAppInfo::GetUserDataPath());
 }

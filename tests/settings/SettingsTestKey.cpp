@@ -117,4 +117,18 @@ std::vector<BYTE> StringBytes(const std::wstring& text, const std::vector<BYTE>&
   return bytes;
 }
 
+bool DenyOrSkip(AppKey& key, bool system, std::string& why) {
+  if (!key.DenyAccess(system)) {
+    why = "the registry does not take a key's security descriptor";
+    return false;
+  }
+  HKEY probe = nullptr;
+  if (RegOpenKeyExW(AppKey::Hive(system), key.Path().c_str(), 0, KEY_READ, &probe) == ERROR_SUCCESS) {
+    RegCloseKey(probe);
+    why = "the registry does not enforce a key's security descriptor";
+    return false;
+  }
+  return true;
+}
+
 }  // namespace settingstest
