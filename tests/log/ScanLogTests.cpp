@@ -65,10 +65,15 @@ class ScanLog : public testing::Test {
   std::wstring m_logs;
 };
 
-TEST_F(ScanLog, LogsFolderIsLogsBelowUserDataPath) {
-  CPathString path;
-  CScanLogThread::GetLogsPath(path);
-  EXPECT_EQ(std::wstring(path.c_str()), m_logs);
+TEST_F(ScanLog, LogsFolderIsBelowUserDataAndMissingFoldersGiveTheBogusWriter) {
+  CPathString logs;
+  CScanLogThread::GetLogsPath(logs);
+  EXPECT_EQ(std::wstring(logs.c_str()), m_logs);
+  CPathString path((m_logs + L"\\missing\\x.log").c_str());
+  EXPECT_EQ(CScanLogThread::GetLog(path).Get(), Bogus());
+  EXPECT_FALSE(CScanLogThread::HasRunningLog(path));
+  broomtest::RemoveTree(m_logs);
+  EXPECT_EQ(CScanLogThread::GetCurrentScanLog(true).Get(), Bogus());
 }
 
 TEST_F(ScanLog, RotationShiftsOneToFiveDeletesNineKeepsZeroAndOpensEmptyScan1) {
@@ -99,21 +104,18 @@ TEST_F(ScanLog, RotationWithGapsMovesOnlyWhatExists) {
   EXPECT_EQ(broomtest::ReadFile(Scan(1)), "");
 }
 
-TEST_F(ScanLog, WithoutRotateTheCurrentScan1IsAppendedTo) {
+TEST_F(ScanLog, WithoutRotationOrWhileRunningTheCurrentScan1IsKept) {
   broomtest::WriteFile(Scan(1), Utf16(L"kept\r\n"));
-  CScanLogThread::GetCurrentScanLog(false)->WriteEntry(CString(L"more"), true);
-  EXPECT_EQ(broomtest::ReadFile(Scan(1)), Utf16(L"kept\r\nmore\r\n"));
-  EXPECT_FALSE(broomtest::Exists(Scan(2)));
-}
-
-TEST_F(ScanLog, RunningScanLogIsReturnedAgainWithoutRotating) {
   broomtest::WriteFile(Scan(2), "two");
-  CRefPtr<ILogWriter> first = CScanLogThread::GetCurrentScanLog(true);
+  CRefPtr<ILogWriter> first = CScanLogThread::GetCurrentScanLog(false);
   ASSERT_NE(first.Get(), Bogus());
-  CRefPtr<ILogWriter> second = CScanLogThread::GetCurrentScanLog(true);
+  CRefPtr<ILogWriter> second = CScanLogThread::GetCurrentScanLog(true);  // running: no rotation
   EXPECT_EQ(first.Get(), second.Get());
-  EXPECT_EQ(broomtest::ReadFile(Scan(3)), "two");
-  EXPECT_FALSE(broomtest::Exists(Scan(4)));
+  second->WriteEntry(CString(L"more"), true);
+  first = second = nullptr;
+  EXPECT_EQ(broomtest::ReadFile(Scan(1)), Utf16(L"kept\r\nmore\r\n"));
+  EXPECT_EQ(broomtest::ReadFile(Scan(2)), "two");
+  EXPECT_FALSE(broomtest::Exists(Scan(3)));
 }
 
 TEST_F(ScanLog, OnlyNamesStartingWithLowerCaseScanCountAsScanLogs) {
@@ -150,17 +152,27 @@ TEST_F(ScanLog, LoggingOffGivesBogusWriterButKeepsRunningScanLog) {
   EXPECT_FALSE(broomtest::Exists(Scan(4)));
 }
 
-TEST_F(ScanLog, BogusWriterIsStaticAndNeverDies) {
+TEST_F(ScanLog, WritersAnswerTheirInterfacesAndTheBogusOneNeverDies) {
+  CRefPtr<ILogWriter> log = CScanLogThread::GetLog(CPathString(Other(L"qi.log").c_str()));
+  ASSERT_NE(log.Get(), Bogus());
+  for (ILogWriter* writer : {log.Get(), Bogus()}) {
+    void* asWriter = nullptr;
+    ASSERT_EQ(writer->QueryInterface(IID_ILogWriter, &asWriter), S_OK);
+    EXPECT_EQ(asWriter, writer);
+    writer->Release();
+    void* unknown = nullptr;
+    ASSERT_EQ(writer->QueryInterface(IID_IUnknown, &unknown), S_OK);
+    static_cast<IUnknown*>(unknown)->Release();
+    void* other = reinterpret_cast<void*>(1);
+    EXPECT_EQ(writer->QueryInterface(IID_IClassFactory, &other), E_NOINTERFACE);
+    EXPECT_EQ(other, nullptr);
+  }
   ILogWriter* bogus = Bogus();
   ULONG before = bogus->AddRef();
   EXPECT_EQ(bogus->Release(), before - 1);
   for (int i = 0; i < 3; ++i) bogus->Release();  // even too many releases do not destroy it
   bogus->WriteEntry(CString(L"ignored"), false);
   for (int i = 0; i < 3; ++i) bogus->AddRef();
-  void* asWriter = nullptr;
-  ASSERT_EQ(bogus->QueryInterface(IID_ILogWriter, &asWriter), S_OK);
-  EXPECT_EQ(asWriter, bogus);
-  bogus->Release();
 }
 
 TEST_F(ScanLog, PathsDifferingOnlyInCaseNameTheSameLog) {
@@ -172,32 +184,6 @@ TEST_F(ScanLog, PathsDifferingOnlyInCaseNameTheSameLog) {
   CRefPtr<ILogWriter> b = CScanLogThread::GetLog(CPathString(lower.c_str()));
   ASSERT_NE(a.Get(), Bogus());
   EXPECT_EQ(a.Get(), b.Get());
-}
-
-TEST_F(ScanLog, MissingFolderGivesBogusWriter) {
-  CPathString path((m_logs + L"\\missing\\x.log").c_str());
-  EXPECT_EQ(CScanLogThread::GetLog(path).Get(), Bogus());
-  EXPECT_FALSE(CScanLogThread::HasRunningLog(path));
-}
-
-TEST_F(ScanLog, LogsFolderMissingGivesBogusScanLog) {
-  broomtest::RemoveTree(m_logs);
-  EXPECT_EQ(CScanLogThread::GetCurrentScanLog(true).Get(), Bogus());
-}
-
-TEST_F(ScanLog, WriterAnswersItsInterfaceAndIUnknownOnly) {
-  CRefPtr<ILogWriter> log = CScanLogThread::GetLog(CPathString(Other(L"qi.log").c_str()));
-  ASSERT_NE(log.Get(), Bogus());
-  void* writer = nullptr;
-  ASSERT_EQ(log->QueryInterface(IID_ILogWriter, &writer), S_OK);
-  EXPECT_EQ(writer, log.Get());
-  static_cast<IUnknown*>(writer)->Release();
-  void* unknown = nullptr;
-  ASSERT_EQ(log->QueryInterface(IID_IUnknown, &unknown), S_OK);
-  static_cast<IUnknown*>(unknown)->Release();
-  void* other = reinterpret_cast<void*>(1);
-  EXPECT_EQ(log->QueryInterface(IID_IClassFactory, &other), E_NOINTERFACE);
-  EXPECT_EQ(other, nullptr);
 }
 
 TEST_F(ScanLog, ReleasingLastWriterStopsThreadAndForgetsLog) {
