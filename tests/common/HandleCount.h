@@ -3,8 +3,7 @@
 
 namespace broomtest {
 
-// Number of handles this process holds, as the system's handle table reports it.
-// GetProcessHandleCount answers 0 under Wine, so the table is read instead.
+// Number of handles this process holds.
 unsigned long ProcessHandleCount();
 
 // Marks the running test as one that may leave handles open on purpose
