@@ -10,7 +10,7 @@ configure x86_64 "$build"
 cmake --build "$build" --target broom
 
 run() { "$here/scripts/wine-run.sh" "$wine" "$build/wineprefix" "$@"; }
-run wineboot --init >/dev/null 2>&1   # does nothing when the prefix exists
+run --start-server "$wineserver" >/dev/null   # makes the prefix when it is missing
 status=0
 run "$build/bin/broom.exe" scan "$@" || status=$?
 run --stop-server "$wineserver"
