@@ -23,15 +23,15 @@ unsigned long ProcessHandleCount() {
   constexpr unsigned kFreeRun = 256;
   static ULONG_PTR highest = 0;
   unsigned long count = 0;
-  unsigned free = 0;
-  for (ULONG_PTR value = kStep; free < kFreeRun || value <= highest; value += kStep) {
+  unsigned freeSlots = 0;
+  for (ULONG_PTR value = kStep; freeSlots < kFreeRun || value <= highest; value += kStep) {
     DWORD flags = 0;
     if (GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) {
       ++count;
-      free = 0;
+      freeSlots = 0;
       if (value > highest) highest = value;
     } else {
-      ++free;
+      ++freeSlots;
     }
   }
   return count;
