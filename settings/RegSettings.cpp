@@ -271,8 +271,12 @@ long CRegSettings::GetSystemSecretValue(const wchar_t* name, void* buffer, unsig
   return GetSecretValue(true, name, buffer, size);
 }
 long CRegSettings::GetUserOrSystemSecretValue(const wchar_t* name, void* buffer, unsigned long& size, void*) {
+  // A user read that finds nothing sets size to 0; the machine copy is
+  // asked with the caller's own capacity.
+  unsigned long capacity = size;
   long rc = GetSecretValue(false, name, buffer, size);
   if (rc == ERROR_SUCCESS || rc == ERROR_MORE_DATA) return rc;
+  size = capacity;
   return GetSecretValue(true, name, buffer, size);
 }
 bool CRegSettings::SetUserSecretValue(const wchar_t* name, void* data, unsigned long size) {

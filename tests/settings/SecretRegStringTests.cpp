@@ -152,6 +152,14 @@ TEST(SecretValueUserOrSystem, UserCopyWinsOnceItExists) {
   EXPECT_EQ(ERROR_SUCCESS, settings.GetUserOrSystemSecretValue(L"S", buffer, size, nullptr));
   EXPECT_EQ(3u, size);
   EXPECT_EQ(0, memcmp(buffer, secret, 3));
+  // the same once the user key exists without that value: its read gives 2
+  // and must not shrink the buffer the machine copy is read into
+  ASSERT_TRUE(settings.SetUserValue(L"Other", CString(L"u")));
+  memset(buffer, 0, sizeof buffer);
+  size = sizeof(buffer);
+  EXPECT_EQ(ERROR_SUCCESS, settings.GetUserOrSystemSecretValue(L"S", buffer, size, nullptr));
+  EXPECT_EQ(3u, size);
+  EXPECT_EQ(0, memcmp(buffer, secret, 3));
   CString text;
   EXPECT_TRUE(settings.GetUserOrSystemValue(L"T", text, nullptr));
   EXPECT_EQ(CString(L"sys"), text);
