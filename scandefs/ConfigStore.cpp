@@ -6,6 +6,7 @@
 #include <initializer_list>
 
 #include "core/Handles.h"
+#include "scandefs/NoCase.h"
 #include "scandefs/XmlReader.h"
 
 namespace {
@@ -46,8 +47,23 @@ bool CConfigStore::Load(const wchar_t* folder, ILoadHook* hook, ILocalizeStrings
   return loaded;
 }
 
+namespace {
+
+// A mask of the form *.ext with a three-character extension also matches
+// the 8.3 short name, so "*.dat" finds "c.dat2" (short name C~1.DAT). What
+// a search finds counts only when its long name ends with the extension
+// itself: a file of a hooked kind must never be read as a plain one.
+bool HasExtension(const wchar_t* name, const std::wstring& suffix) {
+  size_t length = wcslen(name);
+  return length >= suffix.size() &&
+         broom::CompareNoCase(name + length - suffix.size(), suffix.c_str()) == 0;
+}
+
+}  // namespace
+
 bool CConfigStore::SearchFolder(const wchar_t* folder, const wchar_t* extension, ILoadHook* hook) {
   std::wstring mask = extension[0] == L'.' ? std::wstring(L"*") + extension : std::wstring(L"*.") + extension;
+  const std::wstring suffix = mask.substr(1);
   while (*folder == L'.' || *folder == L'\\') ++folder;
   wchar_t pattern[520 + MAX_PATH] = {};
   wcsncpy(pattern, folder, 519);
@@ -61,9 +77,12 @@ bool CConfigStore::SearchFolder(const wchar_t* folder, const wchar_t* extension,
   bool loaded = false;
   do {
     if (wcscmp(data.cFileName, L".") == 0 || wcscmp(data.cFileName, L"..") == 0) continue;
+    if (!HasExtension(data.cFileName, suffix)) continue;
     wchar_t path[520 + MAX_PATH];
     wcscpy(path, base);
-    PathAppendW(path, data.cFileName);
+    // A join past 260 characters fails and empties the buffer, which would
+    // then name the current directory: such an entry is skipped.
+    if (!PathAppendW(path, data.cFileName) || !path[0]) continue;
     if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
       loaded |= SearchFolder(path, extension, hook);
     else

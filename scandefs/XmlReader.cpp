@@ -212,6 +212,8 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
   if (hook) {
     if (!hook->OnFileData(buffer.get(), &count, true)) return false;
     hook->OnLoadComplete();
+    // A hook may only lower the count: the buffer holds the bytes read.
+    if (count > read) count = read;
   }
   const char* data = buffer.get();
   const char* first = static_cast<const char*>(memchr(data, '<', count));

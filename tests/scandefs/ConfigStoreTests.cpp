@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "core/Handles.h"
 #include "tests/scandefs/Definitions.h"
 
 using namespace defstest;
@@ -52,12 +53,43 @@ TEST_F(ConfigStore, FolderSearchByExtensionAndHook) {
 }
 
 TEST_F(ConfigStore, RejectedOrMissingFoldersLoadNothing) {
+  // "*.dat" also matches the short names of c.dat2 (C~1.DAT) and b.dat0:
+  // those must still reach the hook only, never be read as plain files
   RecordingHook hook;
   hook.reject = true;
   Write(L"only\\x.da0", Group("X"));
+  Write(L"only\\c.dat2", Group("C"));
+  Write(L"only\\b.dat0", Group("B"));
+  Write(L"only\\n.xml2", Group("N"));
   EXPECT_FALSE(Load(L"only", &hook));
+  EXPECT_EQ(hook.seen.size(), 3u);
   EXPECT_FALSE(Load(L"missing"));
   EXPECT_EQ(Groups(), Names{});
+}
+
+TEST_F(ConfigStore, EntriesWhosePathPassesTheLimitAreSkippedNotSearchedElsewhere) {
+  // A folder whose "\\*.xml" pattern fits but whose entries' full paths do
+  // not: the join fails, and the entry must not turn into a search of the
+  // current directory, where another definition file lies.
+  std::wstring folder = m_dir / L"long";
+  while (folder.size() < MAX_PATH - 8) folder += L"\\d";
+  folder.resize(MAX_PATH - 8);
+  if (folder.back() == L'\\') folder.back() = L'x';
+  // past 248 characters folders are made through the long-path prefix
+  for (size_t at = m_dir.Path().size() + 1; at != std::wstring::npos; at = folder.find(L'\\', at + 1))
+    CreateDirectoryW((L"\\\\?\\" + folder.substr(0, at)).c_str(), nullptr);
+  CreateDirectoryW((L"\\\\?\\" + folder).c_str(), nullptr);
+  broomtest::WriteFile(folder + L"\\a.xml", Group("A"));
+  std::wstring longSub = L"\\\\?\\" + folder + L"\\subfolder.xml";
+  ASSERT_TRUE(CreateDirectoryW(longSub.c_str(), nullptr));
+  auto removeSub = broom::scope_exit([&] { RemoveDirectoryW(longSub.c_str()); });
+  Write(L"cwd\\stray.xml", Group("Stray"));
+  wchar_t before[MAX_PATH];
+  GetCurrentDirectoryW(MAX_PATH, before);
+  ASSERT_TRUE(SetCurrentDirectoryW((m_dir / L"cwd").c_str()));
+  auto back = broom::scope_exit([&] { SetCurrentDirectoryW(before); });
+  EXPECT_TRUE(m_store->Load(folder.c_str(), nullptr, nullptr));
+  EXPECT_EQ(Groups(), Names{L"A"});
 }
 
 TEST_F(ConfigStore, HookThatCutsBeforeTheMarkupRaisesInvalidArgument) {
@@ -65,6 +97,18 @@ TEST_F(ConfigStore, HookThatCutsBeforeTheMarkupRaisesInvalidArgument) {
   cutter.drop = Group("X").size();
   Write(L"defs\\x.dat0", "   " + Group("X"));
   EXPECT_EQ(AtlError([&] { Load(L"defs", &cutter); }), E_INVALIDARG);
+
+  // A hook that raises the count gets only the bytes read: the search for
+  // '<' never looks past them.
+  struct Raiser : ILoadHook {
+    void OnLoadComplete() override {}
+    bool OnFileData(char*, unsigned long* size, bool) override {
+      *size += 256u << 20;
+      return true;
+    }
+  } raiser;
+  Write(L"raised\\y.dat0", std::string(64, ' '));
+  EXPECT_EQ(AtlError([&] { Load(L"raised", &raiser); }), E_INVALIDARG);
 }
 
 TEST_F(ConfigStore, FinishingExpandsLocalizesAndSorts) {
