@@ -91,7 +91,9 @@ CString CCleanableFile::GetDetails() const {
 DWORD CCleanableFile::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
   ProgressScope scope(progress);
   try {
-    if (CFileSystemOps::ShellDelete(CXmlConfigGlobal::GetSTAMsgThread(), m_path) == 0) return kCleanDone;
+    // A reference of our own: a Shutdown on another thread cannot free the thread under the request.
+    CRefPtr<CMsgThreadSTA> sta = CXmlConfigGlobal::AcquireSTAMsgThread();
+    if (CFileSystemOps::ShellDelete(sta.Get(), m_path) == 0) return kCleanDone;
     CRefPtr<IFileOpsServer> server;
     HRESULT hr = CreateServer(m_attributes, server);
     if (FAILED(hr)) return ServerCreationCode(hr);
@@ -108,7 +110,8 @@ DWORD CCleanableFile::Move(CString destination, IOperationProgressNotify* progre
                            bool overwrite, CPathString& newPath) {
   ProgressScope scope(progress);
   try {
-    int r = CFileSystemOps::ShellMove(CXmlConfigGlobal::GetSTAMsgThread(), m_path, CPathString(destination),
+    CRefPtr<CMsgThreadSTA> sta = CXmlConfigGlobal::AcquireSTAMsgThread();
+    int r = CFileSystemOps::ShellMove(sta.Get(), m_path, CPathString(destination),
                                       overwrite, &newPath);
     if (r == ERROR_DUP_NAME && !overwrite) return kMoveDestinationExists;
     if (r == 0) return kCleanDone;

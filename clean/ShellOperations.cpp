@@ -29,7 +29,12 @@ int Run(CMsgThreadSTA* thread, SHFILEOPSTRUCTW* request) {
     handler.Receive(L"", reinterpret_cast<LPARAM>(request));
     return handler.m_result;
   }
-  CNamedMsgRouter::SendDelivery(thread->GetRouterWindow(), L"", reinterpret_cast<LPARAM>(request), &handler);
+  bool delivered = false;
+  CNamedMsgRouter::SendDelivery(thread->GetRouterWindow(), L"", reinterpret_cast<LPARAM>(request), &handler,
+                                &delivered);
+  // The handler's result starts at 0, which reads as done: a request that
+  // never ran (the router is gone, as during Shutdown) must say it failed.
+  if (!delivered) return ERROR_INVALID_WINDOW_HANDLE;
   return handler.m_result;
 }
 

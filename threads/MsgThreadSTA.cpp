@@ -2,6 +2,8 @@
 
 #include <objbase.h>
 
+#include <utility>
+
 #include "core/Exceptions.h"
 #include "core/Handles.h"
 
@@ -12,6 +14,13 @@ using STAThread = IUnknownNoQIImp<CMsgThreadSTA>;
 CRefPtr<STAThread>& Instance() {
   static CRefPtr<STAThread> instance;
   return instance;
+}
+
+// Guards the static reference: hosts may clean on several threads while
+// one of them shuts the thread down.
+broom::critical_section& InstanceLock() {
+  static broom::critical_section lock;
+  return lock;
 }
 
 // The reference on our own module that a running STA thread holds.
@@ -47,6 +56,7 @@ unsigned long CMsgThreadSTA::ThreadProc() {
     m_failure = L"the message router could not be created";
   }
   if (!m_router) return 1;  // the ready event stays clear: GetSTAMsgThread sees the thread end
+  m_routerWindow = m_router->GetHwnd();
   SetEvent(m_readyEvent.get());
 
   MSG msg;
@@ -55,6 +65,7 @@ unsigned long CMsgThreadSTA::ThreadProc() {
     if (got == 0 || got == -1) break;
     DispatchMessageW(&msg);
   }
+  m_routerWindow = nullptr;
   delete m_router;
   m_router = nullptr;
   return 0;
@@ -75,7 +86,13 @@ LRESULT CMsgThreadSTA::Deliver(AutoMarshal_base* holder, void** result, const II
 }
 
 CMsgThreadSTA* CXmlConfigGlobal::GetSTAMsgThread() {
-  if (Instance()) return Instance().Get();
+  // the static reference keeps the thread alive until Shutdown
+  return AcquireSTAMsgThread().Get();
+}
+
+CRefPtr<CMsgThreadSTA> CXmlConfigGlobal::AcquireSTAMsgThread() {
+  broom::critical_section_lock lock(InstanceLock());
+  if (Instance()) return CRefPtr<CMsgThreadSTA>(Instance().Get());
   CRefPtr<STAThread> thread(new STAThread());
   if (!PinnedModule()) {
     HMODULE self = nullptr;
@@ -91,14 +108,17 @@ CMsgThreadSTA* CXmlConfigGlobal::GetSTAMsgThread() {
     throw Exception(L"the STA message thread could not start: %s", reason.c_str());
   }
   Instance() = thread;
-  return Instance().Get();
+  return CRefPtr<CMsgThreadSTA>(thread.Get());
 }
 
 void CXmlConfigGlobal::Shutdown() {
-  CRefPtr<STAThread> thread(Instance().Detach());
+  CRefPtr<STAThread> thread;
+  {
+    broom::critical_section_lock lock(InstanceLock());
+    thread.Attach(Instance().Detach());  // takes over the reference Instance() held
+  }
   bool ended = true;
   if (thread) {
-    thread->Release();  // the reference Instance() held
     HANDLE handle = nullptr;
     DuplicateHandle(GetCurrentProcess(), thread->GetThreadHandle(), GetCurrentProcess(), &handle, SYNCHRONIZE,
                     FALSE, 0);
@@ -118,11 +138,15 @@ void CXmlConfigGlobal::Shutdown() {
     }
   }
   // a thread that did not end keeps the module loaded under it
-  if (ended && PinnedModule() && !Instance()) {
-    HMODULE module = PinnedModule();
-    PinnedModule() = nullptr;
-    FreeLibrary(module);
+  HMODULE module = nullptr;
+  {
+    broom::critical_section_lock lock(InstanceLock());
+    if (ended && !Instance()) module = std::exchange(PinnedModule(), nullptr);
   }
+  if (module) FreeLibrary(module);
 }
 
-bool CXmlConfigGlobal::IsRunning() { return static_cast<bool>(Instance()); }
+bool CXmlConfigGlobal::IsRunning() {
+  broom::critical_section_lock lock(InstanceLock());
+  return static_cast<bool>(Instance());
+}

@@ -23,13 +23,16 @@ class BROOM_API CMsgThreadSTA : public CBaseThread, public MarshalDestination {
   LRESULT Deliver(AutoMarshal_base* holder, void** result, const IID& iid, bool retained) override;
 
   CNamedMsgRouter* GetRouter() const { return m_router; }
-  HWND GetRouterWindow() const { return m_router ? m_router->GetHwnd() : nullptr; }
+  // The router's window, kept apart from the router so that a caller racing
+  // the thread's end reads a handle that is merely stale, never freed memory.
+  HWND GetRouterWindow() const { return m_routerWindow; }
   HANDLE GetReadyEvent() const { return m_readyEvent.get(); }
   // Why the router could not be built; empty while all is well.
   const std::wstring& GetFailure() const { return m_failure; }
 
  protected:
   CNamedMsgRouter* m_router = nullptr;
+  HWND volatile m_routerWindow = nullptr;
   broom::unique_event m_readyEvent;
   std::wstring m_failure;
 };
@@ -40,6 +43,9 @@ class BROOM_API CXmlConfigGlobal {
   // pointer stays valid until Shutdown. When the thread cannot build its
   // router, throws Exception with the reason instead of waiting for ever.
   static CMsgThreadSTA* GetSTAMsgThread();
+  // The same thread with a reference of the caller's own, so that it stays
+  // valid while a Shutdown on another thread lets it go.
+  static CRefPtr<CMsgThreadSTA> AcquireSTAMsgThread();
 
   // Ends the STA thread and waits for it. Hosts call it before they exit or
   // unload the library; the next GetSTAMsgThread starts a new thread. Never

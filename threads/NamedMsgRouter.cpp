@@ -30,10 +30,36 @@ CNamedMsgRouter::SDelivery* CNamedMsgRouter::AllocDelivery(LPARAM param, IMsgRec
   return block;
 }
 
-LRESULT CNamedMsgRouter::SendDelivery(HWND router, const wchar_t* name, LPARAM param, IMsgReceiver* receiver) {
-  SDelivery delivery{param, receiver};
+namespace {
+
+// Stands between the router and the sender's receiver to learn whether the
+// router's window procedure ran: SendMessageW answers 0 both for a handled
+// delivery and for a window that is gone.
+class CReachedReceiver : public CNamedMsgRouter::IMsgReceiver {
+ public:
+  explicit CReachedReceiver(IMsgReceiver* inner) : m_inner(inner) {}
+  LRESULT Receive(const wchar_t* name, LPARAM param) override {
+    m_reached = true;
+    return m_inner ? m_inner->Receive(name, param) : 0;
+  }
+  bool m_reached = false;
+
+ private:
+  IMsgReceiver* m_inner;
+};
+
+}  // namespace
+
+LRESULT CNamedMsgRouter::SendDelivery(HWND router, const wchar_t* name, LPARAM param, IMsgReceiver* receiver,
+                                      bool* delivered) {
+  CReachedReceiver reached(receiver);
+  SDelivery delivery{param, &reached};
   wchar_t* copy = AllocName(name);
   LRESULT result = SendMessageW(router, msgDeliver, reinterpret_cast<WPARAM>(copy), reinterpret_cast<LPARAM>(&delivery));
+  // The router frees the name of every message it handles; one that never
+  // reached it is the sender's to free.
+  if (!reached.m_reached) LocalFree(copy);
+  if (delivered) *delivered = reached.m_reached;
   return result;
 }
 

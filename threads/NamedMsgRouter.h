@@ -59,7 +59,10 @@ class BROOM_API CNamedMsgRouter {
   static wchar_t* AllocName(const wchar_t* name);
   static SDelivery* AllocDelivery(LPARAM param, IMsgReceiver* receiver);
   // Runs receiver->Receive(name, param) on the router's thread and waits.
-  static LRESULT SendDelivery(HWND router, const wchar_t* name, LPARAM param, IMsgReceiver* receiver);
+  // delivered, when given, tells whether the router took the message (a
+  // window that is gone, or a call that fails, never runs the receiver).
+  static LRESULT SendDelivery(HWND router, const wchar_t* name, LPARAM param, IMsgReceiver* receiver,
+                              bool* delivered = nullptr);
 
  private:
   class MsgWndBase : public CMessageWnd {

@@ -5,10 +5,12 @@
 #include <vector>
 
 #include "clean/CleanableFile.h"
+#include "clean/FileSystemOps.h"
 #include "common/HandleCount.h"
 #include "common/TestFiles.h"
 #include "core/Handles.h"
 #include "core/RefCounting.h"
+#include "threads/MsgThreadSTA.h"
 
 using broomtest::Exists;
 using broomtest::TempDir;
@@ -183,6 +185,46 @@ TEST_F(CleanableFile, CleaningFromManyThreadsLosesNoResult) {
   for (auto& th : threads) th.join();
   EXPECT_EQ(failures.load(), 0);
   for (auto& item : items) EXPECT_FALSE(item->Exists());
+}
+
+TEST_F(CleanableFile, CleanRacingShutdownNeverReportsAFileThatStaysAsDone) {
+  // A request for a router that is gone never ran: it must not read as done.
+  std::wstring kept = WriteFile(m_dir / L"kept.tmp", 3);
+  {
+    CRefPtr<CMsgThreadSTA> sta = CXmlConfigGlobal::AcquireSTAMsgThread();
+    CXmlConfigGlobal::Shutdown();
+    EXPECT_NE(CFileSystemOps::ShellDelete(sta.Get(), CPathString(kept.c_str())), 0);
+    EXPECT_TRUE(Exists(kept));
+  }
+
+  // Cleaning on one thread while another shuts the STA thread down again and
+  // again: every item either is gone and says 0, or stays and says why.
+  constexpr int kItems = 200;
+  std::vector<CRefPtr<CCleanableFile>> items;
+  for (int i = 0; i < kItems; ++i) {
+    std::wstring name = L"r" + std::to_wstring(i) + L".tmp";
+    WriteFile(m_dir / name, 1);
+    items.push_back(MakeItem<CCleanableFile>(m_dir.Path(), name));
+  }
+  std::vector<DWORD> results(kItems, 0xFFFFFFFF);
+  std::atomic<bool> done{false};
+  std::thread cleaner([&] {
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    for (int i = 0; i < kItems; ++i) results[i] = items[i]->Clean(nullptr, nullptr);
+    CoUninitialize();
+    done = true;
+  });
+  while (!done) {
+    CXmlConfigGlobal::Shutdown();
+    Sleep(1);
+  }
+  cleaner.join();
+  int cleaned = 0;
+  for (int i = 0; i < kItems; ++i) {
+    EXPECT_EQ(results[i] == 0, !items[i]->Exists()) << "item " << i << " result " << std::hex << results[i];
+    cleaned += results[i] == 0;
+  }
+  EXPECT_GT(cleaned, 0);
 }
 
 }  // namespace

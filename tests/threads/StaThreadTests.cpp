@@ -1,3 +1,6 @@
+#include <windows.h>
+#include <psapi.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -49,6 +52,29 @@ TEST_F(StaThread, OneThreadServesEveryDelivery) {
   r.throws = false;
   EXPECT_EQ(CNamedMsgRouter::SendDelivery(Window(), L"", 1, &r), 0);
   EXPECT_EQ(r.calls, 3);
+}
+
+// Private bytes of the process: a leaked name of 64 KB each is easy to see.
+SIZE_T PrivateBytes() {
+  PROCESS_MEMORY_COUNTERS counters = {};
+  counters.cb = sizeof counters;
+  GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters);
+  return counters.PagefileUsage;
+}
+
+TEST_F(StaThread, DeliveryThatNeverArrivesSaysSoAndFreesItsName) {
+  Recorder r;
+  std::wstring name(32 * 1024, L'n');
+  bool delivered = true;
+  CNamedMsgRouter::SendDelivery(nullptr, name.c_str(), 1, &r, &delivered);
+  EXPECT_FALSE(delivered);
+  SIZE_T before = PrivateBytes();
+  for (int i = 0; i < 1000; ++i) CNamedMsgRouter::SendDelivery(nullptr, name.c_str(), 1, &r);
+  EXPECT_LT(PrivateBytes(), before + (16u << 20)) << "names of failed deliveries are leaked";
+  EXPECT_EQ(r.calls, 0);
+  CNamedMsgRouter::SendDelivery(Window(), name.c_str(), 1, &r, &delivered);
+  EXPECT_TRUE(delivered);
+  EXPECT_EQ(r.calls, 1);
 }
 
 TEST_F(StaThread, ManySendersNoLostResult) {
