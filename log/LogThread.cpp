@@ -81,6 +81,9 @@ void CLogThread::CleanUp() {
   if (WaitForSingleObject(thread.get(), 0) == WAIT_OBJECT_0) return;
   TerminateThread(thread.get(), kKilledExitCode);
   WaitForSingleObject(thread.get(), INFINITE);
+  // The dead thread can no longer close the file it owned: close it here,
+  // so that the next log on this path can open it again.
+  m_hFile.reset();
   SetState(tsTerminated);
   OnTerminated();
 }

@@ -11,9 +11,11 @@ namespace {
 
 constexpr unsigned long kLoggingOffBit = 0x20000;
 constexpr int kHighestScanLog = 5;
-// How long GetLog waits for a stopping log to close its file. Its stopper
-// kills the thread after 10 s, which ends the wait as well.
-constexpr DWORD kStoppingWaitMs = 20000;
+// How long GetLog and GetCurrentScanLog wait, under the logs' lock, for a
+// stopping log to close its file. Its stopper gives the thread 10 s before it
+// kills it (which ends this wait too), so longer would only stall every other
+// scan's start; after that the log is set aside all the same.
+constexpr DWORD kStoppingWaitMs = 10000;
 
 CPathString g_logsPath;
 std::atomic<bool> g_logsPathReady{false};

@@ -288,14 +288,21 @@ TEST_F(LogThread, ThreadThatDoesNotStopIsKilledAndReadsTerminated) {
   DWORD code = 0;
   GetExitCodeThread(log->GetThreadHandle(), &code);
   EXPECT_EQ(code, 0xFFFFFFFFu);
-  // A killed thread never gave its reference back, and its file stays open.
+  // A killed thread never gave its reference back; the file it owned was
+  // closed by its stopper, so the path can be logged to again.
   EXPECT_EQ(log->RefCountMember(), 2);
-  EXPECT_TRUE(log->IsLogRunning());
+  EXPECT_FALSE(log->IsLogRunning());
+  EXPECT_EQ(broomtest::ReadFile(m_path), Utf16(L"written"));
+  {
+    RunningLog again(m_path);
+    again->LogString(L" again", false, 0);
+    again->Flush();
+  }
   log->CleanUp();  // a killed thread is waited for no more
   EXPECT_EQ(log->GetState(), CThreadWrapper::tsTerminated);
   log->Release();
-  log->Release();  // the dead thread's reference: destroys the log and closes the file
-  EXPECT_EQ(broomtest::ReadFile(m_path), Utf16(L"written"));
+  log->Release();  // the dead thread's reference
+  EXPECT_EQ(broomtest::ReadFile(m_path), Utf16(L"written again"));
 }
 
 }  // namespace

@@ -225,6 +225,30 @@ TEST_F(ScanLog, WriterAskedForWhileLogStopsGetsAWorkingLog) {
   EXPECT_EQ(broomtest::ReadFile(path.c_str()), Utf16(std::wstring(kQueued, L'q') + L"after"));
 }
 
+// Slow: the stopper waits its full 10 seconds before killing.
+TEST_F(ScanLog, KilledLogIsSetAsideAndTheNextWriterOpensTheFileAgain) {
+  broomtest::AllowHandleGrowth();  // a killed thread's handles stay with it
+  CPathString path(Other(L"killed.log").c_str());
+  CRefPtr<ILogWriter> writer = CScanLogThread::GetLog(path);
+  ASSERT_NE(writer.Get(), Bogus());
+  writer->WriteEntry(CString(L"before"), true);
+  auto* log = static_cast<CScanLogThread*>(writer.Get());
+  ASSERT_TRUE(log->SendToThread(WM_NULL, 0, 0));  // the line is in the file
+  ASSERT_NE(SuspendThread(log->GetThreadHandle()), static_cast<DWORD>(-1));
+  writer = nullptr;  // the last user's release stops it: 10 s, then a kill
+  EXPECT_EQ(log->GetState(), CThreadWrapper::tsTerminated);
+
+  // The dead log is never handed out, and nobody waits for it.
+  DWORD start = GetTickCount();
+  CRefPtr<ILogWriter> next = CScanLogThread::GetLog(path);
+  EXPECT_LT(GetTickCount() - start, 1000u);
+  ASSERT_NE(next.Get(), Bogus());
+  EXPECT_NE(next.Get(), static_cast<ILogWriter*>(log));
+  next->WriteEntry(CString(L"after"), true);
+  next = nullptr;
+  EXPECT_EQ(broomtest::ReadFile(path.c_str()), Utf16(L"before\r\nafter\r\n"));
+}
+
 TEST_F(ScanLog, LockedScan1GivesBogusWriterAndLosesNothingElse) {
   broomtest::WriteFile(Scan(1), "one");
   broomtest::WriteFile(Scan(2), "two");
