@@ -9,6 +9,7 @@
 #include "atl/CAtlException.h"
 #include "core/Handles.h"
 #include "core/PathString.h"
+#include "log/ScanLogThread.h"
 #include "host/Console.h"
 #include "scan/OperationNotify.h"
 #include "scan/ScanOperation.h"
@@ -354,6 +355,16 @@ std::vector<SItem> CSession::Select(const std::vector<std::wstring>& names, bool
     }
   }
   return chosen;
+}
+
+void CSession::BeginScanLog(const wchar_t* command) {
+  m_scanLog = CScanLogThread::GetCurrentScanLog(true);
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  wchar_t heading[96];
+  swprintf(heading, 96, L"Broom %ls, %04u-%02u-%02u %02u:%02u:%02u", command, now.wYear, now.wMonth, now.wDay,
+           now.wHour, now.wMinute, now.wSecond);
+  m_scanLog->WriteEntry(CString(heading), true);
 }
 
 SScanResults CSession::Scan(const std::vector<SItem>& items, unsigned long cancelAfterFiles) {

@@ -11,6 +11,7 @@
 #include "atl/CString.h"
 #include "clean/CleanableFile.h"
 #include "core/RefCounting.h"
+#include "log/LogWriter.h"
 #include "scandefs/ConfigStore.h"
 #include "scandefs/ScanGroup.h"
 #include "whitelist/WhiteListTree.h"
@@ -97,12 +98,18 @@ class CSession {
   std::vector<SItem> Select(const std::vector<std::wstring>& names, bool forClean,
                             std::vector<std::wstring>& notes) const;
 
+  // Starts this command's scan log: the older logs move up one number and a
+  // new scan1.log, headed with the command and the time, is held until the
+  // session ends, so the five scan logs keep the last five runs.
+  void BeginScanLog(const wchar_t* command);
+
   // Runs every operation of every item. Hits under protected paths are
   // dropped; a file found twice counts once, for the first item.
   SScanResults Scan(const std::vector<SItem>& items, unsigned long cancelAfterFiles);
 
  private:
   CRefPtr<IConfig> m_config;
+  CRefPtr<ILogWriter> m_scanLog;
   CWhiteListTree m_whiteList;
   std::wstring m_userData;
   bool m_started = false;

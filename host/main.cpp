@@ -178,6 +178,7 @@ int CmdScan(CSession& session, const SOptions& options) {
     CConsole::Out(L"Nothing to scan: no item is selected.\n");
     return exitOk;
   }
+  session.BeginScanLog(L"scan");
   SScanResults results = session.Scan(items, options.cancelAfterFiles);
   PrintScanErrors(results);
   if (options.json)
@@ -219,6 +220,7 @@ int CmdClean(CSession& session, const SOptions& options) {
     CConsole::Out(L"Nothing to clean: no item is selected.\n");
     return exitOk;
   }
+  session.BeginScanLog(L"clean");
   SScanResults results = session.Scan(items, options.cancelAfterFiles);
   PrintScanErrors(results);
   if (results.cancelled) {

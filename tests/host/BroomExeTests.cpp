@@ -545,9 +545,20 @@ TEST_F(BroomExe, ScanLogsAreWrittenUnlessSwitchedOff) {
   EXPECT_TRUE(Exists(AppData() + L"\\Broom\\Logs"));
   EXPECT_FALSE(Exists(AppData() + L"\\Broom\\Logs\\scan1.log"));
   ASSERT_EQ(0u, Run({L"scan"}).code);
-  std::string bytes = ReadFile(AppData() + L"\\Broom\\Logs\\scan1.log");
-  std::wstring log(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
-  EXPECT_NE(std::wstring::npos, log.find(L"File: " + hit + L"\t\tSize: 7\r\n")) << Narrow(log);
+  auto log = [&](int n) {
+    std::string bytes = ReadFile(AppData() + L"\\Broom\\Logs\\scan" + std::to_wstring(n) + L".log");
+    return std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
+  };
+  std::wstring first = log(1);
+  EXPECT_EQ(0u, first.find(L"Broom scan, ")) << Narrow(first);
+  EXPECT_NE(std::wstring::npos, first.find(L"File: " + hit + L"\t\tSize: 7\r\n")) << Narrow(first);
+  // every run starts a new scan1.log; the five files keep the last five runs
+  for (int run = 2; run <= 5; ++run) ASSERT_EQ(0u, Run({L"scan"}).code);
+  EXPECT_EQ(first, log(5));
+  EXPECT_EQ(log(1).size(), first.size());
+  ASSERT_EQ(0u, Run({L"scan"}).code);
+  EXPECT_NE(std::wstring::npos, log(5).find(L"File: ")) << "the second run's log moved up";
+  EXPECT_FALSE(Exists(AppData() + L"\\Broom\\Logs\\scan6.log"));
 }
 
 }  // namespace
