@@ -107,7 +107,7 @@ TEST_F(ConfigStore, HookThatCutsBeforeTheMarkupRaisesInvalidArgument) {
       return true;
     }
   } raiser;
-  Write(L"raised\\y.dat0", std::string(64, ' '));
+  Write(L"raised\\y.da0", std::string(64, ' '));
   EXPECT_EQ(AtlError([&] { Load(L"raised", &raiser); }), E_INVALIDARG);
 }
 
