@@ -1,0 +1,31 @@
+// Helpers shared by the commands.
+#include "host/Commands.h"
+
+#include "host/Console.h"
+
+namespace host {
+
+std::wstring Pad(const std::wstring& text, size_t width, bool right) {
+  if (text.size() >= width) return text;
+  std::wstring fill(width - text.size(), L' ');
+  return right ? fill + text : text + fill;
+}
+
+std::wstring Plural(unsigned __int64 n, const wchar_t* one, const wchar_t* many) {
+  return FormatCount(n) + L" " + (n == 1 ? one : many);
+}
+
+std::vector<std::wstring> WideList(const std::vector<std::string>& list) {
+  std::vector<std::wstring> out;
+  for (const std::string& s : list) out.push_back(Wide(s));
+  return out;
+}
+
+void LoadDefinitions(CSession& session, const SOptions& options) {
+  std::vector<std::wstring> folders;
+  for (const std::wstring& folder : WideList(options.defs)) folders.push_back(FullPath(folder));
+  if (folders.empty()) folders.push_back(ExeFolder() + L"\\defs");
+  session.LoadDefinitions(folders);
+}
+
+}  // namespace host

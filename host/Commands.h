@@ -1,0 +1,38 @@
+#pragma once
+// The commands of broom.exe, one family per file, and what they share: the
+// parsed options and the small text helpers of their output.
+#include <string>
+#include <vector>
+
+#include "host/Session.h"
+
+namespace host {
+
+struct SOptions {
+  std::vector<std::string> defs;
+  bool noLog = false;
+  std::vector<std::string> items;
+  bool files = false;
+  bool json = false;
+  bool yes = false;
+  std::string quarantine;
+  std::string folder;  // restore
+  std::string path;    // protect, unprotect
+  unsigned long cancelAfterFiles = 0;  // hidden: simulates Ctrl+C after that many files
+};
+
+std::wstring Pad(const std::wstring& text, size_t width, bool right);
+std::wstring Plural(unsigned __int64 n, const wchar_t* one, const wchar_t* many);
+std::vector<std::wstring> WideList(const std::vector<std::string>& list);
+// Loads the --defs folders (made absolute), or the defs folder beside broom.exe.
+void LoadDefinitions(CSession& session, const SOptions& options);
+
+int CmdList(CSession& session, const SOptions& options);
+int CmdScan(CSession& session, const SOptions& options);
+int CmdClean(CSession& session, const SOptions& options);
+int CmdRestore(const SOptions& options);
+int CmdProtect(CSession& session, const SOptions& options);
+int CmdUnprotect(CSession& session, const SOptions& options);
+int CmdProtected(CSession& session);
+
+}  // namespace host

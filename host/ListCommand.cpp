@@ -1,0 +1,59 @@
+// broom list: the tree of groups and items with their states.
+#include "host/Commands.h"
+
+#include "host/Console.h"
+
+namespace host {
+
+namespace {
+
+std::wstring StateText(const CScanGroup* group) {
+  std::vector<std::wstring> parts;
+  if (!IsEnabled(group)) parts.push_back(L"off: not on this PC");
+  parts.push_back(IsOn(group->IsDefaultScan()) ? L"scan" : L"not scanned");
+  parts.push_back(IsOn(group->IsDefaultClean()) ? L"clean" : L"not cleaned");
+  if (IsOn(group->IsSafe())) parts.push_back(L"safe");
+  if (IsOn(group->GetQScan())) parts.push_back(L"quick scan");
+  int ops = group->GetScanOpCount();
+  parts.push_back(Plural(static_cast<unsigned>(ops), L"operation", L"operations"));
+  std::wstring text;
+  for (const std::wstring& p : parts) text += (text.empty() ? L"" : L", ") + p;
+  return L"[" + text + L"]";
+}
+
+void ListGroup(const CScanGroup* group, int depth, std::wstring& out, unsigned& items) {
+  std::wstring indent(static_cast<size_t>(depth) * 2, L' ');
+  std::wstring line = indent + group->GetName();
+  if (group->HasScanOps()) {
+    ++items;
+    line += L"  " + StateText(group);
+  }
+  out += line + L"\n";
+  const wchar_t* desc = group->GetDescription();
+  if (desc && *desc) out += indent + L"    " + desc + L"\n";
+  CRefPtr<TIteratorIface<CScanGroup>> it;
+  group->GetChildren(it);
+  for (; it && !it->AtEnd(); it->Next()) ListGroup(it->Current(), depth + 1, out, items);
+}
+
+}  // namespace
+
+int CmdList(CSession& session, const SOptions& options) {
+  LoadDefinitions(session, options);
+  std::wstring out;
+  unsigned items = 0, groups = 0;
+  CRefPtr<TIteratorIface<CScanGroup>> it;
+  session.Config()->GetGroups(it);
+  for (; it && !it->AtEnd(); it->Next()) {
+    ListGroup(it->Current(), 0, out, items);
+    ++groups;
+  }
+  std::vector<std::wstring> notes;
+  size_t byDefault = session.Select({}, false, notes).size();
+  out += L"\n" + Plural(items, L"item", L"items") + L" in " + Plural(groups, L"group", L"groups") + L"; " +
+         FormatCount(byDefault) + L" scanned by default.\n";
+  CConsole::Out(out);
+  return exitOk;
+}
+
+}  // namespace host

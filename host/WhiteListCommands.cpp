@@ -1,0 +1,62 @@
+// broom protect, unprotect and protected: the whitelist file of the user data folder.
+#include "host/Commands.h"
+
+#include "host/Console.h"
+
+namespace host {
+
+namespace {
+
+bool IsListed(CSession& session, const std::wstring& path) {
+  std::wstring upper = path;
+  CWhiteListTree::UpperCase(&upper[0], static_cast<int>(upper.size()));
+  CRefPtr<IConstTArray<CString>> list = session.WhiteList().SaveToArray(0x1);
+  if (!list) return false;
+  for (const CString& listed : list->GetArray())
+    if (upper == listed.GetString()) return true;
+  return false;
+}
+
+}  // namespace
+
+int CmdProtect(CSession& session, const SOptions& options) {
+  session.LoadWhiteList();
+  std::wstring path = FullPath(Wide(options.path));
+  if (IsListed(session, path)) {
+    CConsole::Out(L"'" + path + L"' is already protected.\n");
+    return exitOk;
+  }
+  session.WhiteList().SafeGuardPath(path.c_str(), 0x1);
+  session.SaveWhiteList();
+  CConsole::Out(L"Protected '" + path + L"': scans and cleans leave it and everything below it alone.\n");
+  return exitOk;
+}
+
+int CmdUnprotect(CSession& session, const SOptions& options) {
+  session.LoadWhiteList();
+  std::wstring path = FullPath(Wide(options.path));
+  if (!IsListed(session, path))
+    throw CHostError{exitUsage, L"'" + path + L"' is not on the protected list; run 'broom protected' to see it"};
+  session.WhiteList().RemovePath(path.c_str(), 0x1);
+  session.SaveWhiteList();
+  std::wstring out = L"'" + path + L"' is no longer protected.\n";
+  if (session.WhiteList().CheckProtection(path.c_str()) & 0x1)
+    out += L"It stays protected through a protected folder above it.\n";
+  CConsole::Out(out);
+  return exitOk;
+}
+
+int CmdProtected(CSession& session) {
+  session.LoadWhiteList();
+  CRefPtr<IConstTArray<CString>> list = session.WhiteList().SaveToArray(0x1);
+  if (!list || list->GetArray().empty()) {
+    CConsole::Out(L"No path is protected.\n");
+    return exitOk;
+  }
+  std::wstring out;
+  for (const CString& listed : list->GetArray()) out += std::wstring(listed.GetString()) + L"\n";
+  CConsole::Out(out);
+  return exitOk;
+}
+
+}  // namespace host
