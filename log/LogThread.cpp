@@ -20,6 +20,12 @@ bool CLogThread::StartLogging(const wchar_t* path, bool writeThrough) {
   LARGE_INTEGER zero = {};
   SetFilePointerEx(file.get(), zero, nullptr, FILE_END);
   m_hFile = std::move(file);
+  {
+    broom::critical_section_lock lock(m_waitingLock);
+    m_waiting.clear();
+    m_resets.clear();
+    m_wakePosted = m_quitPosted = false;
+  }
   try {
     Start();
   } catch (...) {
@@ -36,6 +42,12 @@ bool CLogThread::IsLogRunning() const {
 
 void CLogThread::LogString(const wchar_t* text, bool appendNewLine, unsigned long length) {
   size_t textLength = length ? length : wcslen(text);
+  if (GetState() == tsRunning) {
+    Queue(text, textLength, appendNewLine, false);
+    return;
+  }
+  // Never started, or ended: a post in a block of its own, which fails as
+  // the poster says (and is dropped behind a quit all the same).
   size_t count = textLength + (appendNewLine ? 2 : 0);
   wchar_t* block = m_alloc.Alloc(count + 1);
   wmemcpy(block, text, textLength);
@@ -45,14 +57,55 @@ void CLogThread::LogString(const wchar_t* text, bool appendNewLine, unsigned lon
   }
   block[count] = 0;
   try {
-    PostToThread(MSG_LOG_STRING, static_cast<WPARAM>(count), reinterpret_cast<LPARAM>(block));
+    CSimpleThreadMessageMap::PostToThread(MSG_LOG_STRING, static_cast<WPARAM>(count), reinterpret_cast<LPARAM>(block));
   } catch (...) {
     m_alloc.Free(block);  // never reached the thread
     throw;
   }
 }
 
-void CLogThread::ResetLog() { PostToThread(MSG_LOG_RESET, 0, 0); }
+void CLogThread::ResetLog() {
+  if (GetState() == tsRunning)
+    Queue(nullptr, 0, false, true);
+  else
+    CSimpleThreadMessageMap::PostToThread(MSG_LOG_RESET, 0, 0);
+}
+
+void CLogThread::Queue(const wchar_t* text, size_t length, bool appendNewLine, bool reset) {
+  broom::critical_section_lock lock(m_waitingLock);
+  if (m_quitPosted) return;
+  size_t before = m_waiting.size();
+  if (reset) {
+    m_resets.push_back(before);
+  } else {
+    m_waiting.insert(m_waiting.end(), text, text + length);
+    if (appendNewLine) {
+      m_waiting.push_back(L'\r');
+      m_waiting.push_back(L'\n');
+    }
+  }
+  if (m_wakePosted) return;
+  // Posted under the lock, so that no quit message can come between the
+  // text and its wake-up.
+  try {
+    CSimpleThreadMessageMap::PostToThread(MSG_LOG_STRING, 0, 0);
+  } catch (...) {
+    m_waiting.resize(before);
+    if (reset) m_resets.pop_back();
+    throw;
+  }
+  m_wakePosted = true;
+}
+
+void CLogThread::PostToThread(UINT message, WPARAM wParam, LPARAM lParam) {
+  if (message != WM_QUIT) {
+    CSimpleThreadMessageMap::PostToThread(message, wParam, lParam);
+    return;
+  }
+  broom::critical_section_lock lock(m_waitingLock);
+  CSimpleThreadMessageMap::PostToThread(message, wParam, lParam);
+  m_quitPosted = true;
+}
 
 unsigned long CLogThread::ThreadProc() {
   // The file goes with the thread, however the loop ends.
@@ -61,7 +114,7 @@ unsigned long CLogThread::ThreadProc() {
   // Texts queued behind WM_QUIT are dropped, but their blocks go back to the pool.
   MSG msg;
   while (PeekMessageW(&msg, reinterpret_cast<HWND>(-1), 0, 0, PM_REMOVE))
-    if (msg.message == MSG_LOG_STRING) m_alloc.Free(reinterpret_cast<wchar_t*>(msg.lParam));
+    if (msg.message == MSG_LOG_STRING && msg.lParam) m_alloc.Free(reinterpret_cast<wchar_t*>(msg.lParam));
   return exitCode;
 }
 
@@ -103,16 +156,48 @@ void CLogThread::ProcessThreadMessage(UINT message, WPARAM wParam, LPARAM lParam
 }
 
 bool CLogThread::OnLogString(WPARAM count, LPARAM block) {
-  auto* text = reinterpret_cast<wchar_t*>(block);
-  DWORD written = 0;
-  // A text that cannot be written is lost; its block goes back all the same.
-  WriteFile(m_hFile.get(), text, static_cast<DWORD>(count * sizeof(wchar_t)), &written, nullptr);
-  m_alloc.Free(text);
+  if (block) {
+    auto* text = reinterpret_cast<wchar_t*>(block);
+    WriteText(text, count);
+    m_alloc.Free(text);
+    return true;
+  }
+  std::vector<size_t> resets;
+  {
+    broom::critical_section_lock lock(m_waitingLock);
+    m_writing.swap(m_waiting);
+    resets.swap(m_resets);
+    m_wakePosted = false;
+  }
+  size_t from = 0;
+  for (size_t at : resets) {
+    WriteText(m_writing.data() + from, at - from);
+    TruncateFile();
+    from = at;
+  }
+  WriteText(m_writing.data() + from, m_writing.size() - from);
+  m_writing.clear();
   return true;
 }
 
 bool CLogThread::OnLogReset(WPARAM, LPARAM) {
+  TruncateFile();
+  return true;
+}
+
+void CLogThread::WriteText(const wchar_t* text, size_t length) {
+  // A text that cannot be written is lost; the rest still goes out.
+  constexpr size_t kChunk = 16u << 20;  // characters per WriteFile
+  while (length > 0) {
+    size_t n = length < kChunk ? length : kChunk;
+    DWORD written = 0;
+    WriteFile(m_hFile.get(), text, static_cast<DWORD>(n * sizeof(wchar_t)), &written, nullptr);
+    text += n;
+    length -= n;
+  }
+}
+
+void CLogThread::TruncateFile() {
   LARGE_INTEGER zero = {};
   if (SetFilePointerEx(m_hFile.get(), zero, nullptr, FILE_BEGIN)) SetEndOfFile(m_hFile.get());
-  return true;
 }

@@ -100,8 +100,9 @@ class BROOM_API CSimpleThreadMessageMap : public CBaseThread {
   // Posts one message; callable from any thread. Waits at most 5 s for the
   // queue to exist and tries 21 times; throws textconv::exception* with
   // "message map thread never reached ready state" or
-  // "PostThreadMessage failed repeatedly".
-  void PostToThread(UINT message, WPARAM wParam, LPARAM lParam);
+  // "PostThreadMessage failed repeatedly". Virtual so that a worker can
+  // note what goes into its queue (a log notes the quit message).
+  virtual void PostToThread(UINT message, WPARAM wParam, LPARAM lParam);
 
   // Has the worker handle a message and waits until it has: true once it
   // was handled, false when the thread ended first. Messages posted earlier
