@@ -8,16 +8,29 @@
 
 namespace {
 
-// Holds the tree's event lock for a scope: waits for it, signals it again.
-class EventLock {
+// Holds the tree's lock for a scope, exclusively or shared. A slim
+// reader/writer lock costs no call into the system unless it is contended,
+// which matters because hosts check protection for every file they find.
+class TreeLock {
  public:
-  explicit EventLock(HANDLE event) : m_event(event) { WaitForSingleObject(m_event, INFINITE); }
-  ~EventLock() { SetEvent(m_event); }
-  EventLock(const EventLock&) = delete;
-  EventLock& operator=(const EventLock&) = delete;
+  TreeLock(SRWLOCK& lock, bool exclusive) : m_lock(lock), m_exclusive(exclusive) {
+    if (m_exclusive)
+      AcquireSRWLockExclusive(&m_lock);
+    else
+      AcquireSRWLockShared(&m_lock);
+  }
+  ~TreeLock() {
+    if (m_exclusive)
+      ReleaseSRWLockExclusive(&m_lock);
+    else
+      ReleaseSRWLockShared(&m_lock);
+  }
+  TreeLock(const TreeLock&) = delete;
+  TreeLock& operator=(const TreeLock&) = delete;
 
  private:
-  HANDLE m_event;
+  SRWLOCK& m_lock;
+  bool m_exclusive;
 };
 
 CString Component(const CPathString& text, unsigned short start, unsigned short count) {
@@ -61,9 +74,7 @@ void CWhiteListTree::UpperCase(wchar_t* text, int length) {
 
 // ---- tree ----
 
-CWhiteListTree::CWhiteListTree() : m_hLock(CreateEventW(nullptr, FALSE, TRUE, nullptr)) {
-  if (!m_hLock) throw Win32Exception(L"CreateEvent failed");
-}
+CWhiteListTree::CWhiteListTree() { InitializeSRWLock(&m_lock); }
 
 CWhiteListTree::~CWhiteListTree() = default;
 
@@ -154,13 +165,13 @@ unsigned long CWhiteListTree::CheckProtection(ConstIterator node, CParsedString&
 
 void CWhiteListTree::SafeGuardPath(const wchar_t* path, unsigned long flags) {
   CParsedString parsed(path);
-  EventLock lock(m_hLock.get());
+  TreeLock lock(m_lock, true);
   SafeGuardSubPath(parsed, flags);
 }
 
 unsigned long CWhiteListTree::CheckProtection(const wchar_t* path) const {
   CParsedString parsed(path);
-  EventLock lock(m_hLock.get());
+  TreeLock lock(m_lock, false);  // checks only read: they may run side by side
   return CheckProtection(root(), parsed);
 }
 

@@ -104,5 +104,5 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
   template <class F>
   void Walk(F f) const;
 
-  broom::unique_event m_hLock;  // auto-reset event used as a lock by SafeGuardPath and CheckProtection
+  mutable SRWLOCK m_lock;  // taken by SafeGuardPath (exclusive) and CheckProtection (shared)
 };
