@@ -37,7 +37,7 @@ void PrintTable(const SScanResults& results, bool files) {
   for (const SItemResult& r : results.items) width = std::max(width, r.item.path.size());
   out += Pad(L"Item", width, false) + L"  " + Pad(L"Files", 9, true) + L"  " + Pad(L"Size", 10, true) + L"\n";
   for (const SItemResult& r : results.items)
-    out += Pad(r.item.path, width, false) + L"  " + Pad(FormatCount(r.hits.size()), 9, true) + L"  " +
+    out += Pad(r.item.path, width, false) + L"  " + Pad(FormatCount(r.files), 9, true) + L"  " +
            Pad(FormatSize(r.size), 10, true) + L"\n";
   out += Pad(L"Total", width, false) + L"  " + Pad(FormatCount(results.files), 9, true) + L"  " +
          Pad(FormatSize(results.size), 10, true) +
@@ -50,7 +50,7 @@ void PrintJson(const SScanResults& results, bool files) {
   for (const SItemResult& r : results.items) {
     nlohmann::json item = {{"path", Utf8(r.item.path)},
                            {"name", Utf8(std::wstring(r.item.group->GetName()))},
-                           {"files", r.hits.size()},
+                           {"files", r.files},
                            {"size", r.size}};
     if (files) {
       nlohmann::json hits = nlohmann::json::array();
@@ -90,7 +90,7 @@ int CmdScan(CSession& session, const SOptions& options) {
     return exitOk;
   }
   session.BeginScanLog(L"scan");
-  SScanResults results = session.Scan(items, options.cancelAfterFiles);
+  SScanResults results = session.Scan(items, options.files ? keepPaths : keepTotals, options.cancelAfterFiles);
   PrintScanErrors(results);
   if (options.json)
     PrintJson(results, options.files);
@@ -122,7 +122,7 @@ int CmdClean(CSession& session, const SOptions& options) {
     return exitOk;
   }
   session.BeginScanLog(L"clean");
-  SScanResults results = session.Scan(items, options.cancelAfterFiles);
+  SScanResults results = session.Scan(items, keepItems, options.cancelAfterFiles);
   PrintScanErrors(results);
   if (results.cancelled) {
     CConsole::Err(L"broom: cancelled during the scan; nothing was cleaned\n");

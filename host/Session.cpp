@@ -4,6 +4,7 @@
 #include <shlwapi.h>
 
 #include <set>
+#include <unordered_set>
 #include <stdexcept>
 
 #include "atl/CAtlException.h"
@@ -28,11 +29,6 @@ BOOL WINAPI OnConsoleControl(DWORD type) {
     return TRUE;  // the scan stops itself; the process must not be killed half-way
   }
   return FALSE;
-}
-
-std::wstring Upper(std::wstring text) {
-  if (!text.empty()) CharUpperBuffW(&text[0], static_cast<DWORD>(text.size()));
-  return text;
 }
 
 bool SameName(const wchar_t* a, const std::wstring& b) { return _wcsicmp(a, b.c_str()) == 0; }
@@ -164,37 +160,76 @@ class CScanNotify : public IOperationProgressNotify, public IOperationStatusNoti
   int m_total = 0, m_position = 0;
 };
 
+// Which files were already counted, by their upper-cased full path. A scan
+// that keeps only totals remembers a 64-bit hash of each path instead of the
+// path itself, so 100,000 hits cost a few megabytes rather than a hundred.
+class CSeenPaths {
+ public:
+  explicit CSeenPaths(bool exact) : m_exact(exact) {}
+
+  // False when the path was seen before.
+  bool Insert(const wchar_t* path, size_t length) {
+    wchar_t upper[MAX_PATH + 1];
+    if (length > MAX_PATH) length = MAX_PATH;
+    wmemcpy(upper, path, length);
+    CharUpperBuffW(upper, static_cast<DWORD>(length));
+    if (m_exact) return m_paths.emplace(upper, length).second;
+    unsigned long long hash = 14695981039346656037ull;
+    for (size_t i = 0; i < length; ++i) hash = (hash ^ upper[i]) * 1099511628211ull;
+    return m_hashes.insert(hash).second;
+  }
+
+ private:
+  bool m_exact;
+  std::unordered_set<std::wstring> m_paths;
+  std::unordered_set<unsigned long long> m_hashes;
+};
+
 class CHitCollector : public IResultsCollector {
  public:
-  CHitCollector(CWhiteListTree& whiteList, std::set<std::wstring>& seen, SScanResults& results)
-      : m_whiteList(whiteList), m_seen(seen), m_results(results) {}
+  CHitCollector(CWhiteListTree& whiteList, EKeep keep, SScanResults& results)
+      : m_whiteList(whiteList), m_keep(keep), m_seen(keep != keepTotals), m_results(results) {}
 
   void SetTarget(SItemResult* target) { m_target = target; }
 
   void AddItem(ICleanableItem* item) override {
     if (!item || !m_target) return;
-    std::wstring folder = static_cast<const wchar_t*>(item->GetDetails());
-    std::wstring path = folder + L"\\" + static_cast<const wchar_t*>(item->GetName());
+    // File items know their path; others are asked for folder and name.
+    std::wstring built;
+    const wchar_t* path = nullptr;
+    size_t length = 0;
+    if (auto* file = dynamic_cast<CCleanableFile*>(item)) {
+      path = file->GetPath().c_str();
+      length = file->GetPath().GetLength();
+    } else {
+      built = std::wstring(item->GetDetails().GetString()) + L"\\" + item->GetName().GetString();
+      path = built.c_str();
+      length = built.size();
+    }
     // Protection covers folders during the walk; a protected file (or a
     // folder protected after its parent was listed) is dropped here.
-    if (m_whiteList.CheckProtection(path.c_str()) & 0x1) {
+    if (m_whiteList.CheckProtection(path) & 0x1) {
       ++m_results.protectedSkipped;
       return;
     }
-    if (!m_seen.insert(Upper(path)).second) return;
-    SHit hit;
-    hit.item = item;
-    hit.path = path;
-    hit.size = item->GetSize();
-    m_target->size += hit.size;
+    if (!m_seen.Insert(path, length)) return;
+    unsigned __int64 size = item->GetSize();
+    m_target->size += size;
+    ++m_target->files;
     ++m_results.files;
-    m_results.size += hit.size;
+    m_results.size += size;
+    if (m_keep == keepTotals) return;
+    SHit hit;
+    if (m_keep == keepItems) hit.item = item;
+    hit.path.assign(path, length);
+    hit.size = size;
     m_target->hits.push_back(std::move(hit));
   }
 
  private:
   CWhiteListTree& m_whiteList;
-  std::set<std::wstring>& m_seen;
+  EKeep m_keep;
+  CSeenPaths m_seen;
   SScanResults& m_results;
   SItemResult* m_target = nullptr;
 };
@@ -367,16 +402,15 @@ void CSession::BeginScanLog(const wchar_t* command) {
   m_scanLog->WriteEntry(CString(heading), true);
 }
 
-SScanResults CSession::Scan(const std::vector<SItem>& items, unsigned long cancelAfterFiles) {
+SScanResults CSession::Scan(const std::vector<SItem>& items, EKeep keep, unsigned long cancelAfterFiles) {
   SScanResults results;
   results.items.reserve(items.size());
-  std::set<std::wstring> seen;
   CScanNotify notify(cancelAfterFiles, results.files);
-  CFakeBaseIUnknown<CHitCollector> collector(m_whiteList, seen, results);
+  CFakeBaseIUnknown<CHitCollector> collector(m_whiteList, keep, results);
 
   for (size_t i = 0; i < items.size(); ++i) {
     if (IsCancelRequested()) break;
-    results.items.push_back(SItemResult{items[i], {}, 0, {}});
+    results.items.push_back(SItemResult{items[i], {}, 0, 0, {}});
     SItemResult& current = results.items.back();
     collector.SetTarget(&current);
     notify.Begin(items[i].path, i, items.size());

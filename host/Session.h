@@ -47,10 +47,16 @@ struct SHit {
 
 struct SItemResult {
   SItem item;
-  std::vector<SHit> hits;
+  std::vector<SHit> hits;  // kept as the scan was asked to (see EKeep)
+  unsigned __int64 files = 0;
   unsigned __int64 size = 0;
   std::vector<std::wstring> errors;  // operations that failed to run
 };
+
+// What a scan keeps of each hit: only the totals (a scan that reports
+// counts and sizes holds no item), the paths and sizes to list them, or the
+// items themselves to clean them.
+enum EKeep { keepTotals, keepPaths, keepItems };
 
 struct SScanResults {
   std::vector<SItemResult> items;
@@ -105,7 +111,7 @@ class CSession {
 
   // Runs every operation of every item. Hits under protected paths are
   // dropped; a file found twice counts once, for the first item.
-  SScanResults Scan(const std::vector<SItem>& items, unsigned long cancelAfterFiles);
+  SScanResults Scan(const std::vector<SItem>& items, EKeep keep, unsigned long cancelAfterFiles);
 
  private:
   CRefPtr<IConfig> m_config;
