@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "bench/BenchTree.h"
 #include "log/ScanLogThread.h"
 #include "scan/BaseFileScan.h"
 #include "settings/AppInfo.h"
@@ -17,53 +18,10 @@ namespace {
 using broomtest::NullProgress;
 using broomtest::NullStatus;
 
-constexpr int kFolders = 5000;
-constexpr int kFilesPerFolder = 20;
+using benchtree::FolderPath;
+using benchtree::kFolders;
+
 constexpr int kProtected = 100;
-
-std::wstring FolderPath(const std::wstring& root, int i) {
-  // 50 top folders of 100 subfolders each
-  return root + L"\\g" + std::to_wstring(i / 100) + L"\\f" + std::to_wstring(i % 100);
-}
-
-void Generate(const std::wstring& root) {
-  std::wstring marker = root + L"\\complete";
-  if (GetFileAttributesW(marker.c_str()) != INVALID_FILE_ATTRIBUTES) return;
-  printf("generating %d files in %d folders...\n", kFolders * kFilesPerFolder, kFolders);
-  CreateDirectoryW(root.c_str(), nullptr);
-  for (int g = 0; g < kFolders / 100; ++g) CreateDirectoryW((root + L"\\g" + std::to_wstring(g)).c_str(), nullptr);
-  char data[64] = "some cached bytes";
-  for (int i = 0; i < kFolders; ++i) {
-    std::wstring folder = FolderPath(root, i);
-    CreateDirectoryW(folder.c_str(), nullptr);
-    for (int f = 0; f < kFilesPerFolder; ++f) {
-      std::wstring file = folder + L"\\file" + std::to_wstring(f) + (f % 2 ? L".tmp" : L".dat");
-      HANDLE h = CreateFileW(file.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-      DWORD written;
-      WriteFile(h, data, sizeof data, &written, nullptr);
-      CloseHandle(h);
-    }
-  }
-  HANDLE h = CreateFileW(marker.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-  CloseHandle(h);
-}
-
-long long BareWalk(const std::wstring& folder) {
-  long long files = 0;
-  WIN32_FIND_DATAW data;
-  HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &data);
-  if (find == INVALID_HANDLE_VALUE) return 0;
-  do {
-    if (data.cFileName[0] == L'.' && (!data.cFileName[1] || (data.cFileName[1] == L'.' && !data.cFileName[2])))
-      continue;
-    if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-      files += BareWalk(folder + L"\\" + data.cFileName);
-    else
-      ++files;
-  } while (FindNextFileW(find, &data));
-  FindClose(find);
-  return files;
-}
 
 class CountingScan : public CBaseFileScan {
  public:
@@ -72,17 +30,13 @@ class CountingScan : public CBaseFileScan {
   long long hits = 0;
 };
 
-double Seconds(std::chrono::steady_clock::time_point since) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
-}
-
 }  // namespace
 
 int main() {
   wchar_t temp[MAX_PATH];
   GetTempPathW(MAX_PATH, temp);
-  std::wstring root = std::wstring(temp) + L"broom-bench-tree";
-  Generate(root);
+  std::wstring root = benchtree::DefaultRoot();
+  benchtree::Generate(root);
   CAppInfo::Init(nullptr, temp);
   CAppInfo::SetManualStateBits(0x20000);  // no scan log: measure the walk
 
@@ -96,11 +50,11 @@ int main() {
 
   double bestBare = 1e9, bestScan = 1e9;
   long long bareFiles = 0, hits = 0;
-  BareWalk(root);  // warm the file system caches
+  benchtree::BareWalk(root);  // warm the file system caches
   for (int round = 0; round < 5; ++round) {
     auto t0 = std::chrono::steady_clock::now();
-    bareFiles = BareWalk(root);
-    bestBare = std::min(bestBare, Seconds(t0));
+    bareFiles = benchtree::BareWalk(root);
+    bestBare = std::min(bestBare, benchtree::Seconds(t0));
 
     CountingScan scan;
     scan.AddPath(CPathString((root + L"\\*").c_str()));
@@ -108,7 +62,7 @@ int main() {
     scan.Initialize(&progress, &status, &whiteList);
     auto t1 = std::chrono::steady_clock::now();
     scan.StartScan();
-    bestScan = std::min(bestScan, Seconds(t1));
+    bestScan = std::min(bestScan, benchtree::Seconds(t1));
     hits = scan.hits;
   }
   printf("bare FindFirstFileW walk: %lld files in %.3f s\n", bareFiles, bestBare);
