@@ -93,7 +93,15 @@ DWORD CCleanableFile::Clean(IOperationProgressNotify* progress, IOperationStatus
   try {
     // A reference of our own: a Shutdown on another thread cannot free the thread under the request.
     CRefPtr<CMsgThreadSTA> sta = CXmlConfigGlobal::AcquireSTAMsgThread();
-    if (CFileSystemOps::ShellDelete(sta.Get(), m_path) == 0) return kCleanDone;
+    return CleanAfterShell(CFileSystemOps::ShellDelete(sta.Get(), m_path));
+  } catch (...) {
+    return kCleanFailed;
+  }
+}
+
+DWORD CCleanableFile::CleanAfterShell(int shellResult) {
+  try {
+    if (shellResult == 0) return kCleanDone;
     CRefPtr<IFileOpsServer> server;
     HRESULT hr = CreateServer(m_attributes, server);
     if (FAILED(hr)) return ServerCreationCode(hr);

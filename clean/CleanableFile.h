@@ -56,6 +56,9 @@ class BROOM_API CCleanableFile : public ICleanableItem {
 
   // The result code for a failure to create the fallback server.
   static DWORD ServerCreationCode(HRESULT hr) { return kCleanServerUnavailable | (static_cast<DWORD>(hr) & 0x17FFFFFF); }
+  // What Clean returns once the shell delete gave shellResult: 0 when it
+  // succeeded, otherwise the fallback server's outcome. Never throws.
+  DWORD CleanAfterShell(int shellResult);
 
  protected:
   unsigned __int64 m_size = 0;

@@ -63,7 +63,13 @@ int CFileSystemOps::RunShellOperationXP(CMsgThreadSTA* thread, SHFILEOPSTRUCTW* 
 
 int CFileSystemOps::ShellDelete(CMsgThreadSTA* thread, const CPathString& path) {
   DoubleNulPath from(path);
-  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+  // Read-only, hidden and system entries are made normal so that the shell
+  // deletes them. Reading the attributes is cheap; setting them opens the
+  // file, so that is done only when one of those bits is set.
+  DWORD attributes = GetFileAttributesW(path.c_str());
+  if (attributes != INVALID_FILE_ATTRIBUTES &&
+      (attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM)))
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
   SHFILEOPSTRUCTW request = {};
   request.wFunc = FO_DELETE;
   request.pFrom = from.text;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "clean/CleanItems.h"
 #include "host/Console.h"
 #include "host/Quarantine.h"
 
@@ -146,6 +147,28 @@ int CmdClean(CSession& session, const SOptions& options) {
 
   unsigned __int64 done = 0, freed = 0, failed = 0, total = results.files, index = 0;
   bool draw = CConsole::ErrIsConsole();
+  auto account = [&](const SHit& hit, DWORD result) {
+    if (result == kCleanDone || result == kCleanAlternateRemoved) {
+      ++done;
+      freed += hit.size;
+    } else {
+      ++failed;
+      CConsole::Err(L"broom: failed: " + hit.path + L": " + ExplainResult(result) + L"\n");
+    }
+  };
+  // Deletions go in runs (one trip to the engine's STA thread each);
+  // cancellation is checked between runs.
+  std::vector<const SHit*> run;
+  std::vector<ICleanableItem*> runItems;
+  std::vector<DWORD> runResults;
+  auto flush = [&] {
+    if (run.empty()) return;
+    runResults.assign(run.size(), 0);
+    CleanItems(runItems.data(), runItems.size(), runResults.data());
+    for (size_t i = 0; i < run.size(); ++i) account(*run[i], runResults[i]);
+    run.clear();
+    runItems.clear();
+  };
   for (SItemResult& r : results.items) {
     for (SHit& hit : r.hits) {
       if (IsCancelRequested()) break;
@@ -153,16 +176,16 @@ int CmdClean(CSession& session, const SOptions& options) {
       if (draw)
         CConsole::Progress((quarantine ? L"Moving " : L"Cleaning ") + FormatCount(index) + L"/" + FormatCount(total) +
                            L"  " + hit.path);
-      DWORD result = quarantine ? quarantine->Add(hit) : hit.item->Clean(nullptr, nullptr);
-      if (result == kCleanDone || result == kCleanAlternateRemoved) {
-        ++done;
-        freed += hit.size;
-      } else {
-        ++failed;
-        CConsole::Err(L"broom: failed: " + hit.path + L": " + ExplainResult(result) + L"\n");
+      if (quarantine) {
+        account(hit, quarantine->Add(hit));
+        continue;
       }
+      run.push_back(&hit);
+      runItems.push_back(hit.item.Get());
+      if (run.size() == kCleanRun) flush();
     }
   }
+  flush();
   CConsole::ClearProgress();
 
   std::wstring report = quarantine ? L"Moved " + Plural(done, L"file", L"files") + L" (" + FormatSize(freed) +

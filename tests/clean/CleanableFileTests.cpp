@@ -4,6 +4,7 @@
 #include <thread>
 #include <vector>
 
+#include "clean/CleanItems.h"
 #include "clean/CleanableFile.h"
 #include "clean/FileSystemOps.h"
 #include "common/HandleCount.h"
@@ -225,6 +226,42 @@ TEST_F(CleanableFile, CleanRacingShutdownNeverReportsAFileThatStaysAsDone) {
     cleaned += results[i] == 0;
   }
   EXPECT_GT(cleaned, 0);
+}
+
+TEST_F(CleanableFile, CleanItemsGivesEveryItemWhatItsOwnCleanWould) {
+  // Runs longer than one trip to the STA thread, with items that are not
+  // shell deletes in between, and failures that must keep their own codes.
+  std::vector<CRefPtr<CCleanableFile>> items;
+  std::vector<DWORD> expected;
+  std::vector<std::wstring> gone, kept;
+  for (int i = 0; i < 2 * static_cast<int>(kCleanRun) + 7; ++i) {
+    std::wstring name = L"n" + std::to_wstring(i) + L".tmp";
+    WriteFile(m_dir / name, 1);
+    items.push_back(MakeItem<CCleanableFile>(m_dir.Path(), name));
+    expected.push_back(0);
+    gone.push_back(m_dir / name);
+  }
+  SetFileAttributesW(gone[3].c_str(), FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN);
+  WriteFile(m_dir / L"sub\\inner.tmp", 5);
+  items.insert(items.begin() + 10, MakeItem<CCleanableFile>(m_dir.Path(), L"sub"));
+  expected.insert(expected.begin() + 10, 0);
+  gone.push_back(m_dir / L"sub");
+  WriteFile(m_dir / L"t.log", 9);
+  items.insert(items.begin() + 200, MakeItem<CCleanableFile_trunc>(m_dir.Path(), L"t.log"));
+  expected.insert(expected.begin() + 200, 0);
+  // a file deleted behind the scan's back: the shell fails, the server is not there
+  WriteFile(m_dir / L"vanished.tmp", 1);
+  items.push_back(MakeItem<CCleanableFile>(m_dir.Path(), L"vanished.tmp"));
+  DeleteFileW((m_dir / L"vanished.tmp").c_str());
+  expected.push_back(CCleanableFile::ServerCreationCode(REGDB_E_CLASSNOTREG));
+
+  std::vector<ICleanableItem*> raw;
+  for (auto& item : items) raw.push_back(item.Get());
+  std::vector<DWORD> results(raw.size(), 0xFFFFFFFF);
+  CleanItems(raw.data(), raw.size(), results.data());
+  EXPECT_EQ(results, expected);
+  for (const auto& path : gone) EXPECT_FALSE(Exists(path)) << broomtest::Narrow(path);
+  EXPECT_EQ(broomtest::ReadFile(m_dir / L"t.log"), "");
 }
 
 }  // namespace
