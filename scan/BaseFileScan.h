@@ -82,6 +82,23 @@ class BROOM_API CBaseFileScan {
     unsigned __int64 m_minSize = 0;
   };
 
+  // Rejects files changed (or, when asked, last opened) less than a number
+  // of days ago. It reads the times the listing already holds, so it costs
+  // no call into the system per file; the moment "now" is taken when the age
+  // is set. Until SetAge it keeps every file.
+  class BROOM_API _FilterRejectRecentFiles_Impl : public IFilter {
+   public:
+    bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
+    void SetAge(unsigned long days, bool byLastAccess);
+    unsigned long GetDays() const { return m_days; }
+    bool ByLastAccess() const { return m_byLastAccess; }
+
+   protected:
+    unsigned __int64 m_newestKept = ~0ull;  // FILETIME ticks; newer files are rejected
+    unsigned long m_days = 0;
+    bool m_byLastAccess = false;
+  };
+
   // ---- fixed drives ----
   struct DriveInfo {
     CPathString root;  // as the system lists it, e.g. "C:\"

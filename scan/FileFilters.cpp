@@ -56,3 +56,19 @@ bool CBaseFileScan::_FilterRejectSmallFiles_Impl::RejectFile(const CPathString&,
   unsigned __int64 size = (static_cast<unsigned __int64>(entry.nFileSizeHigh) << 32) | entry.nFileSizeLow;
   return size < m_minSize;
 }
+
+void CBaseFileScan::_FilterRejectRecentFiles_Impl::SetAge(unsigned long days, bool byLastAccess) {
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  unsigned __int64 ticks = (static_cast<unsigned __int64>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+  unsigned __int64 age = static_cast<unsigned __int64>(days) * 24 * 3600 * 10000000ull;
+  m_newestKept = age < ticks ? ticks - age : 0;
+  m_days = days;
+  m_byLastAccess = byLastAccess;
+}
+
+bool CBaseFileScan::_FilterRejectRecentFiles_Impl::RejectFile(const CPathString&, const WIN32_FIND_DATAW& entry) {
+  const FILETIME& time = m_byLastAccess ? entry.ftLastAccessTime : entry.ftLastWriteTime;
+  unsigned __int64 ticks = (static_cast<unsigned __int64>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+  return ticks > m_newestKept;
+}

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <list>
+#include <set>
 #include <string>
 
+#include "clean/FileSystemOps.h"
+#include "common/TestFiles.h"
 #include "scan/BaseFileScan.h"
 
 namespace {
@@ -9,6 +13,7 @@ namespace {
 using Filter = CBaseFileScan::IFilter;
 using Pattern = IUnknownNoQIImp<CBaseFileScan::_FilterAcceptDOSPattern_Impl>;
 using Small = IUnknownNoQIImp<CBaseFileScan::_FilterRejectSmallFiles_Impl>;
+using Recent = IUnknownNoQIImp<CBaseFileScan::_FilterRejectRecentFiles_Impl>;
 using Not = IUnknownNoQIImp<CBaseFileScan::_FilterNot_Impl>;
 using And = IUnknownNoQIImp<CBaseFileScan::_FilterAnd_Impl>;
 using Or = IUnknownNoQIImp<CBaseFileScan::_FilterOr_Impl>;
@@ -77,6 +82,46 @@ TEST(SizeFilter, ThresholdBoundaries) {
   EXPECT_TRUE(big->RejectFile(kFolder, Entry(L"a", 0xFFFFFFFEull)));
   CRefPtr<Filter> unset(new Small());
   EXPECT_FALSE(unset->RejectFile(kFolder, Entry(L"empty", 0)));
+}
+
+TEST(AgeFilter, KeepsFilesOlderThanTheAgeByTheTimesOfTheListing) {
+  broomtest::TempDir dir;
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  auto daysAgo = [&](double days) {
+    ULARGE_INTEGER t;
+    t.LowPart = now.dwLowDateTime;
+    t.HighPart = now.dwHighDateTime;
+    t.QuadPart -= static_cast<unsigned long long>(days * 864000000000.0);
+    return FILETIME{t.LowPart, t.HighPart};
+  };
+  // name, days since written, days since last opened
+  const struct { const wchar_t* name; double written, opened; } files[] = {
+      {L"old", 40, 40}, {L"fresh", 10, 10}, {L"oldButOpened", 40, 1}, {L"edge", 30.01, 29.99}};
+  for (const auto& f : files) {
+    std::wstring path = broomtest::WriteFile(dir / f.name, 1);
+    HANDLE h = CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    FILETIME written = daysAgo(f.written), opened = daysAgo(f.opened);
+    ASSERT_TRUE(SetFileTime(h, nullptr, &opened, &written));
+    CloseHandle(h);
+  }
+  std::list<WIN32_FIND_DATAW> folders, found;
+  CFileSystemOps::ListDirectory(folders, &found, (dir / L"*").c_str(), false);
+  auto kept = [&](bool byAccess) {
+    auto* f = new Recent();
+    CRefPtr<Filter> hold(f);
+    f->SetAge(30, byAccess);
+    std::set<std::wstring> names;  // the listing's order is the file system's
+    for (const auto& e : found)
+      if (!f->RejectFile(kFolder, e)) names.insert(e.cFileName);
+    std::wstring joined;
+    for (const auto& n : names) joined += (joined.empty() ? L"" : L",") + n;
+    return joined;
+  };
+  EXPECT_EQ(kept(false), L"edge,old,oldButOpened");
+  EXPECT_EQ(kept(true), L"old");
+  CRefPtr<Filter> unset(new Recent());
+  EXPECT_FALSE(unset->RejectFile(kFolder, found.front()));
 }
 
 TEST(Combinators, NotInvertsAndEmptyRejectsNothing) {
