@@ -12,6 +12,7 @@
 #include "core/PathString.h"
 #include "log/ScanLogThread.h"
 #include "host/Console.h"
+#include "registry/RegistryScanFactory.h"
 #include "scan/OperationNotify.h"
 #include "scan/ScanOperation.h"
 #include "settings/AppInfo.h"
@@ -294,6 +295,7 @@ void CSession::Start(bool noLog) {
   }
   if (noLog) CAppInfo::SetManualStateBits(0x20000);
   m_config = IConfig::NewConfig();
+  m_config->AddFactory(CRegistryScanFactory::Create());  // "reg" definitions
   m_started = true;
 }
 
