@@ -11,7 +11,9 @@
 #include "core/Handles.h"
 #include "core/PathString.h"
 #include "log/ScanLogThread.h"
+#include "registry/CleanableRegistry.h"
 #include "host/Console.h"
+#include "registry/RegistryScanFactory.h"
 #include "scan/OperationNotify.h"
 #include "scan/ScanOperation.h"
 #include "settings/AppInfo.h"
@@ -169,9 +171,16 @@ class CSeenPaths {
 
   // False when the path was seen before.
   bool Insert(const wchar_t* path, size_t length) {
-    wchar_t upper[MAX_PATH + 1];
-    if (length > MAX_PATH) length = MAX_PATH;
-    wmemcpy(upper, path, length);
+    // registry paths may be longer than file paths
+    wchar_t local[MAX_PATH + 1];
+    std::wstring longer;
+    wchar_t* upper = local;
+    if (length > MAX_PATH) {
+      longer.assign(path, length);
+      upper = &longer[0];
+    } else {
+      wmemcpy(local, path, length);
+    }
     CharUpperBuffW(upper, static_cast<DWORD>(length));
     if (m_exact) return m_paths.emplace(upper, length).second;
     unsigned long long hash = 14695981039346656037ull;
@@ -194,21 +203,27 @@ class CHitCollector : public IResultsCollector {
 
   void AddItem(ICleanableItem* item) override {
     if (!item || !m_target) return;
-    // File items know their path; others are asked for folder and name.
+    // File items know their path; registry items their key (and value);
+    // others are asked for folder and name.
     std::wstring built;
     const wchar_t* path = nullptr;
     size_t length = 0;
-    if (auto* file = dynamic_cast<CCleanableFile*>(item)) {
+    auto* file = dynamic_cast<CCleanableFile*>(item);
+    if (file) {
       path = file->GetPath().c_str();
       length = file->GetPath().GetLength();
     } else {
-      built = std::wstring(item->GetDetails().GetString()) + L"\\" + item->GetName().GetString();
+      if (auto* key = dynamic_cast<CCleanableRegistry*>(item))
+        built = key->GetPath().Text();
+      else
+        built = std::wstring(item->GetDetails().GetString()) + L"\\" + item->GetName().GetString();
       path = built.c_str();
       length = built.size();
     }
     // Protection covers folders during the walk; a protected file (or a
     // folder protected after its parent was listed) is dropped here.
-    if (m_whiteList.CheckProtection(path) & 0x1) {
+    // Registry scans check every key and value they report themselves.
+    if (file && (m_whiteList.CheckProtection(path) & 0x1)) {
       ++m_results.protectedSkipped;
       return;
     }
@@ -294,6 +309,7 @@ void CSession::Start(bool noLog) {
   }
   if (noLog) CAppInfo::SetManualStateBits(0x20000);
   m_config = IConfig::NewConfig();
+  m_config->AddFactory(CRegistryScanFactory::Create());  // "reg" definitions
   m_started = true;
 }
 

@@ -2,6 +2,7 @@
 #include "host/Commands.h"
 
 #include "host/Console.h"
+#include "registry/RegistryPath.h"
 
 namespace host {
 
@@ -17,11 +18,25 @@ bool IsListed(CSession& session, const std::wstring& path) {
   return false;
 }
 
+// A registry path (it starts with a hive name) in the form the registry
+// scans look for, HKCU\Software\Vendor, a value as one more component;
+// anything else as a full file path.
+std::wstring ProtectedPath(const std::wstring& text) {
+  if (!CRegistryPath::StartsWithHive(text.c_str())) return FullPath(text);
+  CRegistryPath path;
+  path.Parse(text);
+  std::wstring normal = path.WhiteListText();
+  if (normal.size() > MAX_PATH)
+    throw CHostError{exitUsage,
+                     L"the registry path '" + text + L"' is longer than 260 characters; protect a key above it"};
+  return normal;
+}
+
 }  // namespace
 
 int CmdProtect(CSession& session, const SOptions& options) {
   session.LoadWhiteList();
-  std::wstring path = FullPath(Wide(options.path));
+  std::wstring path = ProtectedPath(Wide(options.path));
   if (IsListed(session, path)) {
     CConsole::Out(L"'" + path + L"' is already protected.\n");
     return exitOk;
@@ -34,7 +49,7 @@ int CmdProtect(CSession& session, const SOptions& options) {
 
 int CmdUnprotect(CSession& session, const SOptions& options) {
   session.LoadWhiteList();
-  std::wstring path = FullPath(Wide(options.path));
+  std::wstring path = ProtectedPath(Wide(options.path));
   if (!IsListed(session, path))
     throw CHostError{exitUsage, L"'" + path + L"' is not on the protected list; run 'broom protected' to see it"};
   session.WhiteList().RemovePath(path.c_str(), 0x1);

@@ -56,8 +56,9 @@ int Run(int argc, wchar_t** argv) {
 
   CLI::App* restore = app.add_subcommand("restore", "Move the files of a quarantine folder back where they were");
   restore->add_option("DIR", options.folder, "The folder given to clean --quarantine")->required();
-  CLI::App* protect = app.add_subcommand("protect", "Protect a file or folder from every scan and clean");
-  protect->add_option("PATH", options.path, "File or folder")->required();
+  CLI::App* protect = app.add_subcommand(
+      "protect", "Protect a file, folder or registry key (HKCU\\Software\\Vendor) from every scan and clean");
+  protect->add_option("PATH", options.path, "File, folder or registry key")->required();
   CLI::App* unprotect = app.add_subcommand("unprotect", "Remove a path from the protected list");
   unprotect->add_option("PATH", options.path, "A path listed by 'broom protected'")->required();
   CLI::App* listProtected = app.add_subcommand("protected", "Show the protected paths");

@@ -536,6 +536,12 @@ TEST_F(BroomExe, ProtectedPathsAreKeptInTheUserDataFolder) {
   ASSERT_EQ(0u, RunBare({L"unprotect", path}).code);
   EXPECT_EQ("", ReadFile(file));
   EXPECT_EQ("No path is protected.\n", RunBare({L"protected"}).out);
+
+  // registry paths are stored with the short hive name, never as file paths
+  ASSERT_EQ(0u, RunBare({L"protect", L"hkey_current_user\\Software\\\\Vendor\\"}).code);
+  EXPECT_EQ("HKCU\\SOFTWARE\\VENDOR\r\n", ReadFile(file));
+  ASSERT_EQ(0u, RunBare({L"unprotect", L"HKCU\\software\\vendor"}).code);
+  EXPECT_EQ("", ReadFile(file));
 }
 
 TEST_F(BroomExe, ScanLogsAreWrittenUnlessSwitchedOff) {
