@@ -36,6 +36,24 @@ install(TARGETS broomcore pugixml_wide EXPORT BroomTargets
         LIBRARY DESTINATION bin
         ARCHIVE DESTINATION lib)
 install(FILES ${BROOM_RUNTIME_DLLS} DESTINATION bin)
+# --strip strips only the project's own binaries; Debian's runtime DLLs carry
+# debug information too (libstdc++ is 20 MB with it), and so does pugixml.
+set(BROOM_STRIPPED)
+foreach(dll IN LISTS BROOM_RUNTIME_DLLS)
+  get_filename_component(name ${dll} NAME)
+  list(APPEND BROOM_STRIPPED bin/${name})
+endforeach()
+list(APPEND BROOM_STRIPPED lib/$<TARGET_FILE_NAME:pugixml_wide>)
+install(CODE "
+  if(CMAKE_INSTALL_DO_STRIP)
+    foreach(file ${BROOM_STRIPPED})
+      execute_process(COMMAND \"${CMAKE_STRIP}\" --strip-debug \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/\${file}\"
+                      RESULT_VARIABLE failed)
+      if(failed)
+        message(FATAL_ERROR \"cannot strip \${file}\")
+      endif()
+    endforeach()
+  endif()")
 if(TARGET broom)
   install(TARGETS broom RUNTIME DESTINATION bin)
   install(DIRECTORY ${CMAKE_SOURCE_DIR}/defs/ DESTINATION bin/defs)
