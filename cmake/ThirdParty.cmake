@@ -6,9 +6,13 @@ if(NOT BROOM_PUGIXML_DIRS)
 endif()
 list(GET BROOM_PUGIXML_DIRS 0 BROOM_PUGIXML_DIR)
 add_library(pugixml_wide STATIC ${BROOM_PUGIXML_DIR}/src/pugixml.cpp)
-target_include_directories(pugixml_wide SYSTEM PUBLIC ${BROOM_PUGIXML_DIR}/src)
+# Installed beside the engine's headers and as a static library: hosts that
+# read definition nodes (xml::NodePtr) inline pugixml calls, and the wide
+# mode must reach them too.
+target_include_directories(pugixml_wide SYSTEM PUBLIC $<BUILD_INTERFACE:${BROOM_PUGIXML_DIR}/src>)
+target_include_directories(pugixml_wide INTERFACE $<INSTALL_INTERFACE:include/broom>)
 target_compile_definitions(pugixml_wide PUBLIC PUGIXML_WCHAR_MODE)
-set_target_properties(pugixml_wide PROPERTIES POSITION_INDEPENDENT_CODE ON)
+set_target_properties(pugixml_wide PROPERTIES POSITION_INDEPENDENT_CODE ON EXPORT_NAME pugixml)
 
 # GoogleTest from Debian's googletest package, cross-built.
 if(BROOM_TESTS)

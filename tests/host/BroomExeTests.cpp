@@ -484,7 +484,7 @@ TEST_F(BroomExe, HelpAndVersionExitZero) {
   EXPECT_EQ(std::string::npos, help.out.find("cancel-after")) << "the test option stays hidden";
   RunResult version = RunBare({L"--version"});
   EXPECT_EQ(0u, version.code);
-  EXPECT_EQ(0u, version.out.rfind("broom ", 0)) << version.out;
+  EXPECT_EQ("broom " BROOM_EXPECTED_VERSION "\n", version.out);
 }
 
 // ---- cancellation ----
