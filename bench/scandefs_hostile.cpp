@@ -55,7 +55,10 @@ const Shape kShapes[] = {
        return Wrap("<value name=\"A\" delimiter=\"" + delimiter + "\" index=\"100000000\">" + Repeat("a;", n / 2) +
                    delimiter + "</value>");
      }},
-    {"nesting", [](size_t n) { return Wrap(Repeat("<group name=\"g\">", n)); }},
+    {"nesting", [](size_t n) {
+       size_t levels = n / 24;
+       return Wrap(Repeat("<group name=\"g\">", levels * 16) + Repeat("</group>", levels * 8));
+     }},
     {"path", [](size_t n) { return Wrap("<group name=\"" + Repeat("a/", n) + "\"/>"); }},
 };
 
