@@ -21,19 +21,34 @@ std::wstring StateText(const CScanGroup* group) {
   return L"[" + text + L"]";
 }
 
-void ListGroup(const CScanGroup* group, int depth, std::wstring& out, unsigned& items) {
-  std::wstring indent(static_cast<size_t>(depth) * 2, L' ');
-  std::wstring line = indent + group->GetName();
-  if (group->HasScanOps()) {
-    ++items;
-    line += L"  " + StateText(group);
+// A group and everything below it, children indented; without recursion,
+// as a tree may be deeper than the stack.
+void ListGroup(const CScanGroup* top, std::wstring& out, unsigned& items) {
+  std::vector<CRefPtr<TIteratorIface<CScanGroup>>> open;  // one per level being listed
+  for (const CScanGroup* group = top; group;) {
+    std::wstring indent(open.size() * 2, L' ');
+    std::wstring line = indent + group->GetName();
+    if (group->HasScanOps()) {
+      ++items;
+      line += L"  " + StateText(group);
+    }
+    out += line + L"\n";
+    const wchar_t* desc = group->GetDescription();
+    if (desc && *desc) out += indent + L"    " + desc + L"\n";
+    open.emplace_back();
+    group->GetChildren(open.back());
+    // the next group: the first child, or the next sibling of the nearest level that has one
+    group = nullptr;
+    while (!open.empty() && !group) {
+      CRefPtr<TIteratorIface<CScanGroup>>& it = open.back();
+      if (it && !it->AtEnd()) {
+        group = it->Current();
+        it->Next();
+      } else {
+        open.pop_back();
+      }
+    }
   }
-  out += line + L"\n";
-  const wchar_t* desc = group->GetDescription();
-  if (desc && *desc) out += indent + L"    " + desc + L"\n";
-  CRefPtr<TIteratorIface<CScanGroup>> it;
-  group->GetChildren(it);
-  for (; it && !it->AtEnd(); it->Next()) ListGroup(it->Current(), depth + 1, out, items);
 }
 
 }  // namespace
@@ -45,7 +60,7 @@ int CmdList(CSession& session, const SOptions& options) {
   CRefPtr<TIteratorIface<CScanGroup>> it;
   session.Config()->GetGroups(it);
   for (; it && !it->AtEnd(); it->Next()) {
-    ListGroup(it->Current(), 0, out, items);
+    ListGroup(it->Current(), out, items);
     ++groups;
   }
   std::vector<std::wstring> notes;

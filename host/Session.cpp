@@ -64,24 +64,36 @@ void ForEachTop(IConfig* config, F f) {
   for (; it && !it->AtEnd(); it->Next()) f(it->Current());
 }
 
-void CollectItems(CScanGroup* group, std::vector<SItem>& out) {
-  if (group->HasScanOps()) out.push_back(SItem{group, GroupPath(group)});
-  ForEachChild(group, [&](CScanGroup* child) { CollectItems(child, out); });
+// top and every group below it, parents before children, in the tree's
+// order; without recursion, as a tree may be deeper than the stack.
+template <class F>
+void ForEachBelow(CScanGroup* top, F f) {
+  std::vector<CScanGroup*> work{top};
+  std::vector<CScanGroup*> children;
+  while (!work.empty()) {
+    CScanGroup* group = work.back();
+    work.pop_back();
+    f(group);
+    children.clear();
+    ForEachChild(group, [&](CScanGroup* child) { children.push_back(child); });
+    work.insert(work.end(), children.rbegin(), children.rend());
+  }
+}
+
+void CollectItems(CScanGroup* top, std::vector<SItem>& out) {
+  ForEachBelow(top, [&](CScanGroup* group) {
+    if (group->HasScanOps()) out.push_back(SItem{group, GroupPath(group)});
+  });
 }
 
 // Every group whose path ends with the given names.
-void FindSuffix(CScanGroup* group, const std::vector<std::wstring>& parts, std::vector<CScanGroup*>& out) {
-  const CScanGroup* g = group;
-  bool match = true;
-  for (size_t i = parts.size(); i-- > 0;) {
-    if (!g || !SameName(g->GetName(), parts[i])) {
-      match = false;
-      break;
-    }
-    g = g->GetParent();
-  }
-  if (match) out.push_back(group);
-  ForEachChild(group, [&](CScanGroup* child) { FindSuffix(child, parts, out); });
+void FindSuffix(CScanGroup* top, const std::vector<std::wstring>& parts, std::vector<CScanGroup*>& out) {
+  ForEachBelow(top, [&](CScanGroup* group) {
+    const CScanGroup* g = group;
+    for (size_t i = parts.size(); i-- > 0; g = g->GetParent())
+      if (!g || !SameName(g->GetName(), parts[i])) return;
+    out.push_back(group);
+  });
 }
 
 std::wstring ExceptionText() {
@@ -314,6 +326,12 @@ void CSession::Start(bool noLog) {
 }
 
 void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
+  // every file a load skipped, with the reason, as a note of its own
+  auto showSkipped = [this] {
+    if (CConfigStore* store = CConfigStore::Of(m_config))
+      for (const SLoadNote& note : store->TakeLoadNotes())
+        CConsole::Err(L"broom: skipped " + note.file.str() + L": " + note.reason.str() + L"\n");
+  };
   for (const std::wstring& folder : folders) {
     DWORD attributes = GetFileAttributesW(folder.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_DIRECTORY))
@@ -322,9 +340,11 @@ void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
     try {
       loaded = m_config->Load(folder.c_str(), nullptr, nullptr);
     } catch (...) {
+      showSkipped();
       throw CHostError{exitUsage, L"the definitions in '" + folder + L"' are unusable (" + ExceptionText() +
                                       L"); fix the definition file or leave the folder out"};
     }
+    showSkipped();
     if (!loaded)
       throw CHostError{exitUsage, L"no definition file in '" + folder +
                                       L"' could be read (*.xml, *.dat); check the files or pass another --defs"};

@@ -2,8 +2,11 @@
 
 #include <shlwapi.h>
 
+#include <algorithm>
 #include <cwchar>
 #include <initializer_list>
+#include <map>
+#include <vector>
 
 #include "core/Handles.h"
 #include "scandefs/NoCase.h"
@@ -11,14 +14,31 @@
 
 namespace {
 
-// A localized value may refer to itself; this bounds the re-scanning.
+// A localized value may refer to itself; this bounds the look-ups.
 constexpr int kMaxSubstitutions = 256;
+// The most text ExpandEnvironmentStringsW takes.
+constexpr int kMaxEnvironmentText = 32767;
+// Localizing a text inserts at most four times its length and 1M
+// characters, so values that multiply themselves stop in time.
+constexpr size_t kInsertFree = 1 << 20;
 
 using Store = IUnknownNoQIImp<CConfigStore>;
 
 }  // namespace
 
 CRefPtr<IConfig> IConfig::NewConfig() { return CRefPtr<IConfig>(new Store()); }
+
+CConfigStore* CConfigStore::Of(IConfig* config) { return dynamic_cast<CConfigStore*>(config); }
+
+std::vector<SLoadNote> CConfigStore::TakeLoadNotes() {
+  std::vector<SLoadNote> notes;
+  notes.swap(m_notes);
+  return notes;
+}
+
+void CConfigStore::AddLoadNote(const CString& file, int line, const CString& reason) {
+  m_notes.push_back(SLoadNote{file, line, reason});
+}
 
 void CConfigStore::GetGroups(CRefPtr<TIteratorIface<CScanGroup>>& out) {
   out.Reset();
@@ -101,19 +121,25 @@ void CConfigStore::FinishLoad() {
   m_root.SortChildren();
 }
 
-void CConfigStore::ExpandTree(CScanGroup_imp& group) {
-  // only a '%' or a '$' can make a text change
-  for (CString* text : {&group.m_name, &group.m_desc}) {
-    if (!wcspbrk(*text, L"%$")) continue;
-    CString expanded = ExpandText(*text);
-    if (expanded != *text) *text = expanded;
+void CConfigStore::ExpandTree(CScanGroup_imp& top) {
+  // depth first, parents before children, without recursion
+  std::vector<CScanGroup_imp*> work{&top};
+  while (!work.empty()) {
+    CScanGroup_imp& group = *work.back();
+    work.pop_back();
+    // only a '%' or a '$' can make a text change
+    for (CString* text : {&group.m_name, &group.m_desc}) {
+      if (!wcspbrk(*text, L"%$")) continue;
+      CString expanded = ExpandText(*text);
+      if (expanded != *text) *text = expanded;
+    }
+    for (auto child = group.m_children.rbegin(); child != group.m_children.rend(); ++child) work.push_back(&*child);
   }
-  for (auto& child : group.m_children) ExpandTree(child);
 }
 
 CString CConfigStore::ExpandText(const CString& text) const {
   CString result = text;
-  if (!result.IsEmpty() && result.Find(L'%') >= 0) {
+  if (!result.IsEmpty() && result.GetLength() <= kMaxEnvironmentText && result.Find(L'%') >= 0) {
     wchar_t buffer[511];
     DWORD n = ExpandEnvironmentStringsW(result, buffer, 511);
     if (n > 0 && n <= 511) {
@@ -121,21 +147,91 @@ CString CConfigStore::ExpandText(const CString& text) const {
       if (result.Find(L'%') >= 0) result.Replace(L"%%", L"%");
     }
   }
-  if (m_localizer) {
-    int pos = 0;
-    for (int substitutions = 0; substitutions < kMaxSubstitutions; ++substitutions) {
-      int open = result.Find(L"$(", pos);
-      if (open < 0) break;
-      int close = result.Find(L')', open + 2);
-      if (close < 0 || close == open + 2) break;
-      CString name = result.Mid(open + 2, close - open - 2);
-      CString value = m_localizer->Localize(CString(L"MANUAL_") + name, 0);
-      result.Replace(CString(L"$(") + name + L")", value);
-      pos = open;
-    }
-  }
+  if (m_localizer && result.Find(L"$(") >= 0) result = Localize(result);
   result.Replace(L"$$", L"$");
   return result;
+}
+
+// Replaces "$(name)" references by the localizer's values in one pass from
+// left to right. The text reads as if each look-up replaced every
+// occurrence of its reference at once and the search went on at the
+// reference just replaced: an inserted value is scanned in turn, and a
+// reference that was already in the text when the same name was looked up
+// takes that look-up's value without a new one. Each character remembers
+// the look-up that inserted it (0: the text itself), which tells the two
+// apart.
+CString CConfigStore::Localize(const CString& text) const {
+  const wchar_t* original = text.GetString();
+  const size_t length = static_cast<size_t>(text.GetLength());
+  size_t at = 0;                       // the original text is read up to here
+  std::wstring pending;                // inserted text still to read, last character first
+  std::vector<unsigned short> stamps;  // the look-up that inserted each pending character
+  std::wstring out;
+  out.reserve(length);
+  struct Lookup {
+    int number;
+    std::wstring value;
+  };
+  std::map<std::wstring, std::vector<Lookup>> lookups;
+  int lookupCount = 0;
+  size_t insertable = 4 * length + kInsertFree;
+
+  auto size = [&] { return pending.size() + (length - at); };
+  auto charAt = [&](size_t k) { return k < pending.size() ? pending[pending.size() - 1 - k] : original[at + k - pending.size()]; };
+  auto stampAt = [&](size_t k) { return k < stamps.size() ? stamps[stamps.size() - 1 - k] : 0; };
+  auto drop = [&](size_t n) {
+    size_t inserted = std::min(n, pending.size());
+    pending.resize(pending.size() - inserted);
+    stamps.resize(stamps.size() - inserted);
+    at += n - inserted;
+  };
+  // Once a look-up may not be made, references made before the last
+  // look-up of their name still take its value: those were replaced
+  // already when the step ended.
+  bool lookingUp = true;
+  for (;;) {
+    while (size() >= 2 && !(charAt(0) == L'$' && charAt(1) == L'(')) {
+      out += charAt(0);
+      drop(1);
+    }
+    if (size() < 2) break;
+    // nothing after a "$(" without ")" can be a reference
+    size_t close = 2;
+    while (close < size() && charAt(close) != L')') ++close;
+    if (close == size()) break;
+    std::wstring name;
+    int stamp = 0;
+    for (size_t k = 0; k <= close; ++k) {
+      if (k >= 2 && k < close) name += charAt(k);
+      stamp = std::max<int>(stamp, stampAt(k));
+    }
+    // an empty name ends the look-ups
+    lookingUp = lookingUp && !name.empty();
+    std::vector<Lookup>& history = lookups[name];
+    auto earlier = std::upper_bound(history.begin(), history.end(), stamp,
+                                    [](int s, const Lookup& l) { return s < l.number; });
+    if (earlier == history.end()) {
+      lookingUp = lookingUp && lookupCount < kMaxSubstitutions;
+      if (!lookingUp) {
+        for (size_t k = 0; k <= close; ++k) out += charAt(k);
+        drop(close + 1);
+        continue;
+      }
+      CString key(L"MANUAL_");
+      key += CString(name.data(), static_cast<int>(name.size()));
+      history.push_back(Lookup{++lookupCount, m_localizer->Localize(key, 0).str()});
+      earlier = history.end() - 1;
+    }
+    const std::wstring& value = earlier->value;
+    if (value.size() > insertable) break;
+    insertable -= value.size();
+    drop(close + 1);
+    pending.append(value.rbegin(), value.rend());
+    stamps.resize(stamps.size() + value.size(), static_cast<unsigned short>(earlier->number));
+  }
+  out.append(pending.rbegin(), pending.rend());
+  out.append(original + at, length - at);
+  return CString(out.c_str(), static_cast<int>(out.size()));
 }
 
 // ---- settings ----

@@ -3,6 +3,7 @@
 // definition folders into one sorted tree of groups.
 #include <list>
 #include <string>
+#include <vector>
 
 #include "atl/CString.h"
 #include "core/Export.h"
@@ -55,9 +56,20 @@ class BROOM_API IConfig : public IUnknown {
   IConfig() = default;
 };
 
+// Something a load skipped: a definition file it could not use, or a part
+// of one, with the reason in words.
+struct SLoadNote {
+  CString file;    // full path
+  int line = 0;    // from 1; 0 when no line is known
+  CString reason;  // "does not parse: a start tag is malformed at line 3"
+};
+
 class BROOM_API CConfigStore : public IConfig {
  public:
   CConfigStore() = default;
+
+  // The store behind a configuration made by NewConfig; null for any other.
+  static CConfigStore* Of(IConfig* config);
 
   void GetGroups(CRefPtr<TIteratorIface<CScanGroup>>& out) override;
   bool Load(const wchar_t* folder, ILoadHook* hook, ILocalizeStrings* localizer) override;
@@ -69,16 +81,23 @@ class BROOM_API CConfigStore : public IConfig {
   // through the localizer (during a load), "$$" to "$".
   CString ExpandText(const CString& text) const;
 
+  // What the loads skipped, oldest first, kept until taken.
+  const std::vector<SLoadNote>& GetLoadNotes() const { return m_notes; }
+  std::vector<SLoadNote> TakeLoadNotes();
+  void AddLoadNote(const CString& file, int line, const CString& reason);
+
  protected:
   bool SearchFolder(const wchar_t* folder, const wchar_t* extension, ILoadHook* hook);
   bool LoadFile(const wchar_t* path, ILoadHook* hook);
   void FinishLoad();
   void ExpandTree(CScanGroup_imp& group);
+  CString Localize(const CString& text) const;
 
   std::list<CRefPtr<IScanOperationFactory>> m_factories;
   int m_loadDepth = 0;
   CScanGroup_imp m_root;
   ILocalizeStrings* m_localizer = nullptr;
+  std::vector<SLoadNote> m_notes;
 };
 
 // Settings with a current group path; values are not stored anywhere.

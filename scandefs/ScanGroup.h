@@ -60,6 +60,11 @@ class BROOM_API CScanGroup {
 class BROOM_API CScanGroup_imp : public CScanGroup {
  public:
   CScanGroup_imp() = default;
+  // Copying, assigning and destroying walk the tree without recursion, so
+  // a tree of any depth can be copied and freed.
+  CScanGroup_imp(const CScanGroup_imp& other);
+  CScanGroup_imp& operator=(const CScanGroup_imp& other);
+  ~CScanGroup_imp() override;
 
   void GetChildren(CRefPtr<TIteratorIface<CScanGroup>>& out) const override;
   void GetScanOps(CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>>& out) const override;
@@ -82,12 +87,17 @@ class BROOM_API CScanGroup_imp : public CScanGroup {
   template <class Find>
   static CScanGroup_imp* ResolvePath(const wchar_t* path, size_t length, CScanGroup_imp& start, Find find);
   static void AddScanOp(CScanGroup_imp& group, CRefPtr<IScanOperation> op);
-  // Stable sort by order, then name (case-insensitive), all levels.
+  // Stable sort by order, then name (case-insensitive), all levels (without recursion).
   void SortChildren();
 
   std::list<CScanGroup_imp> m_children;
   std::list<CRefPtr<IScanOperation>> m_scanOps;
   CString m_name, m_desc, m_tip, m_icon, m_tabIcon, m_report;
+
+ private:
+  // Everything but the children.
+  void CopyOwnFields(const CScanGroup_imp& other);
+  void CopyChildren(const CScanGroup_imp& other);
 };
 
 template <class Find>

@@ -3,9 +3,13 @@
 #include <shlwapi.h>
 
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cwchar>
 #include <map>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "core/Handles.h"
@@ -81,8 +85,8 @@ class ChildIndex {
   static constexpr size_t kIndexFrom = 16;  // below that a walk is as quick
 
   struct Table {
-    CScanGroup_imp* parent;
-    size_t indexed;  // children taken in, from the front of the list
+    CScanGroup_imp* parent = nullptr;
+    size_t indexed = 0;  // children taken in, from the front of the list
     std::vector<CScanGroup_imp*> slots;  // open addressing, at most half full
   };
 
@@ -109,13 +113,8 @@ class ChildIndex {
   }
 
   Table& Update(CScanGroup_imp& parent) {
-    Table* table = nullptr;
-    for (auto& t : m_tables)
-      if (t.parent == &parent) table = &t;
-    if (!table) {
-      m_tables.push_back(Table{&parent, 0, {}});
-      table = &m_tables.back();
-    }
+    Table* table = &m_tables[&parent];
+    table->parent = &parent;
     size_t count = parent.m_children.size();
     if (count == table->indexed) return *table;
     size_t capacity = table->slots.size();
@@ -136,7 +135,7 @@ class ChildIndex {
     return *table;
   }
 
-  std::vector<Table> m_tables;
+  std::unordered_map<CScanGroup_imp*, Table> m_tables;
 };
 
 // The index of the file being read on this thread, if any.
@@ -159,7 +158,119 @@ void ForEachElement(xml::NodePtr node, F f) {
     if (child.IsElement()) f(child);
 }
 
+// ---- checks of a parsed file, before anything of it is used ----
+
+const wchar_t* ParseError(pugi::xml_parse_status status) {
+  switch (status) {
+    case pugi::status_out_of_memory: return L"there is not enough memory";
+    case pugi::status_unrecognized_tag: return L"a tag is not recognised";
+    case pugi::status_bad_pi: return L"a declaration or processing instruction is malformed";
+    case pugi::status_bad_comment: return L"a comment is malformed";
+    case pugi::status_bad_cdata: return L"a CDATA section is malformed";
+    case pugi::status_bad_doctype: return L"the document type declaration is malformed";
+    case pugi::status_bad_pcdata: return L"text is malformed";
+    case pugi::status_bad_start_element: return L"a start tag is malformed";
+    case pugi::status_bad_attribute: return L"an attribute is malformed";
+    case pugi::status_bad_end_element: return L"an end tag is malformed";
+    case pugi::status_end_element_mismatch: return L"an end tag does not match its start tag";
+    default: return L"the parser failed";
+  }
+}
+
+// The line (from 1) of a character of the parsed text: the lines of the
+// bytes before the first '<', then those of the text up to it. Parsing
+// changed the text in place, so the bytes are converted once more.
+int LineOf(const char* data, const char* first, const char* last, size_t offset) {
+  size_t lines = 1 + static_cast<size_t>(std::count(data, first, '\n'));
+  std::wstring text = ToWide(first, last);
+  lines += static_cast<size_t>(std::count(text.begin(), text.begin() + std::min(offset, text.size()), L'\n'));
+  return lines > INT_MAX ? INT_MAX : static_cast<int>(lines);
+}
+
+// The deepest nesting of elements from top (level 1), and the first element
+// deeper than limit. Follows the parent links, so it needs no stack.
+size_t ElementDepth(pugi::xml_node top, size_t limit, pugi::xml_node& tooDeep) {
+  size_t depth = 1, deepest = 1;
+  for (pugi::xml_node node = top;;) {
+    if (pugi::xml_node child = node.first_child()) {
+      node = child;
+      ++depth;
+    } else {
+      while (node != top && !node.next_sibling()) {
+        node = node.parent();
+        --depth;
+      }
+      if (node == top) break;
+      node = node.next_sibling();
+    }
+    if (node.type() == pugi::node_element && depth > deepest) {
+      deepest = depth;
+      if (depth > limit && !tooDeep) tooDeep = node;
+    }
+  }
+  return deepest;
+}
+
+// The segments of a group path that path resolution makes groups of.
+size_t Segments(const wchar_t* path) {
+  size_t count = 0;
+  for (bool inSegment = false; path && *path; ++path) {
+    bool slash = *path == L'/';
+    if (!slash && !inSegment) ++count;
+    inSegment = !slash;
+  }
+  return count;
+}
+
+// How deep the groups and items of a file would reach in the tree, along
+// the very elements and attributes the reader takes them from; and the
+// first element that would reach deeper than limit.
+size_t GroupDepth(pugi::xml_node top, size_t limit, pugi::xml_node& tooDeep) {
+  struct Level {
+    pugi::xml_node next;  // the next child to look at
+    size_t depth;         // of the group that holds the children
+  };
+  std::vector<Level> levels{{top.first_child(), 0}};
+  size_t deepest = 0;
+  while (!levels.empty()) {
+    pugi::xml_node node = levels.back().next;
+    if (!node) {
+      levels.pop_back();
+      continue;
+    }
+    levels.back().next = node.next_sibling();
+    if (node.type() != pugi::node_element) continue;
+    xml::NodePtr element(node);
+    EElementType kind = XmlReader::Classify(element.Name());
+    if (kind != etGroup && kind != etItem) continue;
+    size_t depth = levels.back().depth;
+    if (kind == etItem) {
+      const wchar_t* group = element.Attribute(L"group");
+      if (group) {
+        size_t segments = Segments(group);
+        if (!segments) continue;
+        depth += segments;
+      } else if (levels.size() == 1) {
+        continue;  // an item directly in the file needs its group
+      }
+    }
+    size_t segments = Segments(element.Attribute(L"name"));
+    if (!segments) continue;
+    depth += segments;
+    deepest = std::max(deepest, depth);
+    if (depth > limit && !tooDeep) tooDeep = node;
+    levels.push_back(Level{node.first_child(), depth});
+  }
+  return deepest;
+}
+
 }  // namespace
+
+struct XmlReader::ValuePass {
+  std::wstring scratch;     // keeps its capacity from one text to the next
+  size_t insertable;        // characters references may still insert
+  pugi::xml_node overflow;  // the element where that ran out
+};
 
 int LookupNamedValue(const CString& table, const wchar_t* name) {
   // ":name:" in lower case, as the runtime lower-cases in the "C" locale
@@ -198,19 +309,26 @@ bool XmlReader::TextToBool(const CString& text, bool& value) {
 bool XmlReader::Decrypt(char*&, unsigned long) { return true; }
 bool XmlReader::Encrypt(char*&, unsigned long) { return true; }
 
+bool XmlReader::Reject(const CString& path, int line, const std::wstring& reason) const {
+  if (m_store) m_store->AddLoadNote(path, line, CString(reason.c_str()));
+  return false;
+}
+
 bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook) {
+  auto error = [](const wchar_t* what) { return std::wstring(what) + L" (error " + std::to_wstring(GetLastError()) + L")"; };
   broom::unique_hfile file(
       CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!file) return false;
+  if (!file) return Reject(path, 0, error(L"cannot be opened"));
   LARGE_INTEGER size;
-  if (!GetFileSizeEx(file.get(), &size)) return false;
+  if (!GetFileSizeEx(file.get(), &size)) return Reject(path, 0, error(L"cannot be read"));
   std::unique_ptr<char, MallocFree> buffer(static_cast<char*>(malloc(size.LowPart ? size.LowPart : 1)));
   if (!buffer) AtlThrow(E_OUTOFMEMORY);
   DWORD read = 0;
-  if (!::ReadFile(file.get(), buffer.get(), size.LowPart, &read, nullptr) || read == 0) return false;
+  if (!::ReadFile(file.get(), buffer.get(), size.LowPart, &read, nullptr)) return Reject(path, 0, error(L"cannot be read"));
+  if (read == 0) return Reject(path, 0, L"is empty");
   unsigned long count = read;
   if (hook) {
-    if (!hook->OnFileData(buffer.get(), &count, true)) return false;
+    if (!hook->OnFileData(buffer.get(), &count, true)) return Reject(path, 0, L"was rejected by the load hook");
     hook->OnLoadComplete();
     // A hook may only lower the count: the buffer holds the bytes read.
     if (count > read) count = read;
@@ -222,18 +340,54 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
   const char* last = data + count;
   if (const void* nul = memchr(first, '\0', static_cast<size_t>(last - first))) last = static_cast<const char*>(nul);
   std::wstring wide = ToWide(first, last);
-  buffer.reset();
+  // The bytes stay until the checks below are done: a rejection names the
+  // line, and the parser changes the text it is given.
+  auto lineOf = [&](pugi::xml_node node) {
+    auto name = reinterpret_cast<uintptr_t>(node.name()), begin = reinterpret_cast<uintptr_t>(wide.data());
+    if (name < begin || name >= begin + wide.size() * sizeof(wchar_t)) return 0;
+    return LineOf(data, first, last, (name - begin) / sizeof(wchar_t));
+  };
+  auto at = [](int line) { return line ? L" at line " + std::to_wstring(line) : std::wstring(); };
 
   // parsed in place: the document points into wide, which outlives it
   pugi::xml_document document;
   pugi::xml_parse_result parsed = document.load_buffer_inplace(&wide[0], wide.size() * sizeof(wchar_t),
                                                                pugi::parse_default, pugi::encoding_utf16_le);
-  if (!parsed) return false;
+  if (!parsed) {
+    if (parsed.status == pugi::status_no_document_element) return Reject(path, 0, L"holds no element");
+    int line = LineOf(data, first, last, static_cast<size_t>(parsed.offset));
+    return Reject(path, line, std::wstring(L"does not parse: ") + ParseError(parsed.status) + at(line));
+  }
   xml::NodePtr top(document.first_child());
-  if (!top || !top.IsElement() || broom::CompareNoCase(top.Name(), L"ConfigItems") != 0) return false;
-
+  if (!top || !top.IsElement() || broom::CompareNoCase(top.Name(), L"ConfigItems") != 0)
+    return Reject(path, 0, L"has no ConfigItems root element");
   CRefPtr<ConfigValueMap> fileScope = CScopedMap::GetGlobalScope()->CreateChildScope();
-  DecodeDOMRecursive(top, fileScope);
+
+  // Nesting is checked before the value pass, which removes "value"
+  // elements, and the parser frees an element's subtree recursively.
+  pugi::xml_node tooDeep;
+  size_t depth = ElementDepth(top.Raw(), kMaxElementDepth, tooDeep);
+  if (tooDeep) {
+    int line = lineOf(tooDeep);
+    return Reject(path, line, L"nests " + std::to_wstring(depth) + L" levels deep" + at(line) + L"; at most " +
+                                  std::to_wstring(kMaxElementDepth) + L" are read");
+  }
+  ValuePass pass{{}, kMaxInsertedText, {}};
+  DecodeNode(top.Raw(), fileScope, pass);
+  if (pass.overflow) {
+    int line = lineOf(pass.overflow);
+    return Reject(path, line, L"has %NAME% references that insert more than " + std::to_wstring(kMaxInsertedText) +
+                                  L" characters" + at(line) + L"; at most that many are read");
+  }
+  // group paths are checked once their values are in
+  depth = GroupDepth(top.Raw(), kMaxGroupDepth, tooDeep);
+  if (tooDeep) {
+    int line = lineOf(tooDeep);
+    return Reject(path, line, L"nests its groups " + std::to_wstring(depth) + L" levels deep" + at(line) +
+                                  L"; at most " + std::to_wstring(kMaxGroupDepth) + L" are read");
+  }
+  buffer.reset();
+
   auto& tree = static_cast<CScanGroup_imp&>(root);
   ChildIndex index;
   ChildIndex* outer = t_index;  // a factory may load another file meanwhile
@@ -318,56 +472,129 @@ bool XmlReader::ReadBaseProperties(CScanGroup_imp* group, xml::NodePtr node) {
 
 // ---- values ----
 
-unsigned long XmlReader::ExpandSymbols(std::wstring& text, const ConfigValueMap* scope) {
+namespace {
+
+// Set beside the flags of ExpandSymbols: the values would insert more than allowed.
+constexpr unsigned long kOverLimit = 4;
+
+// The expansion of ExpandSymbols, in one pass from text[0, length) into out,
+// which is written only when the text changes. Values count against
+// *insertable (no limit when null); when they would pass it, the
+// expansion stops with kOverLimit.
+unsigned long Expand(const wchar_t* text, size_t length, const CScopedMap::ConfigValueMap* scope, std::wstring& out,
+                     size_t* insertable) {
+  const std::wstring_view view(text, length);
   unsigned long flags = 0;
-  size_t pos = text.find(L'%');
-  while (pos != std::wstring::npos) {
-    if (pos + 1 < text.size() && text[pos + 1] == L'%') {
-      text.erase(pos, 1);
-      flags |= 1;
-      pos = text.find(L'%', pos + 1);
+  size_t copied = 0;  // text before this is in out
+  auto emit = [&](size_t upTo, const wchar_t* value, size_t valueLength) {
+    if (!(flags & 1)) {
+      out.clear();
+      out.reserve(length);
+    }
+    out.append(text + copied, upTo - copied);
+    out.append(value, valueLength);
+    flags |= 1;
+  };
+  for (size_t pos = view.find(L'%'); pos != std::wstring_view::npos;) {
+    if (pos + 1 < length && text[pos + 1] == L'%') {
+      emit(pos + 1, L"", 0);  // the first '%' stays, the second goes
+      copied = pos + 2;
+      pos = view.find(L'%', pos + 2);
       continue;
     }
-    size_t close = text.find(L'%', pos + 1);
-    if (close == std::wstring::npos) break;
-    const wchar_t* value = scope ? scope->Find(text.data() + pos + 1, close - pos - 1) : nullptr;
-    if (value) {
-      size_t length = wcslen(value);
-      text.replace(pos, close - pos + 1, value, length);
-      flags |= 1;
-      pos = text.find(L'%', pos + length);
+    size_t close = view.find(L'%', pos + 1);
+    if (close == std::wstring_view::npos) break;
+    if (const wchar_t* value = scope ? scope->Find(text + pos + 1, close - pos - 1) : nullptr) {
+      size_t valueLength = wcslen(value);
+      if (insertable) {
+        if (valueLength > *insertable) return flags | kOverLimit;
+        *insertable -= valueLength;
+      }
+      emit(pos, value, valueLength);
+      copied = close + 1;
     } else {
       flags |= 2;
-      pos = text.find(L'%', close + 1);
     }
+    pos = view.find(L'%', close + 1);
   }
+  if (flags & 1) out.append(text + copied, length - copied);
   return flags;
 }
 
-namespace {
-
 // Expands a node's or attribute's text in place; only a text with a '%' can
-// change. scratch keeps its capacity from one text to the next.
+// change. False when the values would insert more than allowed.
 template <class T>
-void ExpandValue(T target, const CScopedMap::ConfigValueMap* scope, std::wstring& scratch) {
+bool ExpandValue(T target, const CScopedMap::ConfigValueMap* scope, std::wstring& scratch, size_t& insertable) {
   const wchar_t* current = target.value();
-  if (!wcschr(current, L'%')) return;
-  scratch.assign(current);
-  if (XmlReader::ExpandSymbols(scratch, scope) & 1) target.set_value(scratch.c_str());
+  const wchar_t* percent = wcschr(current, L'%');
+  if (!percent) return true;
+  size_t length = static_cast<size_t>(percent - current) + wcslen(percent);
+  unsigned long flags = Expand(current, length, scope, scratch, &insertable);
+  if (flags & kOverLimit) return false;
+  if (flags & 1) target.set_value(scratch.c_str());
+  return true;
+}
+
+// Whether pattern occurs in text (Knuth-Morris-Pratt: linear in both).
+bool Contains(const wchar_t* text, const wchar_t* pattern) {
+  size_t m = wcslen(pattern);
+  std::vector<size_t> fallback(m, 0);
+  for (size_t i = 1, k = 0; i < m; ++i) {
+    while (k && pattern[i] != pattern[k]) k = fallback[k - 1];
+    if (pattern[i] == pattern[k]) ++k;
+    fallback[i] = k;
+  }
+  for (size_t k = 0; *text; ++text) {
+    while (k && *text != pattern[k]) k = fallback[k - 1];
+    if (*text == pattern[k] && ++k == m) return true;
+  }
+  return m == 0;
+}
+
+// Where the rest of source begins once n fields are skipped, the way
+// CString::Tokenize takes fields with delimiters as a set of characters:
+// a run of delimiters before a field is skipped, and the delimiter that
+// ends it is consumed. 0 when there is no field at all.
+size_t SkipFields(const wchar_t* source, size_t length, const wchar_t* delimiters, int n) {
+  std::vector<bool> isDelimiter(65536);
+  for (const wchar_t* d = delimiters; *d; ++d) isDelimiter[static_cast<unsigned short>(*d)] = true;
+  auto delimiter = [&](size_t at) { return isDelimiter[static_cast<unsigned short>(source[at])]; };
+  size_t pos = 0, after = 0;
+  for (int i = 0; i < n && pos < length; ++i) {
+    while (pos < length && delimiter(pos)) ++pos;
+    if (pos >= length) break;
+    while (pos < length && !delimiter(pos)) ++pos;
+    after = ++pos;
+  }
+  return after;
 }
 
 }  // namespace
 
-bool XmlReader::DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope) {
-  std::wstring scratch;
-  return DecodeNode(node.Raw(), scope, scratch);
+unsigned long XmlReader::ExpandSymbols(std::wstring& text, const ConfigValueMap* scope) {
+  std::wstring out;
+  unsigned long flags = Expand(text.data(), text.size(), scope, out, nullptr);
+  if (flags & 1) text.swap(out);
+  return flags;
 }
 
-bool XmlReader::DecodeNode(pugi::xml_node node, ConfigValueMap* scope, std::wstring& scratch) {
-  for (pugi::xml_attribute a = node.first_attribute(); a; a = a.next_attribute()) ExpandValue(a, scope, scratch);
+bool XmlReader::DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope) {
+  ValuePass pass{{}, SIZE_MAX, {}};
+  return DecodeNode(node.Raw(), scope, pass);
+}
+
+// Recursive, but only over files that passed the nesting check.
+bool XmlReader::DecodeNode(pugi::xml_node node, ConfigValueMap* scope, ValuePass& pass) {
+  for (pugi::xml_attribute a = node.first_attribute(); a; a = a.next_attribute()) {
+    if (!ExpandValue(a, scope, pass.scratch, pass.insertable)) {
+      pass.overflow = node;
+      return false;
+    }
+  }
   if (!node.first_child()) {
     // a CDATA section or an empty element keeps its text as written
-    if (node.type() == pugi::node_pcdata) ExpandValue(node, scope, scratch);
+    if (node.type() == pugi::node_pcdata && !ExpandValue(node, scope, pass.scratch, pass.insertable))
+      pass.overflow = node.parent();
     return false;
   }
   // The element's own scope. It is made when the first "value" child needs
@@ -376,14 +603,14 @@ bool XmlReader::DecodeNode(pugi::xml_node node, ConfigValueMap* scope, std::wstr
   CRefPtr<ConfigValueMap> inner;
   bool readAny = false;
   pugi::xml_node next;
-  for (pugi::xml_node child = node.first_child(); child; child = next) {
+  for (pugi::xml_node child = node.first_child(); child && !pass.overflow; child = next) {
     next = child.next_sibling();
     if (child.type() == pugi::node_element && broom::CompareNoCase(child.name(), L"value") == 0) {
       if (!inner) inner = scope->CreateChildScope();
       readAny |= ReadValue(xml::NodePtr(child), inner);
       node.remove_child(child);  // nothing visits it again
     } else {
-      DecodeNode(child, inner ? inner.Get() : scope, scratch);
+      DecodeNode(child, inner ? inner.Get() : scope, pass);
     }
   }
   return readAny;
@@ -407,17 +634,10 @@ bool XmlReader::ReadValue(xml::NodePtr node, ConfigValueMap* scope) {
     const wchar_t* delimiter = node.Attribute(L"delimiter");
     const wchar_t* index = node.Attribute(L"index");
     int n = index ? _wtoi(index) : 0;
-    if (delimiter && n > 0 && wcsstr(source, delimiter)) {
-      // skip n fields as CString::Tokenize does; the rest follows the last
-      // delimiter consumed
-      CString whole(source);
-      int pos = 0, after = 0;
-      for (int i = 0; i < n; ++i) {
-        whole.Tokenize(delimiter, pos);
-        if (pos == -1) break;
-        after = pos;
-      }
-      value = after >= whole.GetLength() ? L"" : source + after;
+    if (delimiter && n > 0 && Contains(source, delimiter)) {
+      size_t length = wcslen(source);
+      size_t after = SkipFields(source, length, delimiter, n);
+      value = after >= length ? L"" : source + after;
     }
   }
   scope->Set(name, value);

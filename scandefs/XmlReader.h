@@ -34,10 +34,21 @@ class BROOM_API XmlReader {
  public:
   using ConfigValueMap = CScopedMap::ConfigValueMap;
 
+  // A file whose elements nest deeper than this ("ConfigItems" is level
+  // 1), or whose groups would nest deeper in the tree (a top-level group is
+  // level 1), is not read at all: the walks over a file and over the tree
+  // stay shallow. Real files nest about 6 deep.
+  static constexpr size_t kMaxElementDepth = 100;
+  static constexpr size_t kMaxGroupDepth = 100;
+  // The most characters the %NAME% references of one file may insert; a
+  // file whose references would insert more is not read.
+  static constexpr size_t kMaxInsertedText = 16u << 20;
+
   explicit XmlReader(CRefPtr<CConfigStore> store) : m_store(store) {}
 
   // False when the file cannot be read, is empty, is rejected by the hook,
-  // does not parse or has no "ConfigItems" root; the tree is then untouched.
+  // does not parse, has no "ConfigItems" root or nests too deep (see
+  // above); the tree is then untouched and the store gets a note saying why.
   // Throws CAtlException(E_INVALIDARG) when the data holds no '<'.
   bool ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook);
 
@@ -57,7 +68,9 @@ class BROOM_API XmlReader {
 
   static bool DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope);
   static bool ReadValue(xml::NodePtr node, ConfigValueMap* scope);
-  static bool DecodeNode(pugi::xml_node node, ConfigValueMap* scope, std::wstring& scratch);
+  struct ValuePass;
+  static bool DecodeNode(pugi::xml_node node, ConfigValueMap* scope, ValuePass& pass);
+  bool Reject(const CString& path, int line, const std::wstring& reason) const;
 
   bool ReadCleaning(xml::NodePtr node, CScanGroup_imp& group);
   bool ReadClean(xml::NodePtr node, CScanGroup_imp& group);

@@ -449,6 +449,7 @@ TEST_F(BroomExe, UnusableArgumentsAndDefinitionsExitTwoWithOneLine) {
   struct Case {
     std::vector<std::wstring> args;
     const char* says;
+    const char* note = nullptr;  // a line of its own before the error
   };
   std::vector<Case> cases = {
       {{}, "A subcommand is required"},
@@ -458,7 +459,8 @@ TEST_F(BroomExe, UnusableArgumentsAndDefinitionsExitTwoWithOneLine) {
       {{L"restore"}, "DIR"},
       {{L"--defs", m_root / L"missing", L"scan"}, "does not exist"},
       {{L"--defs", m_root / L"empty", L"list"}, "no definition file"},
-      {{L"--defs", m_root / L"broken", L"list"}, "no definition file"},
+      {{L"--defs", m_root / L"broken", L"list"}, "no definition file",
+       "bad.xml: does not parse: an end tag does not match its start tag at line 1\n"},
       {{L"--defs", m_root / L"noitems", L"list"}, "hold no item"},
       {{L"--defs", Defs(), L"scan", L"No such item"}, "no item or group is named 'No such item'"},
       {{L"restore", m_root / L"empty"}, "holds no quarantine manifest"},
@@ -469,11 +471,33 @@ TEST_F(BroomExe, UnusableArgumentsAndDefinitionsExitTwoWithOneLine) {
     for (auto& a : c.args) shown += " " + Narrow(a);
     RunResult r = RunBare(c.args);
     EXPECT_EQ(2u, r.code) << shown << "\n" << r.err;
-    EXPECT_EQ(1, CountLines(r.err)) << shown << "\n" << r.err;
-    EXPECT_EQ(0u, r.err.rfind("broom: ", 0)) << shown << "\n" << r.err;
+    EXPECT_EQ(c.note ? 2 : 1, CountLines(r.err)) << shown << "\n" << r.err;
+    EXPECT_EQ(0u, r.err.rfind(c.note ? "broom: skipped " : "broom: ", 0)) << shown << "\n" << r.err;
+    if (c.note) {
+      EXPECT_NE(std::string::npos, r.err.find(c.note)) << r.err;
+    }
     EXPECT_NE(std::string::npos, r.err.find(c.says)) << shown << "\n" << r.err;
     EXPECT_EQ("", r.out) << shown;
   }
+}
+
+TEST_F(BroomExe, FilesThatCannotBeReadAreNotedAndTheRestIsListed) {
+  // deeper than any walk of the file or of the tree may recurse
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  std::string deep = "<ConfigItems>\n";
+  for (int i = 0; i < 30000; ++i) deep += "<group name=\"g\">";
+  for (int i = 0; i < 30000; ++i) deep += "</group>";
+  WriteFile(m_root / L"defs\\deep.xml", deep + "</ConfigItems>");
+  std::string path;
+  for (int i = 0; i < 30000; ++i) path += "a/";
+  WriteFile(m_root / L"defs\\path.xml", "<ConfigItems><item group=\"" + path + "\" name=\"x\"/></ConfigItems>");
+  RunResult r = Run({L"list"});
+  EXPECT_EQ(0u, r.code) << r.err;
+  EXPECT_EQ("T\n  Junk  [scan, not cleaned, 1 operation]\n\n1 item in 1 group; 1 scanned by default.\n", r.out);
+  EXPECT_NE(std::string::npos, r.err.find("deep.xml: nests 30001 levels deep at line 2; at most 100 are read\n")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("path.xml: nests its groups 30001 levels deep at line 1; at most 100 are read\n"))
+      << r.err;
+  EXPECT_EQ(2, CountLines(r.err)) << r.err;
 }
 
 TEST_F(BroomExe, HelpAndVersionExitZero) {

@@ -145,6 +145,40 @@ TEST_F(ConfigStore, LocalisationRescansSubstitutedText) {
   EXPECT_EQ(localizer.calls, 2);
 }
 
+TEST_F(ConfigStore, LocalisationLooksUpAgainOnlyReferencesMadeSince) {
+  // "$(x)" inside the value of "y" came after "x" was looked up; the last
+  // "$(x)" was there already, and an empty name ends only the look-ups
+  Write(L"defs\\a.xml", Group("G", "$(x) $(y) $() $(x)"));
+  Write(L"defs\\b.xml", Group("H", "$(dbl)$(dbl)$(dbl)"));
+  Localizer localizer({{L"x", L"X"}, {L"y", L"[$(x)]"}, {L"dbl", L"$(dbl)$(dbl)"}});
+  ASSERT_TRUE(Load(L"defs", nullptr, &localizer));
+  EXPECT_EQ(Description(L"G"), L"X [X] $() X");
+  // a value that doubles itself stops once four times the text and 1M
+  // characters have gone in
+  size_t length = Description(L"H").size();
+  EXPECT_GT(length, 1u << 19);
+  EXPECT_LE(length, 18u + 4 * 18u + (1u << 20));
+  EXPECT_EQ(localizer.calls, 3 + 256);
+}
+
+TEST_F(ConfigStore, NotesNameEverySkippedFileInLoadOrder) {
+  Write(L"defs\\a.xml", Group("A"));
+  Write(L"defs\\b.xml", "<ConfigItems>\r\n<group name=\"x\">");
+  Write(L"defs\\c.dat", "");
+  Write(L"defs\\d.da0", Group("D"));
+  RecordingHook hook;
+  hook.reject = true;
+  ASSERT_TRUE(Load(L"defs", &hook));
+  std::vector<std::wstring> seen;
+  for (const SLoadNote& note : m_store->GetLoadNotes())
+    seen.push_back(note.file.str() + L"|" + std::to_wstring(note.line) + L"|" + note.reason.str());
+  EXPECT_EQ(seen, (Names{m_dir / L"defs\\b.xml|2|does not parse: an end tag does not match its start tag at line 2",
+                         m_dir / L"defs\\c.dat|0|is empty", m_dir / L"defs\\d.da0|0|was rejected by the load hook"}));
+  EXPECT_EQ(Notes().size(), 3u);  // taken once
+  EXPECT_EQ(Notes(), Names{});
+  EXPECT_EQ(CConfigStore::Of(m_store), m_store.Get());
+}
+
 TEST_F(ConfigStore, EnvironmentExpansionWithin511Characters) {
   // The symbol scope of the reader is filled before these variables exist,
   // so their references reach the store unexpanded. The reader turns "%%"

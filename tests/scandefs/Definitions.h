@@ -180,6 +180,13 @@ class Definitions : public testing::Test {
     return group ? group->GetDescription() : L"<missing>";
   }
   CScanGroup_imp& Root() { return m_store->GetRoot(); }
+  // The notes the store took since the last call: "line: reason" each.
+  Names Notes() {
+    Names out;
+    for (const SLoadNote& note : m_store->TakeLoadNotes())
+      out.push_back(std::to_wstring(note.line) + L": " + note.reason.str());
+    return out;
+  }
 
   broomtest::TempDir m_dir;
   int m_files = 0;

@@ -151,6 +151,21 @@ TEST(ScanGroup, CopiesAndHostData) {
   EXPECT_EQ(other.GetChildCount(), 0);
 }
 
+TEST_F(Definitions, DeepTreesExpandSortCopyAndFreeWithoutRecursion) {
+  // far deeper than any recursion over the tree could reach on the stack
+  std::wstring path;
+  for (int i = 0; i < 200000; ++i) path += L"a/";
+  CScanGroup_imp* deepest = CScanGroup_imp::FindOrAddGroupPath(CString(path.c_str()), Root());
+  deepest->m_desc = L"$$";
+  EXPECT_FALSE(Load(L"missing"));  // the finishing step expands and sorts the whole tree
+  EXPECT_STREQ(deepest->GetDescription(), L"$");
+  CScanGroup_imp copy(Root());
+  copy = copy.m_children.front();  // a group assigned from its own child
+  size_t depth = 0;
+  for (const CScanGroup_imp* g = &copy; !g->m_children.empty(); g = &g->m_children.front()) ++depth;
+  EXPECT_EQ(depth, 199999u);
+}
+
 TEST(ScanGroup, NamesFoldOnlyLatinLettersLikeTheRuntimeCompare) {
   CScanGroup_imp root;
   CScanGroup_imp* upper = Path(root, L"\u00C4rger");

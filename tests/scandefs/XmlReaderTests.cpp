@@ -60,16 +60,22 @@ TEST_F(Definitions, BadFilesAreRejectedAndLeaveTheTreeAlone) {
   ASSERT_TRUE(Read(Xml("<group name=\"Kept\"/>")));
   std::string utf16 = "\xFF\xFE";
   for (char c : std::string("<ConfigItems><group name=\"U\"/></ConfigItems>")) utf16 += std::string{c, '\0'};
-  const std::string rejected[] = {
-      "",                                        // empty
-      "<ConfigItems><group name=\"x\">",         // does not parse
-      "<Config><group name=\"Other\"/></Config>",  // another root
-      utf16,                                     // UTF-16 is not decoded
-      "<?xml version=\"1.0\"?><!-- c --><Config/>",
+  const std::pair<std::string, const wchar_t*> rejected[] = {
+      {"", L"0: is empty"},
+      {"\xEF\xBB\xBF\r\n\r\n<ConfigItems>\n<group name=\"x\">\n</ConfigItems>",
+       L"5: does not parse: an end tag does not match its start tag at line 5"},
+      {"<Config><group name=\"Other\"/></Config>", L"0: has no ConfigItems root element"},
+      {utf16, L"1: does not parse: a tag is not recognised at line 1"},  // UTF-16 is not decoded
+      {"<?xml version=\"1.0\"?><!-- c --><Config/>", L"0: has no ConfigItems root element"},
+      {"<!-- only -->", L"0: holds no element"},
   };
-  for (const std::string& bytes : rejected) EXPECT_FALSE(Read(bytes)) << bytes;
+  for (const auto& bytes : rejected) {
+    EXPECT_FALSE(Read(bytes.first)) << bytes.first;
+    EXPECT_EQ(Notes(), Names{bytes.second}) << bytes.first;
+  }
   XmlReader reader(m_store);
   EXPECT_FALSE(reader.ReadFile(CString((m_dir / L"missing.xml").c_str()), Root(), nullptr));
+  EXPECT_EQ(Notes(), Names{L"0: cannot be opened (error 2)"});
   // data without any '<' is an error, not a rejection
   EXPECT_EQ(AtlError([&] { Read("no markup at all"); }), E_INVALIDARG);
   EXPECT_EQ(Tree(Root()), L"Kept");
@@ -77,6 +83,49 @@ TEST_F(Definitions, BadFilesAreRejectedAndLeaveTheTreeAlone) {
   EXPECT_TRUE(Read("\xEF\xBB\xBF" + Xml("<group name=\"Bom\"/>")));
   EXPECT_TRUE(Read("<configitems><group name=\"Lower\"/></configitems>"));
   EXPECT_EQ(Tree(Root()), L"Kept,Bom,Lower");
+  EXPECT_EQ(Notes(), Names{});
+}
+
+std::string Repeat(const std::string& piece, size_t count) {
+  std::string out;
+  for (size_t i = 0; i < count; ++i) out += piece;
+  return out;
+}
+
+TEST_F(Definitions, FilesPastTheLimitsAreRejectedWhole) {
+  ASSERT_TRUE(Read(Xml("<group name=\"Kept\"/>")));
+  const std::string v4k = "<value name=\"V\">" + std::string(4096, 'v') + "</value>";
+  const std::pair<std::string, const wchar_t*> cases[] = {
+      // "ConfigItems" and 99 more levels of elements are read, 101 are not
+      {"<ConfigItems>" + Repeat("<g>", 99) + Repeat("</g>", 99) + "</ConfigItems>", nullptr},
+      {"<ConfigItems>\n" + Repeat("<value name=\"v\">", 100) + Repeat("</value>", 100) + "</ConfigItems>",
+       L"2: nests 101 levels deep at line 2; at most 100 are read"},
+      // groups count every segment of their paths, down from the top level
+      {Xml("<group name=\"" + Repeat("a/", 100) + "\"/>"), nullptr},
+      {Xml("<group name=\"" + Repeat("/a", 101) + "\"/>"), L"2: nests its groups 101 levels deep at line 2; at most 100 are read"},
+      {Xml("<group name=\"g\">\n<item group=\"" + Repeat("a/", 50) + "\" name=\"" + Repeat("b/", 50) + "\"/></group>"),
+       L"3: nests its groups 101 levels deep at line 3; at most 100 are read"},
+      {Xml("<value name=\"P\">" + Repeat("p/", 101) + "</value><group name=\"%P%\"/>"),
+       L"2: nests its groups 101 levels deep at line 2; at most 100 are read"},
+      // paths the reader skips do not count
+      {Xml("<item name=\"" + Repeat("a/", 200) + "\"/><group name=\"s\"><cleaning><group name=\"" + Repeat("a/", 200) +
+           "\"/></cleaning></group>"),
+       nullptr},
+      // what %NAME% references may insert into one file
+      {Xml(v4k + "<group name=\"G\" desc=\"" + Repeat("%V%", 4096) + "\"/>"), nullptr},
+      {Xml(v4k + "<group name=\"G\" desc=\"" + Repeat("%V%", 2048) + "\"/>\n<group name=\"H\">" +
+           Repeat("%V%", 2049) + "</group>"),
+       L"3: has %NAME% references that insert more than 16777216 characters at line 3; at most that many are read"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Read(c.first), !c.second) << c.first.substr(0, 200);
+    EXPECT_EQ(Notes(), c.second ? Names{c.second} : Names{}) << c.first.substr(0, 200);
+  }
+  // nothing of a rejected file is in the tree
+  EXPECT_EQ(Groups(), (Names{L"Kept", L"a", L"s", L"G"}));
+  size_t depth = 0;
+  for (const CScanGroup* g = Child(Root(), L"a"); g; g = Child(*g, L"a")) ++depth;
+  EXPECT_EQ(depth, 100u);
 }
 
 TEST_F(Definitions, LaterFileMergesIntoTheGroupOfTheSameName) {
