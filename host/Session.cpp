@@ -268,9 +268,20 @@ void RequestCancel() { g_cancel = true; }
 bool IsCancelRequested() { return g_cancel; }
 
 std::wstring GroupPath(const CScanGroup* group) {
+  // names are gathered leaf first and joined once, so long names at every
+  // level cost their length, not their length times the depth
+  std::vector<const wchar_t*> names;
+  size_t length = 0;
+  for (const CScanGroup* g = group; g; g = g->GetParent()) {
+    names.push_back(g->GetName());
+    length += wcslen(names.back()) + 1;
+  }
   std::wstring path;
-  for (const CScanGroup* g = group; g; g = g->GetParent())
-    path = path.empty() ? std::wstring(g->GetName()) : std::wstring(g->GetName()) + L"/" + path;
+  path.reserve(length);
+  for (auto it = names.rbegin(); it != names.rend(); ++it) {
+    if (!path.empty()) path += L'/';
+    path += *it;
+  }
   return path;
 }
 
