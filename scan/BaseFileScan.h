@@ -133,6 +133,7 @@ class BROOM_API CBaseFileScan {
   void Initialize(IOperationProgressNotify* progress, IOperationStatusNotify* status, CWhiteListTree* whiteList);
 
   const std::list<CPathString>& GetPaths() const { return m_paths; }
+  const std::list<CRefPtr<IFilter>>& GetFilters() const { return m_filters; }
   int GetProgressLevels() const { return m_progressLevels; }
 
  protected:

@@ -234,6 +234,15 @@ CString CConfigStore::Localize(const CString& text) const {
   return CString(out.c_str(), static_cast<int>(out.size()));
 }
 
+const SOperationSource* CConfigStore::GetOperationSource(const IScanOperation* op) const {
+  auto found = m_sources.find(op);
+  return found == m_sources.end() ? nullptr : &found->second;
+}
+
+void CConfigStore::SetOperationSource(const IScanOperation* op, const SOperationSource& source) {
+  if (op) m_sources[op] = source;
+}
+
 // ---- settings ----
 
 void XmlConfigSettings::Set(const wchar_t*, const wchar_t*) {}

@@ -2,6 +2,7 @@
 // The host's entry point to the scan definitions: a store that loads
 // definition folders into one sorted tree of groups.
 #include <list>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -64,6 +65,16 @@ struct SLoadNote {
   CString reason;  // "does not parse: a start tag is malformed at line 3"
 };
 
+// Where an operation of the tree came from: the definition file, the line
+// of its rule, the rule's kind and its text as it was read (after %NAME%
+// expansion). A host shows it to answer "why does this want to go?".
+struct SOperationSource {
+  CString file;
+  int line = 0;  // from 1; 0 when unknown
+  CString kind;  // "file", "trunc", "reg", a winapp2 key name, ...
+  CString text;  // the root pattern or rule
+};
+
 class BROOM_API CConfigStore : public IConfig {
  public:
   CConfigStore() = default;
@@ -80,6 +91,10 @@ class BROOM_API CConfigStore : public IConfig {
   // The display form of a group text: environment variables, "$(name)"
   // through the localizer (during a load), "$$" to "$".
   CString ExpandText(const CString& text) const;
+
+  // The source of an operation of this store's tree; null when unknown.
+  const SOperationSource* GetOperationSource(const IScanOperation* op) const;
+  void SetOperationSource(const IScanOperation* op, const SOperationSource& source);
 
   // What the loads skipped, oldest first, kept until taken.
   const std::vector<SLoadNote>& GetLoadNotes() const { return m_notes; }
@@ -98,6 +113,8 @@ class BROOM_API CConfigStore : public IConfig {
   CScanGroup_imp m_root;
   ILocalizeStrings* m_localizer = nullptr;
   std::vector<SLoadNote> m_notes;
+  // keyed by the operations the tree holds, which live as long as the store
+  std::map<const IScanOperation*, SOperationSource> m_sources;
 };
 
 // Settings with a current group path; values are not stored anywhere.

@@ -141,6 +141,24 @@ class ChildIndex {
 // The index of the file being read on this thread, if any.
 thread_local ChildIndex* t_index = nullptr;
 
+// The file being read on this thread: its path, and where its lines start,
+// so that an operation can be told the line of the element that made it.
+struct FileLines {
+  const CString* path = nullptr;
+  const wchar_t* text = nullptr;  // the parsed text; element names point into it
+  size_t length = 0;
+  size_t linesBefore = 0;         // lines of the bytes before the first '<'
+  std::vector<size_t> breaks;     // offsets of the line feeds of the text, before parsing
+
+  int LineOf(const wchar_t* name) const {
+    if (!text || name < text || name >= text + length) return 0;
+    size_t offset = static_cast<size_t>(name - text);
+    size_t line = 1 + linesBefore + static_cast<size_t>(std::upper_bound(breaks.begin(), breaks.end(), offset) - breaks.begin());
+    return line > INT_MAX ? INT_MAX : static_cast<int>(line);
+  }
+};
+thread_local const FileLines* t_lines = nullptr;
+
 CScanGroup_imp* ResolveGroupPath(const wchar_t* path, CScanGroup_imp& start) {
   size_t length = wcslen(path);
   ChildIndex* index = t_index;
@@ -349,6 +367,13 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
   };
   auto at = [](int line) { return line ? L" at line " + std::to_wstring(line) : std::wstring(); };
 
+  FileLines lines;
+  lines.path = &path;
+  lines.text = wide.data();
+  lines.length = wide.size();
+  lines.linesBefore = static_cast<size_t>(std::count(data, first, '\n'));
+  for (size_t at = wide.find(L'\n'); at != std::wstring::npos; at = wide.find(L'\n', at + 1)) lines.breaks.push_back(at);
+
   // parsed in place: the document points into wide, which outlives it
   pugi::xml_document document;
   pugi::xml_parse_result parsed = document.load_buffer_inplace(&wide[0], wide.size() * sizeof(wchar_t),
@@ -391,8 +416,13 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
   auto& tree = static_cast<CScanGroup_imp&>(root);
   ChildIndex index;
   ChildIndex* outer = t_index;  // a factory may load another file meanwhile
+  const FileLines* outerLines = t_lines;
   t_index = &index;
-  auto restore = broom::scope_exit([&] { t_index = outer; });
+  t_lines = &lines;
+  auto restore = broom::scope_exit([&] {
+    t_index = outer;
+    t_lines = outerLines;
+  });
   ForEachElement(top, [&](xml::NodePtr child) {
     switch (Classify(child.Name())) {
       case etGroup:
@@ -654,7 +684,16 @@ bool XmlReader::ReadCleaning(xml::NodePtr node, CScanGroup_imp& group) {
 bool XmlReader::ReadClean(xml::NodePtr node, CScanGroup_imp& group) {
   if (broom::CompareNoCase(node.Name(), L"Clean") == 0) {
     CRefPtr<IScanOperation> op = newCleanOperation(node.Text(), node);
-    if (op) CScanGroup_imp::AddScanOp(group, op);
+    if (!op) return true;
+    CScanGroup_imp::AddScanOp(group, op);
+    if (m_store && t_lines) {
+      SOperationSource source;
+      source.file = *t_lines->path;
+      source.line = t_lines->LineOf(node.Name());
+      source.kind = node.Raw().attribute(L"kind").value();
+      source.text = node.Text();
+      m_store->SetOperationSource(op.Get(), source);
+    }
     return true;
   }
   if (broom::CompareNoCase(node.Name(), L"Cleaning") == 0) {
@@ -712,20 +751,63 @@ CRefPtr<IScanOperation> XmlReader::newCleanOperation(const wchar_t* text, xml::N
   bool system = systemAttribute && wcscmp(systemAttribute.value(), L"1") == 0;
   static const CString kinds(kKindTable);
   int k = LookupNamedValue(kinds, kind);
+  if (k != okFile && k != okTrunc) return nullptr;
+  // An age the rule cannot be held to would make it broader than written:
+  // such a rule is skipped, with a note.
+  unsigned long days = 0;
+  bool byAccess = false;
+  if (!ReadAge(node, days, byAccess)) return nullptr;
   CStdFileScan* scan = nullptr;
   if (k == okFile)
     scan = new IUnknownNoQIImp<CStdFileScan>();
-  else if (k == okTrunc)
-    scan = new IUnknownNoQIImp<CStdFileScan_trunc>();
   else
-    return nullptr;
+    scan = new IUnknownNoQIImp<CStdFileScan_trunc>();
   CRefPtr<IScanOperation> op(scan);
   CPathString path(text);
   RemoveDuplicateValues(path, L'\\');
   scan->SetWhiteListTestBits(1);
   scan->AddPath(path);
   scan->SetSystem(system);
+  if (days) {
+    auto* age = new IUnknownNoQIImp<CBaseFileScan::_FilterRejectRecentFiles_Impl>();
+    CRefPtr<CBaseFileScan::IFilter> hold(age);
+    age->SetAge(days, byAccess);
+    scan->AddFilter(age);
+  }
   return op;
+}
+
+bool XmlReader::ReadAge(xml::NodePtr node, unsigned long& days, bool& byAccess) const {
+  days = 0;
+  byAccess = false;
+  pugi::xml_attribute olderThan = node.Raw().attribute(L"olderThan");
+  pugi::xml_attribute ageBy = node.Raw().attribute(L"ageBy");
+  int line = t_lines ? t_lines->LineOf(node.Name()) : 0;
+  auto skip = [&](const std::wstring& why) {
+    if (m_store && t_lines) m_store->AddLoadNote(*t_lines->path, line, CString((why + L"; that rule is skipped").c_str()));
+    return false;
+  };
+  if (olderThan) {
+    const wchar_t* text = olderThan.value();
+    unsigned long value = 0;
+    bool digits = *text != 0;
+    for (const wchar_t* c = text; *c && digits; ++c) {
+      digits = *c >= L'0' && *c <= L'9';
+      if (digits) value = value > kMaxAgeDays ? value : value * 10 + static_cast<unsigned long>(*c - L'0');
+    }
+    if (!digits || value == 0 || value > kMaxAgeDays)
+      return skip(L"olderThan=\"" + std::wstring(text) + L"\" is not a number of days from 1 to " +
+                  std::to_wstring(kMaxAgeDays) + (line ? L" (line " + std::to_wstring(line) + L")" : L""));
+    days = value;
+  }
+  if (ageBy) {
+    if (broom::CompareNoCase(ageBy.value(), L"accessed") == 0)
+      byAccess = true;
+    else if (broom::CompareNoCase(ageBy.value(), L"modified") != 0)
+      return skip(L"ageBy=\"" + std::wstring(ageBy.value()) + L"\" is neither \"modified\" nor \"accessed\"" +
+                  (line ? L" (line " + std::to_wstring(line) + L")" : L""));
+  }
+  return true;
 }
 
 void XmlReader::RemoveDuplicateValues(CPathString& path, wchar_t separator) {

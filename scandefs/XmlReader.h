@@ -39,6 +39,7 @@ class BROOM_API XmlReader {
   // level 1), is not read at all: the walks over a file and over the tree
   // stay shallow. Real files nest about 6 deep.
   static constexpr size_t kMaxElementDepth = 100;
+  static constexpr unsigned long kMaxAgeDays = 36500;
   static constexpr size_t kMaxGroupDepth = 100;
   // The most characters the %NAME% references of one file may insert; a
   // file whose references would insert more is not read.
@@ -77,6 +78,9 @@ class BROOM_API XmlReader {
   static bool ReadChecks(xml::NodePtr node, CScanGroup_imp& group);
   static bool ReadCheck(xml::NodePtr node, CScanGroup_imp& group);
   CRefPtr<IScanOperation> newCleanOperation(const wchar_t* text, xml::NodePtr node);
+  // The "olderThan" (days) and "ageBy" ("modified" or "accessed") of a clean
+  // element; false, with a note, when either cannot be used.
+  bool ReadAge(xml::NodePtr node, unsigned long& days, bool& byAccess) const;
 
   CRefPtr<CConfigStore> m_store;
 };

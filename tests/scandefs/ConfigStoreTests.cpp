@@ -291,4 +291,39 @@ TEST(XmlConfigSettings, GroupsAndDefaults) {
   EXPECT_EQ(static_cast<XmlConfigSettings*>(XmlConfigGroup(nullptr, L"x")), nullptr);
 }
 
+TEST_F(ConfigStore, OperationsKnowTheirRuleAndAnAgeTheyCannotKeepSkipsTheRule) {
+  Write(L"defs\\a.xml", "<ConfigItems>\n<group name=\"G\">\n<item name=\"I\">\n"
+                        "<clean kind=\"file\">C:\\\\A\\*.tmp</clean>\n"
+                        "<clean kind=\"trunc\" olderThan=\"30\" ageBy=\"Accessed\">C:\\B</clean>\n"
+                        "<clean kind=\"file\" olderThan=\"7\">C:\\C</clean>\n"
+                        "<clean kind=\"file\" olderThan=\"7d\">C:\\D</clean>\n"
+                        "<clean kind=\"file\" olderThan=\"0\">C:\\E</clean>\n"
+                        "<clean kind=\"file\" ageBy=\"created\">C:\\F</clean>\n"
+                        "</item></group></ConfigItems>");
+  ASSERT_TRUE(Load(L"defs"));
+  CScanGroup* item = Child(*Child(Root(), L"G"), L"I");
+  ASSERT_NE(item, nullptr);
+  // the three usable rules, each with its file, line, kind, text and age
+  std::vector<std::wstring> seen;
+  CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> it;
+  for (item->GetScanOps(it); !it->AtEnd(); it->Next()) {
+    IScanOperation* op = it->Current()->Get();
+    const SOperationSource* source = m_store->GetOperationSource(op);
+    ASSERT_NE(source, nullptr);
+    EXPECT_STREQ(source->file.GetString(), (m_dir / L"defs\\a.xml").c_str());
+    std::wstring age = L"-";
+    for (const auto& filter : dynamic_cast<CBaseFileScan*>(op)->GetFilters())
+      if (auto* recent = dynamic_cast<CBaseFileScan::_FilterRejectRecentFiles_Impl*>(filter.Get()))
+        age = std::to_wstring(recent->GetDays()) + (recent->ByLastAccess() ? L"a" : L"m");
+    seen.push_back(std::to_wstring(source->line) + L" " + source->kind.GetString() + L" " + source->text.GetString() +
+                   L" " + age);
+  }
+  EXPECT_EQ(seen, (Names{L"4 file C:\\\\A\\*.tmp -", L"5 trunc C:\\B 30a", L"6 file C:\\C 7m"}));
+  std::vector<std::wstring> notes;
+  for (const SLoadNote& note : m_store->GetLoadNotes()) notes.push_back(std::to_wstring(note.line) + L": " + note.reason.GetString());
+  EXPECT_EQ(notes, (Names{L"7: olderThan=\"7d\" is not a number of days from 1 to 36500 (line 7); that rule is skipped",
+                          L"8: olderThan=\"0\" is not a number of days from 1 to 36500 (line 8); that rule is skipped",
+                          L"9: ageBy=\"created\" is neither \"modified\" nor \"accessed\" (line 9); that rule is skipped"}));
+}
+
 }  // namespace
