@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <utility>
 #include <initializer_list>
 #include <map>
 #include <vector>
@@ -57,6 +58,10 @@ bool CConfigStore::Load(const wchar_t* folder, ILoadHook* hook, ILocalizeStrings
   bool loaded = false;
   const std::pair<const wchar_t*, bool> kinds[] = {
       {L"xml", false}, {L"dat", false}, {L"da0", true}, {L"dat0", true}, {L"dat2", true}};
+  // Each folder is listed once for the five searches of this load.
+  Listings listings;
+  Listings* outer = std::exchange(m_listings, &listings);
+  auto restore = broom::scope_exit([&] { m_listings = outer; });
   try {
     for (const auto& kind : kinds) loaded |= SearchFolder(folder, kind.first, kind.second ? hook : nullptr);
   } catch (...) {
@@ -81,33 +86,59 @@ bool HasExtension(const wchar_t* name, const std::wstring& suffix) {
 
 }  // namespace
 
+const std::vector<CConfigStore::SEntry>* CConfigStore::Listing(const wchar_t* base) {
+  std::wstring key(base);
+  if (m_listings) {
+    auto found = m_listings->find(key);
+    if (found != m_listings->end()) return found->second.listed ? &found->second.entries : nullptr;
+  }
+  SListing listing;
+  wchar_t pattern[520 + MAX_PATH];
+  wcscpy(pattern, base);
+  if (PathAppendW(pattern, L"*")) {
+    WIN32_FIND_DATAW data;
+    broom::unique_hfind find(FindFirstFileW(pattern, &data));
+    listing.listed = static_cast<bool>(find);
+    if (find) {
+      do {
+        if (wcscmp(data.cFileName, L".") == 0 || wcscmp(data.cFileName, L"..") == 0) continue;
+        listing.entries.push_back(SEntry{data.cFileName, (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
+      } while (FindNextFileW(find.get(), &data));
+    }
+  }
+  if (!m_listings) return nullptr;
+  SListing& kept = (*m_listings)[key] = std::move(listing);
+  return kept.listed ? &kept.entries : nullptr;
+}
+
 bool CConfigStore::SearchFolder(const wchar_t* folder, const wchar_t* extension, ILoadHook* hook) {
   std::wstring mask = extension[0] == L'.' ? std::wstring(L"*") + extension : std::wstring(L"*.") + extension;
   const std::wstring suffix = mask.substr(1);
   while (*folder == L'.' || *folder == L'\\') ++folder;
   wchar_t pattern[520 + MAX_PATH] = {};
   wcsncpy(pattern, folder, 519);
+  // the pattern as the search of one extension would list it, for its limits
   if (!PathAppendW(pattern, mask.c_str())) return false;
-  WIN32_FIND_DATAW data;
-  broom::unique_hfind find(FindFirstFileW(pattern, &data));
-  if (!find) return false;
   wchar_t base[520 + MAX_PATH];
   wcscpy(base, pattern);
   PathRemoveFileSpecW(base);
+  const std::vector<SEntry>* entries = Listing(base);
+  if (!entries) return false;
   bool loaded = false;
-  do {
-    if (wcscmp(data.cFileName, L".") == 0 || wcscmp(data.cFileName, L"..") == 0) continue;
-    if (!HasExtension(data.cFileName, suffix)) continue;
+  // by index: a nested search may add listings, never change this one
+  for (size_t i = 0; i < entries->size(); ++i) {
+    const SEntry& entry = (*entries)[i];
+    if (!HasExtension(entry.name.c_str(), suffix)) continue;
     wchar_t path[520 + MAX_PATH];
     wcscpy(path, base);
     // A join past 260 characters fails and empties the buffer, which would
     // then name the current directory: such an entry is skipped.
-    if (!PathAppendW(path, data.cFileName) || !path[0]) continue;
-    if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+    if (!PathAppendW(path, entry.name.c_str()) || !path[0]) continue;
+    if (entry.folder)
       loaded |= SearchFolder(path, extension, hook);
     else
       loaded |= LoadFile(path, hook);
-  } while (FindNextFileW(find.get(), &data));
+  }
   return loaded;
 }
 
@@ -234,13 +265,38 @@ CString CConfigStore::Localize(const CString& text) const {
   return CString(out.c_str(), static_cast<int>(out.size()));
 }
 
-const SOperationSource* CConfigStore::GetOperationSource(const IScanOperation* op) const {
-  auto found = m_sources.find(op);
-  return found == m_sources.end() ? nullptr : &found->second;
+bool CConfigStore::GetOperationSource(const IScanOperation* op, SOperationSource& out) const {
+  auto before = [](const SSourceRecord& a, const SSourceRecord& b) { return a.op < b.op; };
+  if (!m_sourcesSorted) {
+    std::stable_sort(m_sources.begin(), m_sources.end(), before);
+    m_sourcesSorted = true;
+  }
+  SSourceRecord key{op, 0, 0, 0, 0, 0, 0};
+  auto last = std::upper_bound(m_sources.begin(), m_sources.end(), key, before);
+  if (last == m_sources.begin() || (last - 1)->op != op) return false;
+  const SSourceRecord& r = *(last - 1);
+  out.file = m_sourceFiles[r.file];
+  out.line = r.line;
+  out.kind = CString(m_sourceText.data() + r.kind, static_cast<int>(r.kindLength));
+  out.text = CString(m_sourceText.data() + r.text, static_cast<int>(r.textLength));
+  return true;
 }
 
-void CConfigStore::SetOperationSource(const IScanOperation* op, const SOperationSource& source) {
-  if (op) m_sources[op] = source;
+void CConfigStore::SetOperationSource(const IScanOperation* op, const wchar_t* file, int line, const wchar_t* kind,
+                                      const wchar_t* text) {
+  if (!op) return;
+  file = file ? file : L"";
+  // notes come file by file: the last file is the one to reuse
+  if (m_sourceFiles.empty() || m_sourceFiles.back().Compare(file) != 0) m_sourceFiles.emplace_back(file);
+  SSourceRecord record{op, m_sourceFiles.size() - 1, line, 0, 0, 0, 0};
+  record.kind = m_sourceText.size();
+  record.kindLength = kind ? wcslen(kind) : 0;
+  m_sourceText.append(kind ? kind : L"", record.kindLength);
+  record.text = m_sourceText.size();
+  record.textLength = text ? wcslen(text) : 0;
+  m_sourceText.append(text ? text : L"", record.textLength);
+  if (!m_sources.empty() && m_sources.back().op > op) m_sourcesSorted = false;
+  m_sources.push_back(record);
 }
 
 // ---- settings ----

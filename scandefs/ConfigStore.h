@@ -92,9 +92,11 @@ class BROOM_API CConfigStore : public IConfig {
   // through the localizer (during a load), "$$" to "$".
   CString ExpandText(const CString& text) const;
 
-  // The source of an operation of this store's tree; null when unknown.
-  const SOperationSource* GetOperationSource(const IScanOperation* op) const;
-  void SetOperationSource(const IScanOperation* op, const SOperationSource& source);
+  // The source of an operation of this store's tree; false when unknown.
+  bool GetOperationSource(const IScanOperation* op, SOperationSource& out) const;
+  // Notes where op came from; a later note for the same op wins.
+  void SetOperationSource(const IScanOperation* op, const wchar_t* file, int line, const wchar_t* kind,
+                          const wchar_t* text);
 
   // What the loads skipped, oldest first, kept until taken.
   const std::vector<SLoadNote>& GetLoadNotes() const { return m_notes; }
@@ -103,6 +105,12 @@ class BROOM_API CConfigStore : public IConfig {
 
  protected:
   bool SearchFolder(const wchar_t* folder, const wchar_t* extension, ILoadHook* hook);
+  // What a folder holds, listed once per load (null when it cannot be listed).
+  struct SEntry {
+    std::wstring name;
+    bool folder;
+  };
+  const std::vector<SEntry>* Listing(const wchar_t* folder);
   bool LoadFile(const wchar_t* path, ILoadHook* hook);
   void FinishLoad();
   void ExpandTree(CScanGroup_imp& group);
@@ -113,8 +121,25 @@ class BROOM_API CConfigStore : public IConfig {
   CScanGroup_imp m_root;
   ILocalizeStrings* m_localizer = nullptr;
   std::vector<SLoadNote> m_notes;
-  // keyed by the operations the tree holds, which live as long as the store
-  std::map<const IScanOperation*, SOperationSource> m_sources;
+  struct SListing {
+    bool listed = false;
+    std::vector<SEntry> entries;
+  };
+  using Listings = std::map<std::wstring, SListing>;
+  Listings* m_listings = nullptr;  // the listings of the load under way
+  // Sources of the operations the tree holds (they live as long as the
+  // store), appended while files are read and sorted on the first look-up;
+  // their texts share one buffer, so noting one costs no allocation of its own.
+  struct SSourceRecord {
+    const IScanOperation* op;
+    size_t file;  // index into m_sourceFiles
+    int line;
+    size_t kind, kindLength, text, textLength;  // into m_sourceText
+  };
+  mutable std::vector<SSourceRecord> m_sources;
+  mutable bool m_sourcesSorted = true;
+  std::wstring m_sourceText;
+  std::vector<CString> m_sourceFiles;
 };
 
 // Settings with a current group path; values are not stored anywhere.

@@ -686,14 +686,9 @@ bool XmlReader::ReadClean(xml::NodePtr node, CScanGroup_imp& group) {
     CRefPtr<IScanOperation> op = newCleanOperation(node.Text(), node);
     if (!op) return true;
     CScanGroup_imp::AddScanOp(group, op);
-    if (m_store && t_lines) {
-      SOperationSource source;
-      source.file = *t_lines->path;
-      source.line = t_lines->LineOf(node.Name());
-      source.kind = node.Raw().attribute(L"kind").value();
-      source.text = node.Text();
-      m_store->SetOperationSource(op.Get(), source);
-    }
+    if (m_store && t_lines)
+      m_store->SetOperationSource(op.Get(), t_lines->path->GetString(), t_lines->LineOf(node.Name()),
+                                  node.Raw().attribute(L"kind").value(), node.Text());
     return true;
   }
   if (broom::CompareNoCase(node.Name(), L"Cleaning") == 0) {

@@ -308,8 +308,9 @@ TEST_F(ConfigStore, OperationsKnowTheirRuleAndAnAgeTheyCannotKeepSkipsTheRule) {
   CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> it;
   for (item->GetScanOps(it); !it->AtEnd(); it->Next()) {
     IScanOperation* op = it->Current()->Get();
-    const SOperationSource* source = m_store->GetOperationSource(op);
-    ASSERT_NE(source, nullptr);
+    SOperationSource found;
+    ASSERT_TRUE(m_store->GetOperationSource(op, found));
+    const SOperationSource* source = &found;
     EXPECT_STREQ(source->file.GetString(), (m_dir / L"defs\\a.xml").c_str());
     std::wstring age = L"-";
     for (const auto& filter : dynamic_cast<CBaseFileScan*>(op)->GetFilters())
