@@ -17,29 +17,39 @@ bool IsListed(CSession& session, const std::wstring& path) {
   return false;
 }
 
+// The full form of the path argument; no file name holds a control character.
+std::wstring PathArgument(const SOptions& options) {
+  std::wstring given = Wide(options.path);
+  for (wchar_t c : given)
+    if (c < 0x20)
+      throw CHostError{exitUsage, L"the path " + Quoted(given) +
+                                      L" holds a control character, which no file name can hold; check the argument"};
+  return FullPath(given);
+}
+
 }  // namespace
 
 int CmdProtect(CSession& session, const SOptions& options) {
+  std::wstring path = PathArgument(options);
   session.LoadWhiteList();
-  std::wstring path = FullPath(Wide(options.path));
   if (IsListed(session, path)) {
-    CConsole::Out(L"'" + path + L"' is already protected.\n");
+    CConsole::Out(Quoted(path) + L" is already protected.\n");
     return exitOk;
   }
   session.WhiteList().SafeGuardPath(path.c_str(), 0x1);
   session.SaveWhiteList();
-  CConsole::Out(L"Protected '" + path + L"': scans and cleans leave it and everything below it alone.\n");
+  CConsole::Out(L"Protected " + Quoted(path) + L": scans and cleans leave it and everything below it alone.\n");
   return exitOk;
 }
 
 int CmdUnprotect(CSession& session, const SOptions& options) {
+  std::wstring path = PathArgument(options);
   session.LoadWhiteList();
-  std::wstring path = FullPath(Wide(options.path));
   if (!IsListed(session, path))
-    throw CHostError{exitUsage, L"'" + path + L"' is not on the protected list; run 'broom protected' to see it"};
+    throw CHostError{exitUsage, Quoted(path) + L" is not on the protected list; run 'broom protected' to see it"};
   session.WhiteList().RemovePath(path.c_str(), 0x1);
   session.SaveWhiteList();
-  std::wstring out = L"'" + path + L"' is no longer protected.\n";
+  std::wstring out = Quoted(path) + L" is no longer protected.\n";
   if (session.WhiteList().CheckProtection(path.c_str()) & 0x1)
     out += L"It stays protected through a protected folder above it.\n";
   CConsole::Out(out);

@@ -439,6 +439,66 @@ TEST_F(BroomExe, RestoreKeepsWhatWouldOverwriteAFile) {
   EXPECT_EQ(Bytes(100, 5), ReadFile(a));
 }
 
+TEST_F(BroomExe, WhiteListsThatWouldNotLoadWholeStopEveryCommandAndStayAsTheyWere) {
+  const std::wstring file = AppData() + L"\\Broom\\whitelist.txt";
+  const std::wstring kept = WriteFile(Tree(L"junk\\keep\\k.bin"), 5), loose = WriteFile(Tree(L"junk\\x.bin"), 6);
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  std::string keep = Narrow(Tree(L"junk\\keep"));
+  for (char& ch : keep) ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+  struct Case {
+    std::string bytes;
+    const char* says;
+  };
+  const std::vector<Case> cases = {
+      {"D:\\A\r\nC:\\" + std::string(300, 'L') + "\r\n" + keep + "\r\n", "line 2 'C:\\LLL"},
+      {"D:\\A\r\n\x1A" + keep + "\r\n", "line 2 holds a Ctrl+Z"},
+      {"D:\\A" + std::string(1, '\0') + "B\r\n" + keep, "line 1 'D:\\A<U+0000>B' holds a NUL"},
+      {"D:\\A\r\n\r\n" + keep, "line 2 is empty"},
+      {"D:\\A\rD:\\B\r\n" + keep, "line 1 'D:\\A<U+000D>D:\\B' holds a carriage return"},
+      {keep + "\r\nD:\\A\\\\\r\n", "line 2 'D:\\A\\\\' ends in two backslashes"},
+      {"\xEF\xBB\xBF" + keep, "line 1 starts with a UTF-8 byte-order mark"},
+  };
+  const std::vector<std::vector<std::wstring>> commands = {
+      {L"protect", m_root / L"new"}, {L"clean", L"--yes"}, {L"unprotect", Tree(L"junk\\keep")}, {L"protected"},
+      {L"scan"}};
+  for (size_t i = 0; i < cases.size(); ++i) {
+    WriteFile(file, cases[i].bytes);
+    // every case runs protect and clean, and one of the others in turn
+    for (size_t c : {size_t{0}, size_t{1}, 2 + i % 3}) {
+      RunResult r = Run(commands[c]);
+      EXPECT_EQ(2u, r.code) << cases[i].says << ": " << Narrow(commands[c][0]) << "\n" << r.err;
+      EXPECT_EQ(1, CountLines(r.err)) << r.err;
+      EXPECT_NE(std::string::npos, r.err.find("whitelist.txt' cannot be read whole: " + std::string(cases[i].says)))
+          << r.err;
+      EXPECT_EQ(cases[i].bytes, ReadFile(file));
+    }
+    EXPECT_TRUE(Exists(kept) && Exists(loose)) << cases[i].says;
+  }
+}
+
+TEST_F(BroomExe, AnEntryTheWhiteListCannotHoldIsNamedAndNothingIsWritten) {
+  const std::wstring file = AppData() + L"\\Broom\\whitelist.txt";
+  // y with diaeresis upper-cases to U+0178, which one byte cannot hold
+  const std::string bytes = "C:\\KEEP\r\nC:\\\xFF\r\n";
+  WriteFile(file, bytes);
+  RunResult p = RunBare({L"protect", m_root / L"plain"});
+  EXPECT_EQ(2u, p.code);
+  EXPECT_NE(std::string::npos, p.err.find("cannot be saved: line 2 is stored as 'C:\\\xC5\xB8', which holds the "
+                                          "character U+0178")) << p.err;
+  EXPECT_EQ(bytes, ReadFile(file));
+  EXPECT_EQ("C:\\KEEP\nC:\\\xC5\xB8\n", RunBare({L"protected"}).out);  // it loads, and protects, whole
+
+  RunResult u = RunBare({L"unprotect", L"c:\\\u00ff"});
+  EXPECT_EQ(0u, u.code) << u.err;
+  EXPECT_EQ("C:\\KEEP\r\n", ReadFile(file));
+
+  RunResult cr = RunBare({L"protect", L"C:\\a\rb"});
+  EXPECT_EQ(2u, cr.code);
+  EXPECT_EQ("broom: the path 'C:\\a<U+000D>b' holds a control character, which no file name can hold; check the "
+            "argument\n", cr.err);
+  EXPECT_EQ("C:\\KEEP\r\n", ReadFile(file));
+}
+
 // ---- usage errors ----
 
 TEST_F(BroomExe, UnusableArgumentsAndDefinitionsExitTwoWithOneLine) {
