@@ -153,13 +153,17 @@ int CmdClean(CSession& session, const SOptions& options) {
       if (draw)
         CConsole::Progress((quarantine ? L"Moving " : L"Cleaning ") + FormatCount(index) + L"/" + FormatCount(total) +
                            L"  " + hit.path);
-      DWORD result = quarantine ? quarantine->Add(hit) : hit.item->Clean(nullptr, nullptr);
+      std::wstring refused = quarantine ? quarantine->CannotHold(hit.path) : std::wstring();
+      DWORD result = !refused.empty() ? kMoveException
+                     : quarantine     ? quarantine->Add(hit)
+                                      : hit.item->Clean(nullptr, nullptr);
       if (result == kCleanDone || result == kCleanAlternateRemoved) {
         ++done;
         freed += hit.size;
       } else {
         ++failed;
-        CConsole::Err(L"broom: failed: " + hit.path + L": " + ExplainResult(result) + L"\n");
+        CConsole::Err(L"broom: failed: " + Printable(hit.path) + L": " +
+                      (refused.empty() ? ExplainResult(result) : refused) + L"\n");
       }
     }
   }
