@@ -16,6 +16,16 @@ std::string Utf8(const std::wstring& text);
 std::string Utf8(const CString& text);
 std::wstring Wide(const std::string& utf8);
 
+// The text with every control character (C0, DEL, C1, the line and
+// paragraph separators) written as <U+000D>, so that a value echoed in a
+// message cannot break or rewrite its line.
+std::wstring Printable(const std::wstring& text);
+// A value for a message: quoted, printable, and cut to about max characters.
+std::wstring Quoted(const std::wstring& text, size_t max = 260);
+
+// What a Win32 error code means, with its number: "Access is denied (error 5)".
+std::wstring SystemMessage(DWORD error);
+
 // "1.5 MB", "512 bytes", ... (binary units, one decimal).
 std::wstring FormatSize(unsigned __int64 bytes);
 // 1234567 -> "1,234,567".

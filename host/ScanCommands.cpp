@@ -153,7 +153,7 @@ int CmdClean(CSession& session, const SOptions& options) {
       freed += hit.size;
     } else {
       ++failed;
-      CConsole::Err(L"broom: failed: " + hit.path + L": " + ExplainResult(result) + L"\n");
+      CConsole::Err(L"broom: failed: " + Printable(hit.path) + L": " + ExplainResult(result) + L"\n");
     }
   };
   // Deletions go in runs (one trip to the engine's STA thread each);
@@ -177,7 +177,13 @@ int CmdClean(CSession& session, const SOptions& options) {
         CConsole::Progress((quarantine ? L"Moving " : L"Cleaning ") + FormatCount(index) + L"/" + FormatCount(total) +
                            L"  " + hit.path);
       if (quarantine) {
-        account(hit, quarantine->Add(hit));
+        std::wstring refused = quarantine->CannotHold(hit.path);
+        if (!refused.empty()) {
+          ++failed;
+          CConsole::Err(L"broom: failed: " + Printable(hit.path) + L": " + refused + L"\n");
+        } else {
+          account(hit, quarantine->Add(hit));
+        }
         continue;
       }
       run.push_back(&hit);

@@ -13,6 +13,7 @@
 #include "log/ScanLogThread.h"
 #include "registry/CleanableRegistry.h"
 #include "host/Console.h"
+#include "host/WhiteListFile.h"
 #include "registry/RegistryScanFactory.h"
 #include "scan/OperationNotify.h"
 #include "scan/ScanOperation.h"
@@ -367,18 +368,86 @@ void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
 std::wstring CSession::WhiteListFile() const { return m_userData + L"\\whitelist.txt"; }
 
 void CSession::LoadWhiteList() {
+  const std::wstring file = WhiteListFile();
+  std::string bytes;
+  DWORD error = ERROR_SUCCESS;
+  {
+    broom::unique_hfile handle(CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                           OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!handle) {
+      error = GetLastError();
+      if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return;  // nothing protected yet
+    } else {
+      std::vector<char> chunk(65536);
+      for (DWORD got = 0;; bytes.append(chunk.data(), got)) {
+        if (!::ReadFile(handle.get(), chunk.data(), static_cast<DWORD>(chunk.size()), &got, nullptr)) {
+          error = GetLastError();
+          break;
+        }
+        if (got == 0) break;
+      }
+    }
+  }
+  if (error != ERROR_SUCCESS)
+    throw CHostError{exitUsage, L"the protected-path list " + Quoted(file) + L" cannot be read (" +
+                                    SystemMessage(error) +
+                                    L"); nothing was changed: close the program that holds it or check its permissions, "
+                                    L"then run the command again"};
+  std::vector<std::wstring> lines;
+  SWhiteListFault fault;
+  if (!SplitWhiteList(bytes, lines, fault))
+    throw CHostError{exitUsage, L"the protected-path list " + Quoted(file) + L" cannot be read whole: " + fault.what +
+                                    L"; nothing was changed: " + fault.fix + L" in that file, then run the command again"};
+
+  // The lines that were checked are the ones loaded, so the file cannot
+  // change in between.
+  std::vector<CString> paths;
+  paths.reserve(lines.size());
+  m_unstorable.clear();
+  for (size_t i = 0; i < lines.size(); ++i) {
+    paths.emplace_back(lines[i].c_str());
+    std::wstring stored = StoredForm(lines[i]);
+    if (!WhyNotStorable(stored).empty()) m_unstorable.push_back(SUnstorableLine{stored, static_cast<int>(i + 1)});
+  }
   try {
-    m_whiteList.LoadFromFile(WhiteListFile().c_str());
+    m_whiteList.LoadFromArray(paths);
   } catch (...) {
-    throw CHostError{exitUsage, L"the protected-path list '" + WhiteListFile() + L"' is damaged (" + ExceptionText() +
-                                    L"); fix or delete that file"};
+    throw CHostError{exitUsage, L"the protected-path list " + Quoted(file) + L" cannot be loaded (" + ExceptionText() +
+                                    L"); nothing was changed: correct or delete the file"};
   }
 }
 
 void CSession::SaveWhiteList() {
-  if (!m_whiteList.SaveToFile(WhiteListFile().c_str(), 0x1))
-    throw CHostError{exitUsage, L"the protected-path list cannot be saved: its file holds Latin-1 text only, so a "
-                                L"path with other characters cannot be protected; protect a parent folder instead"};
+  const std::wstring file = WhiteListFile();
+  CRefPtr<IConstTArray<CString>> listed = m_whiteList.SaveToArray(0x1);
+  for (const CString& entry : listed->GetArray()) {
+    std::wstring path(entry.GetString(), static_cast<size_t>(entry.GetLength()));
+    std::wstring why = WhyNotStorable(path);
+    if (why.empty()) continue;
+    for (const SUnstorableLine& u : m_unstorable)
+      if (u.stored == path)
+        throw CHostError{exitUsage, L"the protected-path list " + Quoted(file) + L" cannot be saved: line " +
+                                        std::to_wstring(u.line) + L" is stored as " + Quoted(path) + L", which " + why +
+                                        L"; nothing was changed: replace that line with a parent folder or delete it, "
+                                        L"then run the command again"};
+    throw CHostError{exitUsage, Quoted(path) + L" cannot be protected: its stored (upper-case) form " + why +
+                                    L"; nothing was changed: protect a parent folder instead"};
+  }
+  // Written beside the file and moved over it in one step: a failure half-way
+  // leaves the old list as it was.
+  const std::wstring temp = file + L".tmp";
+  if (!m_whiteList.SaveToFile(temp.c_str(), 0x1)) {
+    DeleteFileW(temp.c_str());
+    throw CHostError{exitUsage, L"the protected-path list cannot be written to " + Quoted(temp) +
+                                    L"; nothing was changed: check that its folder is writable and has space"};
+  }
+  if (!MoveFileExW(temp.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+    DWORD error = GetLastError();
+    DeleteFileW(temp.c_str());
+    throw CHostError{exitUsage, L"the protected-path list " + Quoted(file) + L" cannot be replaced (" +
+                                    SystemMessage(error) +
+                                    L"); nothing was changed: check that it is not read-only or held open by a program"};
+  }
 }
 
 std::vector<SItem> CSession::AllItems() const {

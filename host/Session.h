@@ -92,8 +92,14 @@ class CSession {
   IConfig* Config() const { return m_config; }
 
   std::wstring WhiteListFile() const;
+  // Loads the whitelist whole or not at all: a file that the engine's
+  // loader would take only in part, or that cannot be read, throws
+  // CHostError(exitUsage) naming the line and what to do.
   void LoadWhiteList();
-  void SaveWhiteList();  // throws CHostError when the file cannot be written
+  // Replaces the file in one step. Throws CHostError, and writes nothing,
+  // when an entry cannot be stored (named, with its line when it came from
+  // the file) or the file cannot be written.
+  void SaveWhiteList();
   CWhiteListTree& WhiteList() { return m_whiteList; }
 
   // Items below the top-level groups, in the store's order.
@@ -117,6 +123,11 @@ class CSession {
   CRefPtr<IConfig> m_config;
   CRefPtr<ILogWriter> m_scanLog;
   CWhiteListTree m_whiteList;
+  struct SUnstorableLine {
+    std::wstring stored;
+    int line;
+  };
+  std::vector<SUnstorableLine> m_unstorable;  // loaded lines whose stored form the file cannot hold
   std::wstring m_userData;
   bool m_started = false;
 };

@@ -18,43 +18,49 @@ bool IsListed(CSession& session, const std::wstring& path) {
   return false;
 }
 
-// A registry path (it starts with a hive name) in the form the registry
-// scans look for, HKCU\Software\Vendor, a value as one more component;
-// anything else as a full file path.
-std::wstring ProtectedPath(const std::wstring& text) {
-  if (!CRegistryPath::StartsWithHive(text.c_str())) return FullPath(text);
+// The argument as the whitelist stores it: a registry path (it starts with
+// a hive name) in the form the registry scans look for, HKCU\Software\Vendor,
+// a value as one more component; anything else as a full file path. No
+// file or key name holds a control character.
+std::wstring PathArgument(const SOptions& options) {
+  std::wstring given = Wide(options.path);
+  for (wchar_t c : given)
+    if (c < 0x20)
+      throw CHostError{exitUsage, L"the path " + Quoted(given) +
+                                      L" holds a control character, which no file name can hold; check the argument"};
+  if (!CRegistryPath::StartsWithHive(given.c_str())) return FullPath(given);
   CRegistryPath path;
-  path.Parse(text);
+  path.Parse(given);
   std::wstring normal = path.WhiteListText();
   if (normal.size() > MAX_PATH)
     throw CHostError{exitUsage,
-                     L"the registry path '" + text + L"' is longer than 260 characters; protect a key above it"};
+                     L"the registry path " + Quoted(given) + L" is longer than 260 characters; protect a key above it"};
   return normal;
 }
 
 }  // namespace
 
 int CmdProtect(CSession& session, const SOptions& options) {
+  std::wstring path = PathArgument(options);
   session.LoadWhiteList();
-  std::wstring path = ProtectedPath(Wide(options.path));
   if (IsListed(session, path)) {
-    CConsole::Out(L"'" + path + L"' is already protected.\n");
+    CConsole::Out(Quoted(path) + L" is already protected.\n");
     return exitOk;
   }
   session.WhiteList().SafeGuardPath(path.c_str(), 0x1);
   session.SaveWhiteList();
-  CConsole::Out(L"Protected '" + path + L"': scans and cleans leave it and everything below it alone.\n");
+  CConsole::Out(L"Protected " + Quoted(path) + L": scans and cleans leave it and everything below it alone.\n");
   return exitOk;
 }
 
 int CmdUnprotect(CSession& session, const SOptions& options) {
+  std::wstring path = PathArgument(options);
   session.LoadWhiteList();
-  std::wstring path = ProtectedPath(Wide(options.path));
   if (!IsListed(session, path))
-    throw CHostError{exitUsage, L"'" + path + L"' is not on the protected list; run 'broom protected' to see it"};
+    throw CHostError{exitUsage, Quoted(path) + L" is not on the protected list; run 'broom protected' to see it"};
   session.WhiteList().RemovePath(path.c_str(), 0x1);
   session.SaveWhiteList();
-  std::wstring out = L"'" + path + L"' is no longer protected.\n";
+  std::wstring out = Quoted(path) + L" is no longer protected.\n";
   if (session.WhiteList().CheckProtection(path.c_str()) & 0x1)
     out += L"It stays protected through a protected folder above it.\n";
   CConsole::Out(out);

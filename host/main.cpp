@@ -83,7 +83,7 @@ int Run(int argc, wchar_t** argv) {
     // A first word that is neither an option nor a command reads better as such.
     if (!first.empty() && first[0] != '-' && !IsCommand(app, first)) what = "unknown command '" + first + "'";
     std::replace(what.begin(), what.end(), '\n', ' ');
-    CConsole::Err(L"broom: " + Wide(what) + L"; run 'broom --help' for usage\n");
+    CConsole::Err(L"broom: " + Printable(Wide(what)) + L"; run 'broom --help' for usage\n");
     return exitUsage;
   }
 
@@ -112,10 +112,12 @@ int wmain(int argc, wchar_t** argv) {
     try {
       code = Run(argc, argv);
     } catch (const CHostError& e) {
-      CConsole::Err(L"broom: " + e.message + L"\n");
+      // Messages quote arguments and file contents: control characters in
+      // them are shown, never written.
+      CConsole::Err(L"broom: " + Printable(e.message) + L"\n");
       code = e.code;
     } catch (const std::exception& e) {
-      CConsole::Err(L"broom: " + Wide(e.what()) + L"\n");
+      CConsole::Err(L"broom: " + Printable(Wide(e.what())) + L"\n");
       code = exitUsage;
     }
     if (CXmlConfigGlobal::IsRunning()) CXmlConfigGlobal::Shutdown();

@@ -1,5 +1,6 @@
 #include "whitelist/WhiteListTree.h"
 
+#include <algorithm>
 #include <cwchar>
 #include <string>
 
@@ -80,11 +81,11 @@ CWhiteListTree::~CWhiteListTree() = default;
 
 namespace {
 
-// Siblings are kept sorted by name: the first one whose name is not below
-// `name` (the ring's sentinel when there is none), and whether it is equal.
+// Siblings are kept sorted by name: the first one from `cur` on whose name
+// is not below `name` (the ring's sentinel when there is none), and whether
+// it is equal.
 template <class Node>
-Node* SeekSibling(Node* sentinel, const CString& name, bool& found) {
-  Node* cur = sentinel->next;
+Node* SeekSibling(Node* cur, const CString& name, bool& found) {
   found = false;
   while (cur->item) {
     int order = cur->item->name.Compare(name);
@@ -99,11 +100,7 @@ Node* SeekSibling(Node* sentinel, const CString& name, bool& found) {
 
 }  // namespace
 
-bool CWhiteListTree::FindNode(Iterator& it, const CString& name, bool create) {
-  bool found;
-  SWhiteListTreeNode* cur = SeekSibling(it.node()->link, name, found);
-  it = Iterator(cur);
-  if (found || !create) return found;
+SWhiteListTreeNode* CWhiteListTree::InsertChild(SWhiteListTreeNode* before, const CString& name) {
   auto* item = new SWhiteListItem{name, 0};
   SWhiteListTreeNode* node;
   try {
@@ -112,14 +109,22 @@ bool CWhiteListTree::FindNode(Iterator& it, const CString& name, bool create) {
     delete item;
     throw;
   }
-  InsertBefore(cur, node);
-  it = Iterator(node);
+  InsertBefore(before, node);
+  return node;
+}
+
+bool CWhiteListTree::FindNode(Iterator& it, const CString& name, bool create) {
+  bool found;
+  SWhiteListTreeNode* cur = SeekSibling(it.node()->link->next, name, found);
+  it = Iterator(cur);
+  if (found || !create) return found;
+  it = Iterator(InsertChild(cur, name));
   return false;
 }
 
 bool CWhiteListTree::FindNode(ConstIterator& it, const CString& name) {
   bool found;
-  it = ConstIterator(SeekSibling(it.node()->link, name, found));
+  it = ConstIterator(SeekSibling(it.node()->link->next, name, found));
   return found;
 }
 
@@ -167,6 +172,48 @@ void CWhiteListTree::SafeGuardPath(const wchar_t* path, unsigned long flags) {
   CParsedString parsed(path);
   TreeLock lock(m_lock, true);
   SafeGuardSubPath(parsed, flags);
+}
+
+void CWhiteListTree::SafeGuardBatch(std::vector<CParsedString>& paths, unsigned long flags) {
+  auto begin = [](const CParsedString* p) { return p->m_components.begin() + p->m_current; };
+  auto end = [](const CParsedString* p) { return p->m_components.begin() + (p->m_last + 1); };
+  auto less = [&](const CParsedString* a, const CParsedString* b) {
+    return std::lexicographical_compare(begin(a), end(a), begin(b), end(b),
+                                        [](const CString& x, const CString& y) { return x.Compare(y) < 0; });
+  };
+  // Sorted, the paths below one node come together and the names each
+  // sibling list is searched for ascend; a saved file is sorted already.
+  std::vector<CParsedString*> order;
+  order.reserve(paths.size());
+  for (CParsedString& path : paths)
+    if (path.m_current <= path.m_last) order.push_back(&path);
+  if (!std::is_sorted(order.begin(), order.end(), less)) std::sort(order.begin(), order.end(), less);
+
+  std::vector<SWhiteListTreeNode*> trail;  // the previous path's nodes, from the top level down
+  std::vector<CString>::const_iterator previous;
+  for (CParsedString* path : order) {
+    const size_t depth = static_cast<size_t>(path->m_last - path->m_current + 1);
+    const auto components = begin(path);
+    size_t same = 0;
+    while (same < depth && same < trail.size() && previous[same] == components[same]) ++same;
+    EventLock lock(m_hLock.get());
+    for (size_t d = same; d < depth; ++d) {
+      const CString& name = components[d];
+      SWhiteListTreeNode* owner = d == 0 ? this : trail[d - 1];
+      // Below the same parent the previous path's name is the smaller one,
+      // so the search goes on after it.
+      SWhiteListTreeNode* start = d == same && d < trail.size() ? trail[d]->next : owner->link->next;
+      bool found;
+      SWhiteListTreeNode* node = SeekSibling(start, name, found);
+      if (!found) node = InsertChild(node, name);
+      trail.resize(d);
+      trail.push_back(node);
+    }
+    trail.resize(depth);
+    trail.back()->item->flags |= flags;
+    path->m_current = path->m_last + 1;
+    previous = components;
+  }
 }
 
 unsigned long CWhiteListTree::CheckProtection(const wchar_t* path) const {
@@ -247,16 +294,31 @@ unsigned long CWhiteListTree::Folder::TestItem(const wchar_t* name) const {
 
 template <class F>
 void CWhiteListTree::Walk(F f) const {
+  std::vector<const SWhiteListTreeNode*> chain;
+  std::vector<size_t> ends;  // the length of the path at each depth
+  std::wstring path;
   const SWhiteListTreeNode* cur = this->next;
+  size_t depth = 0;
   while (cur != this) {
-    f(cur);
+    path.resize(depth == 0 ? 0 : ends[depth - 1]);
+    if (depth > 0) path += L'\\';
+    path.append(cur->item->name.GetString(), static_cast<size_t>(cur->item->name.GetLength()));
+    ends.resize(depth);
+    ends.push_back(path.size());
+    chain.resize(depth);
+    chain.push_back(cur);
+    f(cur, path, chain);
     // first child, else the next sibling of the nearest ancestor that has one
     cur = cur->link->next;
-    while (IsSentinel(cur) && cur != this) cur = cur->link->next;
+    ++depth;
+    while (IsSentinel(cur) && cur != this) {
+      cur = cur->link->next;
+      --depth;
+    }
   }
 }
 
-bool CWhiteListTree::LoadsBackAs(const CString& line, ConstIterator node) {
+bool CWhiteListTree::LoadsBackAs(const CString& line, const std::vector<const SWhiteListTreeNode*>& chain) {
   // Only what the loader can read back exactly: one byte per character, no
   // line breaks or end-of-text mark inside, and no more than a line holds.
   if (line.GetLength() > kMaxLineLength) return false;
@@ -269,12 +331,10 @@ bool CWhiteListTree::LoadsBackAs(const CString& line, ConstIterator node) {
   // the line would protect the parent instead).
   try {
     CParsedString parsed(line);
-    const SWhiteListTreeNode* cur = node.node();
-    for (int i = parsed.m_last; i >= 0; --i) {
-      if (IsSentinel(cur) || cur->item->name != parsed.m_components[i]) return false;
-      cur = ParentOf(cur);
-    }
-    return IsSentinel(cur);
+    if (static_cast<size_t>(parsed.m_last + 1) != chain.size()) return false;
+    for (size_t i = 0; i < chain.size(); ++i)
+      if (chain[i]->item->name != parsed.m_components[i]) return false;
+    return true;
   } catch (const Exception&) {
     return false;
   }
@@ -283,10 +343,11 @@ bool CWhiteListTree::LoadsBackAs(const CString& line, ConstIterator node) {
 bool CWhiteListTree::SaveToFile(const wchar_t* path, unsigned long mask) const {
   std::string bytes;
   bool representable = true;
-  Walk([&](const SWhiteListTreeNode* node) {
+  Walk([&](const SWhiteListTreeNode* node, const std::wstring& listed,
+           const std::vector<const SWhiteListTreeNode*>& chain) {
     if (!representable || (node->item->flags & mask) != mask) return;
-    CString line = PathFromIterator(ConstIterator(node));
-    if (!LoadsBackAs(line, ConstIterator(node))) {
+    CString line(listed.c_str());
+    if (!LoadsBackAs(line, chain)) {
       representable = false;
       return;
     }
@@ -318,6 +379,9 @@ void CWhiteListTree::LoadFromFile(const wchar_t* path) {
   // added cut and ends the loading.
   size_t end = bytes.find('\x1A');
   if (end == std::string::npos) end = bytes.size();
+  // Paths are collected and added as one batch; one the splitter rejects
+  // still leaves the paths before it added.
+  std::vector<CParsedString> paths;
   size_t pos = 0;
   while (pos < end) {
     std::wstring line;
@@ -340,20 +404,38 @@ void CWhiteListTree::LoadFromFile(const wchar_t* path) {
       line.push_back(static_cast<wchar_t>(static_cast<unsigned char>(c)));
       ++pos;
     }
-    if (!line.empty() || lineEnd) SafeGuardPath(line.c_str(), 0x1);
-    if (tooLong) return;
+    if (!line.empty() || lineEnd) {
+      try {
+        paths.emplace_back(line.c_str());
+      } catch (...) {
+        SafeGuardBatch(paths, 0x1);
+        throw;
+      }
+    }
+    if (tooLong) break;
   }
+  SafeGuardBatch(paths, 0x1);
 }
 
 CRefPtr<IConstTArray<CString>> CWhiteListTree::SaveToArray(unsigned long mask) const {
   auto* array = new IUnknownNoQIImp<CConstTArray<CString>>();
   CRefPtr<IConstTArray<CString>> result(array);
-  Walk([&](const SWhiteListTreeNode* node) {
-    if ((node->item->flags & mask) == mask) array->Items().push_back(PathFromIterator(ConstIterator(node)));
+  Walk([&](const SWhiteListTreeNode* node, const std::wstring& listed, const std::vector<const SWhiteListTreeNode*>&) {
+    if ((node->item->flags & mask) == mask) array->Items().push_back(CString(listed.c_str()));
   });
   return result;
 }
 
 void CWhiteListTree::LoadFromArray(const std::vector<CString>& paths) {
-  for (const auto& path : paths) SafeGuardPath(path, 0x1);
+  std::vector<CParsedString> parsed;
+  parsed.reserve(paths.size());
+  for (const auto& path : paths) {
+    try {
+      parsed.emplace_back(path);
+    } catch (...) {
+      SafeGuardBatch(parsed, 0x1);
+      throw;
+    }
+  }
+  SafeGuardBatch(parsed, 0x1);
 }

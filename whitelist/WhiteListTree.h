@@ -92,15 +92,26 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
  protected:
   static bool FindNode(Iterator& it, const CString& name, bool create);
   static bool FindNode(ConstIterator& it, const CString& name);
+  // A new node named name with flags 0, linked in before the given sibling.
+  static SWhiteListTreeNode* InsertChild(SWhiteListTreeNode* before, const CString& name);
   void SafeGuardSubPath(CParsedString& parsed, unsigned long flags);
   bool FromParsedString(CParsedString& parsed, Iterator& it, bool create);
   static bool FromParsedString(ConstIterator& it, CParsedString& parsed, unsigned long& flags);
   static unsigned long CheckProtection(ConstIterator node, CParsedString& parsed);
 
-  // True when the loader would read line back as exactly this node.
-  static bool LoadsBackAs(const CString& line, ConstIterator node);
+  // Adds parsed paths in sorted order, each search in a sibling list going
+  // on from where the previous path's search in that list ended, so a
+  // batch costs a sort and one pass over every list it touches. Takes the
+  // lock once per path, as SafeGuardPath does.
+  void SafeGuardBatch(std::vector<CParsedString>& paths, unsigned long flags);
 
-  // Calls f for every node, parents before children, siblings in order.
+  // True when the loader would read line back as exactly the node whose
+  // ancestors, from the top level down, are chain.
+  static bool LoadsBackAs(const CString& line, const std::vector<const SWhiteListTreeNode*>& chain);
+
+  // Calls f(node, path, chain) for every node, parents before children,
+  // siblings in order; path is the node's full path and chain the nodes
+  // from the top level down to it, both kept up as the walk goes.
   template <class F>
   void Walk(F f) const;
 

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -127,6 +129,27 @@ RunResult RunBroom(const std::vector<std::wstring>& args, const std::wstring& ap
   errReader.join();
   GetExitCodeProcess(process.get(), &result.code);
   return result;
+}
+
+// Every file below the folders, with its bytes.
+std::map<std::wstring, std::string> Contents(const std::vector<std::wstring>& folders) {
+  std::map<std::wstring, std::string> out;
+  std::vector<std::wstring> pending = folders;
+  while (!pending.empty()) {
+    std::wstring folder = pending.back();
+    pending.pop_back();
+    WIN32_FIND_DATAW data;
+    broom::unique_hfind find(FindFirstFileW((folder + L"\\*").c_str(), &data));
+    for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.get(), &data)) {
+      std::wstring name = data.cFileName, path = folder + L"\\" + name;
+      if (name == L"." || name == L"..") continue;
+      if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+        pending.push_back(path);
+      else
+        out[path] = ReadFile(path);
+    }
+  }
+  return out;
 }
 
 int CountLines(const std::string& text) {
@@ -437,6 +460,130 @@ TEST_F(BroomExe, RestoreKeepsWhatWouldOverwriteAFile) {
   DeleteFileW(a.c_str());
   EXPECT_EQ(0u, RunBare({L"restore", q}).code);
   EXPECT_EQ(Bytes(100, 5), ReadFile(a));
+}
+
+TEST_F(BroomExe, DamagedManifestsAreRefusedBeforeAnythingMoves) {
+  WriteFile(Tree(L"junk\\a.bin"), Bytes(100, 7));
+  WriteFile(Tree(L"junk\\b.bin"), Bytes(200, 8));
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  const std::wstring q = m_root / L"q", manifest = q + L"\\broom-quarantine.json";
+  ASSERT_EQ(0u, Run({L"clean", L"--yes", L"--quarantine", q}).code);
+  const nlohmann::json good = nlohmann::json::parse(ReadFile(manifest));
+  WriteFile(Tree(L"junk\\decoy.bin"), "an unrelated file");
+  const std::string root = Narrow(m_root.Path()), first = good["entries"][0]["original"];
+  using Change = std::function<void(nlohmann::json&)>;
+  auto set = [](int e, const char* field, const nlohmann::json& value) -> Change {
+    return [=](nlohmann::json& j) { j["entries"][e][field] = value; };
+  };
+  struct Case {
+    Change change;
+    const char* says;
+  };
+  const std::vector<Case> cases = {
+      {[](nlohmann::json& j) { j = nlohmann::json::array(); }, "it is not a JSON object"},
+      {[](nlohmann::json& j) { j["format"] = 1; }, "'format' is not"},
+      {[](nlohmann::json& j) { j["version"] = 2; }, "'version' is not 1"},
+      {[](nlohmann::json& j) { j.erase("entries"); }, "'entries' is missing"},
+      {set(1, "original", root + "\\tree\\junk\\*.bin"), "entry 2: 'original' holds the wildcard '*'"},
+      {set(0, "original", "tree\\junk\\a.bin"), "entry 1: 'original' is a relative path"},
+      {set(0, "original", "\\\\?\\" + first), "entry 1: 'original' is a network or device path"},
+      {set(0, "original", root + "\\tree\\..\\x.bin"), "'..' name"},
+      {set(0, "original", root + "\\tree\\NUL.txt"), "names the device 'NUL.txt'"},
+      {set(0, "original", Narrow(q) + "\\x.bin"), "lies inside the quarantine folder"},
+      {set(1, "stored", "broom-quarantine.json"), "entry 2: 'stored' is the manifest's own name"},
+      {set(0, "stored", "..\\a.bin"), "entry 1: 'stored' is not a plain file name"},
+      {set(0, "size", "12"), "entry 1: 'size' is not a whole number"},
+      {set(1, "size", -1), "entry 2: 'size' is not a whole number"},
+      {[](nlohmann::json& j) { j["entries"][0].erase("stored"); }, "entry 1: 'stored' is missing"},
+      {[](nlohmann::json& j) { j["entries"][1]["stored"] = j["entries"][0]["stored"]; }, "the same 'stored' name"},
+      {[](nlohmann::json& j) { j["entries"][1]["original"] = j["entries"][0]["original"]; }, "the same 'original'"},
+      {[](nlohmann::json& j) { j["entries"].erase(1); }, "in the quarantine folder is not listed in it"},
+      {set(0, "original", root + "\\tree\\junk\\z.bin"), "its entries do not match its 'checksum'"},
+      {nullptr, "not valid JSON text (the first fault is at byte 41)"},
+  };
+  for (const Case& c : cases) {
+    nlohmann::json j = good;
+    if (c.change) c.change(j);
+    WriteFile(manifest, c.change ? j.dump(2) : good.dump(2).substr(0, 40));
+    const auto before = Contents({q, Tree()});
+    RunResult r = RunBare({L"restore", q});
+    EXPECT_EQ(2u, r.code) << c.says << "\n" << r.err;
+    EXPECT_EQ(1, CountLines(r.err)) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.says)) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("nothing was moved")) << r.err;
+    EXPECT_EQ(std::string::npos, r.err.find("json.exception")) << r.err;
+    EXPECT_TRUE(before == Contents({q, Tree()})) << c.says;
+  }
+
+  // A stored file gone by hand: the rest is restored and the count says so.
+  WriteFile(manifest, good.dump(2));
+  const std::string gone = good["entries"][0]["stored"];
+  ASSERT_TRUE(DeleteFileW((q + L"\\" + std::wstring(gone.begin(), gone.end())).c_str()));
+  RunResult r = RunBare({L"restore", q});
+  EXPECT_EQ(1u, r.code);
+  EXPECT_NE(std::string::npos, r.out.find("Restored 1 file (")) << r.out;
+  EXPECT_NE(std::string::npos, r.err.find("it is no longer in the quarantine folder")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("1 file stays in")) << r.err;
+}
+
+TEST_F(BroomExe, WhiteListsThatWouldNotLoadWholeStopEveryCommandAndStayAsTheyWere) {
+  const std::wstring file = AppData() + L"\\Broom\\whitelist.txt";
+  const std::wstring kept = WriteFile(Tree(L"junk\\keep\\k.bin"), 5), loose = WriteFile(Tree(L"junk\\x.bin"), 6);
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  std::string keep = Narrow(Tree(L"junk\\keep"));
+  for (char& ch : keep) ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+  struct Case {
+    std::string bytes;
+    const char* says;
+  };
+  const std::vector<Case> cases = {
+      {"D:\\A\r\nC:\\" + std::string(300, 'L') + "\r\n" + keep + "\r\n", "line 2 'C:\\LLL"},
+      {"D:\\A\r\n\x1A" + keep + "\r\n", "line 2 holds a Ctrl+Z"},
+      {"D:\\A" + std::string(1, '\0') + "B\r\n" + keep, "line 1 'D:\\A<U+0000>B' holds a NUL"},
+      {"D:\\A\r\n\r\n" + keep, "line 2 is empty"},
+      {"D:\\A\rD:\\B\r\n" + keep, "line 1 'D:\\A<U+000D>D:\\B' holds a carriage return"},
+      {keep + "\r\nD:\\A\\\\\r\n", "line 2 'D:\\A\\\\' ends in two backslashes"},
+      {"\xEF\xBB\xBF" + keep, "line 1 starts with a UTF-8 byte-order mark"},
+  };
+  const std::vector<std::vector<std::wstring>> commands = {
+      {L"protect", m_root / L"new"}, {L"clean", L"--yes"}, {L"unprotect", Tree(L"junk\\keep")}, {L"protected"},
+      {L"scan"}};
+  for (size_t i = 0; i < cases.size(); ++i) {
+    WriteFile(file, cases[i].bytes);
+    // every case runs protect and clean, and one of the others in turn
+    for (size_t c : {size_t{0}, size_t{1}, 2 + i % 3}) {
+      RunResult r = Run(commands[c]);
+      EXPECT_EQ(2u, r.code) << cases[i].says << ": " << Narrow(commands[c][0]) << "\n" << r.err;
+      EXPECT_EQ(1, CountLines(r.err)) << r.err;
+      EXPECT_NE(std::string::npos, r.err.find("whitelist.txt' cannot be read whole: " + std::string(cases[i].says)))
+          << r.err;
+      EXPECT_EQ(cases[i].bytes, ReadFile(file));
+    }
+    EXPECT_TRUE(Exists(kept) && Exists(loose)) << cases[i].says;
+  }
+}
+
+TEST_F(BroomExe, AnEntryTheWhiteListCannotHoldIsNamedAndNothingIsWritten) {
+  const std::wstring file = AppData() + L"\\Broom\\whitelist.txt";
+  // y with diaeresis upper-cases to U+0178, which one byte cannot hold
+  const std::string bytes = "C:\\KEEP\r\nC:\\\xFF\r\n";
+  WriteFile(file, bytes);
+  RunResult p = RunBare({L"protect", m_root / L"plain"});
+  EXPECT_EQ(2u, p.code);
+  EXPECT_NE(std::string::npos, p.err.find("cannot be saved: line 2 is stored as 'C:\\\xC5\xB8', which holds the "
+                                          "character U+0178")) << p.err;
+  EXPECT_EQ(bytes, ReadFile(file));
+  EXPECT_EQ("C:\\KEEP\nC:\\\xC5\xB8\n", RunBare({L"protected"}).out);  // it loads, and protects, whole
+
+  RunResult u = RunBare({L"unprotect", L"c:\\\u00ff"});
+  EXPECT_EQ(0u, u.code) << u.err;
+  EXPECT_EQ("C:\\KEEP\r\n", ReadFile(file));
+
+  RunResult cr = RunBare({L"protect", L"C:\\a\rb"});
+  EXPECT_EQ(2u, cr.code);
+  EXPECT_EQ("broom: the path 'C:\\a<U+000D>b' holds a control character, which no file name can hold; check the "
+            "argument\n", cr.err);
+  EXPECT_EQ("C:\\KEEP\r\n", ReadFile(file));
 }
 
 // ---- usage errors ----

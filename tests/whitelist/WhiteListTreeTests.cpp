@@ -240,6 +240,32 @@ TEST(WhiteListTree, ConcurrentGuardingLosesNoPath) {
   }
 }
 
+TEST(WhiteListTree, LoadingInAnyOrderBuildsTheTreeThatAddingBuilds) {
+  // Paths that share folders at several depths, given shuffled, merged into
+  // a tree that already holds some of them and their neighbours.
+  std::vector<CString> paths;
+  for (int i = 0; i < 600; ++i)
+    paths.emplace_back((L"C:\\d" + std::to_wstring(i % 7) + L"\\s" + std::to_wstring(i % 13) + L"\\f" +
+                        std::to_wstring(i))
+                           .c_str());
+  paths.emplace_back(L"C:\\d3");
+  paths.emplace_back(L"c:\\D3\\s1\\");
+  paths.emplace_back(L"C:\\d3");
+  std::vector<CString> shuffled = paths;
+  for (size_t i = shuffled.size() - 1; i > 0; --i) std::swap(shuffled[i], shuffled[(i * 7919) % (i + 1)]);
+
+  CWhiteListTree added, loaded;
+  for (const wchar_t* seed : {L"C:\\d3\\s2\\f9999", L"C:\\d0\\a", L"B:\\x", L"C:\\d6\\zz"}) {
+    added.SafeGuardPath(seed, 0x2);
+    loaded.SafeGuardPath(seed, 0x2);
+  }
+  for (const CString& path : paths) added.SafeGuardPath(path, 0x1);
+  loaded.LoadFromArray(shuffled);
+  EXPECT_EQ(CheckTree(loaded), CheckTree(added));
+  EXPECT_EQ(Saved(loaded, 0), Saved(added, 0));
+  EXPECT_EQ(Saved(loaded, 0x3), Saved(added, 0x3));
+}
+
 class WhiteListFile : public testing::Test {
  protected:
   broomtest::TempDir m_dir;
