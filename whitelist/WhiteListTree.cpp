@@ -189,6 +189,8 @@ void CWhiteListTree::SafeGuardBatch(std::vector<CParsedString>& paths, unsigned 
     if (path.m_current <= path.m_last) order.push_back(&path);
   if (!std::is_sorted(order.begin(), order.end(), less)) std::sort(order.begin(), order.end(), less);
 
+  // One lock for the batch: the trail holds nodes from one path to the next.
+  TreeLock lock(m_lock, true);
   std::vector<SWhiteListTreeNode*> trail;  // the previous path's nodes, from the top level down
   std::vector<CString>::const_iterator previous;
   for (CParsedString* path : order) {
@@ -196,7 +198,6 @@ void CWhiteListTree::SafeGuardBatch(std::vector<CParsedString>& paths, unsigned 
     const auto components = begin(path);
     size_t same = 0;
     while (same < depth && same < trail.size() && previous[same] == components[same]) ++same;
-    EventLock lock(m_hLock.get());
     for (size_t d = same; d < depth; ++d) {
       const CString& name = components[d];
       SWhiteListTreeNode* owner = d == 0 ? this : trail[d - 1];

@@ -101,8 +101,8 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
 
   // Adds parsed paths in sorted order, each search in a sibling list going
   // on from where the previous path's search in that list ended, so a
-  // batch costs a sort and one pass over every list it touches. Takes the
-  // lock once per path, as SafeGuardPath does.
+  // batch costs a sort and one pass over every list it touches. Holds the
+  // lock for the whole batch.
   void SafeGuardBatch(std::vector<CParsedString>& paths, unsigned long flags);
 
   // True when the loader would read line back as exactly the node whose
