@@ -16,7 +16,9 @@ include(CMakePackageConfigHelpers)
 # one (or a file of the source tree) fails there.
 set(BROOM_INTERNAL_HEADERS
   clean/FileOpsServer.h    # the fallback server's interface and identifiers
-  settings/TempBuffer.h)
+  settings/TempBuffer.h
+  winapp2/NameMask.h       # the masks and path parts winapp2 rules use
+  winapp2/Winapp2Detect.h) # the detection cache of a winapp2 load
 
 foreach(dir IN LISTS BROOM_FOLDERS)
   file(GLOB headers RELATIVE ${CMAKE_SOURCE_DIR} CONFIGURE_DEPENDS

@@ -26,6 +26,7 @@ void LoadDefinitions(CSession& session, const SOptions& options) {
   for (const std::wstring& folder : WideList(options.defs)) folders.push_back(FullPath(folder));
   if (folders.empty()) folders.push_back(ExeFolder() + L"\\defs");
   session.LoadDefinitions(folders);
+  LoadWinapp2Files(session, options);
 }
 
 }  // namespace host

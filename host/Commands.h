@@ -10,6 +10,7 @@ namespace host {
 
 struct SOptions {
   std::vector<std::string> defs;
+  std::vector<std::string> winapp2;  // winapp2.ini files loaded beside the definitions
   bool noLog = false;
   std::vector<std::string> items;
   bool files = false;
@@ -18,14 +19,18 @@ struct SOptions {
   std::string quarantine;
   std::string folder;  // restore
   std::string path;    // protect, unprotect
+  std::string file;    // winapp2 check
   unsigned long cancelAfterFiles = 0;  // hidden: simulates Ctrl+C after that many files
 };
 
 std::wstring Pad(const std::wstring& text, size_t width, bool right);
 std::wstring Plural(unsigned __int64 n, const wchar_t* one, const wchar_t* many);
 std::vector<std::wstring> WideList(const std::vector<std::string>& list);
-// Loads the --defs folders (made absolute), or the defs folder beside broom.exe.
+// Loads the --defs folders (made absolute), or the defs folder beside broom.exe,
+// then the --winapp2 files.
 void LoadDefinitions(CSession& session, const SOptions& options);
+// Loads the --winapp2 files (made absolute) into the session's store.
+void LoadWinapp2Files(CSession& session, const SOptions& options);
 
 int CmdList(CSession& session, const SOptions& options);
 int CmdScan(CSession& session, const SOptions& options);
@@ -34,5 +39,6 @@ int CmdRestore(const SOptions& options);
 int CmdProtect(CSession& session, const SOptions& options);
 int CmdUnprotect(CSession& session, const SOptions& options);
 int CmdProtected(CSession& session);
+int CmdWinapp2Check(const SOptions& options);
 
 }  // namespace host

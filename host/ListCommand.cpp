@@ -1,6 +1,8 @@
 // broom list: the tree of groups and items with their states.
 #include "host/Commands.h"
 
+#include <nlohmann/json.hpp>
+
 #include "host/Console.h"
 
 namespace host {
@@ -51,10 +53,67 @@ void ListGroup(const CScanGroup* top, std::wstring& out, unsigned& items) {
   }
 }
 
+nlohmann::json State(AttributeBoolState state) { return state == abNotSet ? nlohmann::json() : nlohmann::json(state == abTrue); }
+
+// A group with its states, its operations' sources and its children; groups
+// nest at most a hundred levels deep, so recursion is safe here.
+nlohmann::json GroupJson(const CScanGroup* group, const CConfigStore* store, unsigned& items, unsigned& groups) {
+  nlohmann::json sources = nlohmann::json::array();
+  CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
+  group->GetScanOps(ops);
+  for (; ops && !ops->AtEnd(); ops->Next()) {
+    const SOperationSource* source = store ? store->GetOperationSource(*ops->Current()) : nullptr;
+    if (!source) {
+      sources.push_back(nullptr);
+      continue;
+    }
+    sources.push_back({{"file", Utf8(source->file)}, {"line", source->line}, {"kind", Utf8(source->kind)},
+                       {"text", Utf8(source->text)}});
+  }
+  bool enabled = IsEnabled(group);
+  nlohmann::json j = {{"name", Utf8(std::wstring(group->GetName()))},
+                      {"path", Utf8(GroupPath(group))},
+                      {"description", Utf8(std::wstring(group->GetDescription()))},
+                      {"tip", Utf8(std::wstring(group->GetTip()))},
+                      {"item", group->HasScanOps()},
+                      {"scan", State(group->IsDefaultScan())},
+                      {"clean", State(group->IsDefaultClean())},
+                      {"safe", State(group->IsSafe())},
+                      {"quick_scan", State(group->GetQScan())},
+                      {"enabled", enabled},
+                      {"reason", enabled ? nlohmann::json() : nlohmann::json("not on this PC")},
+                      {"operations", group->GetScanOpCount()},
+                      {"sources", sources}};
+  group->HasScanOps() ? ++items : ++groups;
+  nlohmann::json children = nlohmann::json::array();
+  CRefPtr<TIteratorIface<CScanGroup>> it;
+  group->GetChildren(it);
+  for (; it && !it->AtEnd(); it->Next()) children.push_back(GroupJson(it->Current(), store, items, groups));
+  j["children"] = children;
+  return j;
+}
+
+int ListJson(CSession& session) {
+  unsigned items = 0, groups = 0;
+  nlohmann::json tree = nlohmann::json::array();
+  CRefPtr<TIteratorIface<CScanGroup>> it;
+  session.Config()->GetGroups(it);
+  for (; it && !it->AtEnd(); it->Next())
+    tree.push_back(GroupJson(it->Current(), CConfigStore::Of(session.Config()), items, groups));
+  std::vector<std::wstring> notes;
+  nlohmann::json doc = {{"groups", tree},
+                        {"item_count", items},
+                        {"group_count", groups},
+                        {"scanned_by_default", session.Select({}, false, notes).size()}};
+  CConsole::OutBytes(doc.dump(2) + "\n");
+  return exitOk;
+}
+
 }  // namespace
 
 int CmdList(CSession& session, const SOptions& options) {
   LoadDefinitions(session, options);
+  if (options.json) return ListJson(session);
   std::wstring out;
   unsigned items = 0, groups = 0;
   CRefPtr<TIteratorIface<CScanGroup>> it;

@@ -9,6 +9,7 @@
 #include <map>
 #include <set>
 
+#include "clean/CleanableFolder.h"
 #include "core/Handles.h"
 #include "core/PathString.h"
 #include "host/Console.h"
@@ -192,6 +193,10 @@ std::wstring ExplainResult(DWORD code) {
     default:
       break;
   }
+  if (code == kFolderNotEmpty)
+    return L"the folder is not empty (something in it was kept or not removed), so it stays (" + Hex(code) + L")";
+  if ((code & 0xFFFF0000) == kFolderFailed)
+    return L"the empty folder could not be removed (Windows error " + std::to_wstring(code & 0xFFFF) + L", " + Hex(code) + L")";
   if ((code & 0xF8000000) == kCleanServerUnavailable) {
     // The creation HRESULT with bit 27 set and bits 29 and 30 cleared.
     DWORD hr = (code & 0x07FFFFFF) | 0x80000000;

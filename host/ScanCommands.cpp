@@ -70,6 +70,14 @@ void PrintJson(const SScanResults& results, bool files) {
   CConsole::OutBytes(doc.dump(2) + "\n");
 }
 
+// What an item warns about (its tip: a winapp2 Warning=), before anything is cleaned.
+void PrintWarnings(const SScanResults& results) {
+  for (const SItemResult& r : results.items) {
+    const wchar_t* tip = r.item.group->GetTip();
+    if (r.files && tip && *tip) CConsole::Out(L"Warning for '" + r.item.path + L"': " + tip + L"\n");
+  }
+}
+
 bool Confirm(const std::wstring& question) {
   CConsole::Err(question + L" [y/N] ");
   std::wstring answer;
@@ -135,6 +143,7 @@ int CmdClean(CSession& session, const SOptions& options) {
     return exitOk;
   }
 
+  PrintWarnings(results);
   std::wstring what = Plural(results.files, L"file", L"files") + L" (" + FormatSize(results.size) + L")";
   if (!options.yes) {
     std::wstring question = quarantine ? L"Move " + what + L" to '" + quarantine->Folder() + L"'?"

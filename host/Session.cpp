@@ -97,6 +97,37 @@ void FindSuffix(CScanGroup* top, const std::vector<std::wstring>& parts, std::ve
   });
 }
 
+// The names of a path as the user typed them, rejoined the way SplitPath
+// reads them, so that blanks and doubled '/' do not count.
+std::wstring JoinedPath(const std::wstring& path) {
+  std::wstring joined;
+  for (const std::wstring& part : SplitPath(path)) joined += (joined.empty() ? L"" : L"/") + part;
+  return joined;
+}
+
+// Every group whose path is the whole text, or ends with it after a '/': a
+// name that holds a '/' itself ("Folder/Dialog Box View Settings") is found so.
+void FindWholeText(CScanGroup* top, const std::wstring& text, std::vector<CScanGroup*>& out) {
+  std::wstring wanted = JoinedPath(text);
+  ForEachBelow(top, [&](CScanGroup* group) {
+    std::wstring path = JoinedPath(GroupPath(group));
+    size_t at = path.size() >= wanted.size() ? path.size() - wanted.size() : std::wstring::npos;
+    if (at != std::wstring::npos && (at == 0 || path[at - 1] == L'/') && _wcsicmp(path.c_str() + at, wanted.c_str()) == 0)
+      out.push_back(group);
+  });
+}
+
+// One note per switched-off item, or one for all when a group holds many.
+void NoteSwitchedOff(const std::vector<std::wstring>& off, const std::wstring& group, std::vector<std::wstring>& notes) {
+  if (off.size() <= 3) {
+    for (const std::wstring& path : off)
+      notes.push_back(L"skipped '" + path + L"': switched off because its application is not installed");
+    return;
+  }
+  notes.push_back(L"skipped " + FormatCount(off.size()) + L" items of '" + group +
+                  L"': switched off because their applications are not installed");
+}
+
 std::wstring ExceptionText() {
   try {
     throw;
@@ -488,6 +519,7 @@ std::vector<SItem> CSession::Select(const std::vector<std::wstring>& names, bool
       if (g) found.push_back(g);
     });
     if (found.empty()) ForEachTop(m_config, [&](CScanGroup* top) { FindSuffix(top, parts, found); });
+    if (found.empty()) ForEachTop(m_config, [&](CScanGroup* top) { FindWholeText(top, name, found); });
     if (found.empty())
       throw CHostError{exitUsage, L"no item or group is named '" + name + L"'; run 'broom list' to see the names"};
     if (found.size() > 1) {
@@ -497,13 +529,15 @@ std::vector<SItem> CSession::Select(const std::vector<std::wstring>& names, bool
     }
     std::vector<SItem> below;
     CollectItems(found[0], below);
+    std::vector<std::wstring> off;
     for (const SItem& item : below) {
       if (!IsEnabled(item.group)) {
-        notes.push_back(L"skipped '" + item.path + L"': switched off because its application is not installed");
+        off.push_back(item.path);
         continue;
       }
       if (taken.insert(item.group).second) chosen.push_back(item);
     }
+    NoteSwitchedOff(off, GroupPath(found[0]), notes);
   }
   return chosen;
 }

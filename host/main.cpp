@@ -33,13 +33,21 @@ int Run(int argc, wchar_t** argv) {
   app.set_version_flag("--version", "broom " BROOM_VERSION);
   app.require_subcommand(1);
   app.fallthrough();
+  // item names may start with '/' (a winapp2 entry does); options are --name only
+  app.allow_windows_style_options(false);
   app.add_option("--defs", options.defs, "Folder of definition files (repeatable; default: defs beside broom.exe)")
       ->type_name("DIR")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--winapp2", options.winapp2,
+                 "A winapp2.ini file whose entries join the definitions (repeatable; off by default, opt in by name)")
+      ->type_name("FILE")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   app.add_flag("--no-log", options.noLog, "Do not write scan logs");
 
   CLI::App* list = app.add_subcommand("list", "Show the groups and items of the definitions with their states");
+  list->add_flag("--json", options.json, "Print the whole tree as JSON, with every operation's source");
   CLI::App* scan = app.add_subcommand("scan", "Scan items (default: those on by default) and show what was found");
   scan->add_option("items", options.items, "Item or group paths, e.g. \"System/Temporary files\"");
   scan->add_flag("--files", options.files, "List every file found");
@@ -62,6 +70,12 @@ int Run(int argc, wchar_t** argv) {
   CLI::App* unprotect = app.add_subcommand("unprotect", "Remove a path from the protected list");
   unprotect->add_option("PATH", options.path, "A path listed by 'broom protected'")->required();
   CLI::App* listProtected = app.add_subcommand("protected", "Show the protected paths");
+  CLI::App* winapp2 = app.add_subcommand("winapp2", "Work with winapp2.ini files");
+  winapp2->require_subcommand(1);
+  CLI::App* winapp2Check = winapp2->add_subcommand(
+      "check", "Read a winapp2.ini file: its counts and every line that cannot be used (exit code 1 when any)");
+  winapp2Check->add_option("FILE", options.file, "The winapp2.ini file")->required();
+  winapp2Check->add_flag("--json", options.json, "Print the report as JSON");
 
   // CLI11 takes UTF-8 arguments in reverse order.
   std::vector<std::string> args;
@@ -96,6 +110,7 @@ int Run(int argc, wchar_t** argv) {
   if (protect->parsed()) return CmdProtect(session, options);
   if (unprotect->parsed()) return CmdUnprotect(session, options);
   if (listProtected->parsed()) return CmdProtected(session);
+  if (winapp2Check->parsed()) return CmdWinapp2Check(options);
   return exitUsage;
 }
 

@@ -7,6 +7,7 @@ build=${BROOM_BENCH_DIR:-$here/build/bench-x86_64}
 configure x86_64 "$build" -DCMAKE_BUILD_TYPE=Release -DBROOM_TESTS=OFF >/dev/null
 cmake --build "$build" >/dev/null
 run() { "$here/scripts/wine-run.sh" "$wine" "$build/wineprefix" "$@"; }
+export BROOM_SOURCE_DIR=$here   # benchmarks find ../shared beside the source tree, as tests do
 run --start-server "$wineserver" >/dev/null   # makes the prefix when it is missing
 names=("$@")
 if [ ${#names[@]} -eq 0 ]; then

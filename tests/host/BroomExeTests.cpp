@@ -236,6 +236,64 @@ TEST_F(BroomExe, ListShowsTheSortedTreeWithEveryState) {
   EXPECT_EQ(expected, r.out);
 }
 
+// ---- winapp2 ----
+
+TEST_F(BroomExe, Winapp2EntriesJoinTheDefinitionsOptInByFullNameAndAreChecked) {
+  WriteFile(Tree(L"w\\a.tmp"), 5);
+  WriteFile(Tree(L"x\\b.bin"), 7);
+  WriteDefs({{L"T", L"Bin", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"x\\*"))}});
+  std::wstring ini = WriteFile(m_root / L"winapp2.ini",
+                               Narrow(L"; test\r\n[Odd/Name *]\r\nLangSecRef=3021\r\nWarning=Be careful\r\nFileKey1=" +
+                                      Tree(L"w") + L"|*.tmp\r\n[Bad *]\r\nFileKey1=" + Tree(L"w") + L"\r\nFileKey2=" + Tree(L"w") +
+                                      L"|*.none\r\n"));
+  auto paths = [](const RunResult& r) {
+    std::vector<std::string> out;
+    nlohmann::json j = Json(r);
+    for (auto& i : j["items"]) out.push_back(i["path"]);
+    return out;
+  };
+  RunResult byDefault = Run({L"--winapp2", ini, L"scan", L"--json"});  // winapp2 items are opt-in
+  ASSERT_EQ(0u, byDefault.code) << byDefault.err;
+  EXPECT_EQ(std::vector<std::string>{"T/Bin"}, paths(byDefault));
+  EXPECT_NE(std::string::npos, byDefault.err.find("1 line was skipped")) << byDefault.err;
+  for (const wchar_t* name : {L"Odd/Name", L"winapp2/Applications/Odd/Name", L"applications/odd/name"}) {
+    RunResult named = Run({L"--winapp2", ini, L"scan", L"--json", name});
+    ASSERT_EQ(0u, named.code) << named.err;
+    EXPECT_EQ(std::vector<std::string>{"winapp2/Applications/Odd/Name"}, paths(named));
+  }
+
+  RunResult list = Run({L"--winapp2", ini, L"list", L"--json"});
+  ASSERT_EQ(0u, list.code) << list.err;
+  nlohmann::json tree = Json(list)["groups"];
+  ASSERT_EQ(2u, tree.size());
+  EXPECT_EQ("T", tree[0]["name"]);
+  const nlohmann::json& item = tree[1]["children"][0]["children"][0];
+  EXPECT_EQ("winapp2/Applications/Odd/Name", item["path"]);
+  EXPECT_EQ("Be careful", item["tip"]);
+  EXPECT_EQ(false, item["scan"]);
+  EXPECT_EQ(true, item["enabled"]);
+  EXPECT_EQ(5, item["sources"][0]["line"]);
+  EXPECT_EQ("FileKey1", item["sources"][0]["kind"]);
+
+  RunResult clean = Run({L"--winapp2", ini, L"clean", L"--yes", L"Odd/Name"});
+  ASSERT_EQ(0u, clean.code) << clean.err;
+  EXPECT_NE(std::string::npos, clean.out.find("Warning for 'winapp2/Applications/Odd/Name': Be careful")) << clean.out;
+  EXPECT_FALSE(Exists(Tree(L"w\\a.tmp")));
+
+  RunResult check = RunBare({L"winapp2", L"check", L"--json", ini});
+  EXPECT_EQ(1u, check.code);
+  nlohmann::json report = Json(check);
+  EXPECT_EQ(2, report["entries"]);
+  EXPECT_EQ(2, report["file_rules"]);
+  ASSERT_EQ(1u, report["skipped"].size());
+  EXPECT_EQ(7, report["skipped"][0]["line"]);
+  WriteFile(ini, "[Fine *]\nFileKey1=C:\\x|*\n");
+  EXPECT_EQ(0u, RunBare({L"winapp2", L"check", ini}).code);
+  RunResult missing = RunBare({L"winapp2", L"check", m_root / L"none.ini"});
+  EXPECT_EQ(2u, missing.code);
+  EXPECT_NE(std::string::npos, missing.err.find("does not exist")) << missing.err;
+}
+
 // ---- scan ----
 
 TEST_F(BroomExe, ScanTotalsAreTheRealSizesAndJsonParses) {

@@ -1,0 +1,343 @@
+// winapp2.ini loading, detection and the FileKey scan, on folder trees and
+// registry keys made per test, and the whole shared file.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "clean/CleanItems.h"
+#include "clean/CleanableFolder.h"
+#include "common/HandleCount.h"
+#include "common/ScanNotifiers.h"
+#include "common/TestFiles.h"
+#include "common/TestRegistry.h"
+#include "registry/CleanableRegistry.h"
+#include "settings/AppInfo.h"
+#include "winapp2/Winapp2FileScan.h"
+#include "winapp2/Winapp2Loader.h"
+
+using broomtest::Exists;
+using broomtest::MakeDirs;
+using broomtest::Narrow;
+using broomtest::WriteFile;
+
+namespace {
+
+using Paths = std::vector<std::wstring>;
+
+struct Cancelled : broomtest::NullStatus {
+  bool IsCancelled() override { return true; }
+};
+
+class Winapp2 : public testing::Test {
+ protected:
+  void SetUp() override {
+    // scan logs go to one folder of the whole program, fixed at first use
+    static broomtest::TempDir data;
+    static bool ready = (MakeDirs(data / L"Logs"), CAppInfo::Init(nullptr, data.Path().c_str()), true);
+    (void)ready;
+  }
+
+  SWinapp2Report Load(const std::wstring& ini) {
+    std::wstring file = WriteFile(m_dir / L"winapp2.ini", "\xEF\xBB\xBF" + Narrow(ini));  // BOM and LF ends
+    m_config = IConfig::NewConfig();
+    return CWinapp2Loader(*Store()).Load(file.c_str());
+  }
+  CConfigStore* Store() { return CConfigStore::Of(m_config); }
+  CScanGroup_imp* Item(const wchar_t* category, const wchar_t* name) {
+    CScanGroup_imp* top = Store()->GetRoot().FindChild(L"winapp2");
+    CScanGroup_imp* group = top ? top->FindChild(category) : nullptr;
+    return group ? group->FindChild(name) : nullptr;
+  }
+  // The test folder as the rules name it.
+  std::wstring Var() const { return L"%Temp%" + m_dir.Path().substr(m_dir.Path().find_last_of(L'\\')); }
+
+  // What the item's operations report, in order: paths below the test
+  // folder, folders with a trailing '\', registry items as written.
+  Paths Scan(CScanGroup* item, IOperationStatusNotify* status = nullptr,
+             std::vector<CRefPtr<ICleanableItem>>* items = nullptr) {
+    broomtest::StackCollector collector;
+    broomtest::NullProgress progress;
+    broomtest::NullStatus quiet;
+    CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
+    item->GetScanOps(ops);
+    for (; ops && !ops->AtEnd(); ops->Next())
+      (*ops->Current())->PerformScan(&collector, &progress, status ? status : &quiet, &m_whiteList);
+    Paths paths;
+    for (const auto& hit : collector.items) {
+      if (auto* key = dynamic_cast<CCleanableRegistry*>(hit.Get())) {
+        std::wstring text = key->GetPath().Text();
+        CharUpperBuffW(&text[0], static_cast<DWORD>(text.size()));  // as the system spells the keys
+        paths.push_back(text);
+      } else {
+        auto* file = static_cast<CCleanableFile*>(hit.Get());
+        std::wstring path = file->GetPath().c_str();
+        paths.push_back(path.substr(m_dir.Path().size() + 1) + (file->IsDirectory() ? L"\\" : L""));
+      }
+      if (items) items->push_back(hit);
+    }
+    return paths;
+  }
+
+  broomtest::TempDir m_dir;
+  CRefPtr<IConfig> m_config;
+  CWhiteListTree m_whiteList;
+};
+
+}  // namespace
+
+TEST_F(Winapp2, MalformedKeysAreSkippedWithTheirLinesAndTheRestOfTheEntryLoads) {
+  const std::wstring v = Var();
+  const std::pair<std::wstring, const char*> lines[] = {
+      {L"; comment", nullptr},
+      {L"Orphan=1", "before the first [entry]"},
+      {L"[Entry *]", nullptr},
+      {L"LangSecRef=3021", nullptr},
+      {L"FileKey1=" + v + L"\\x|*.log;*.tmp#x", nullptr},  // never cut at ';' or '#'
+      {L"FileKey2=" + v + L"\\x", "no '|'"},
+      {L"FileKey3=%Nope%\\x|*", "unknown variable %Nope%"},
+      {L"FileKey4=%Temp\\x|*", "without its closing '%'"},
+      {L"FileKey5=|*", "empty path"},
+      {L"FileKey6=" + v + L"\\x|*|RECURSIVE", "unknown flag 'RECURSIVE'"},
+      {L"FileKey7=" + v + L"\\" + std::wstring(250, L'a') + L"|*", "more than 260"},
+      {L"FileKey8=x\\y|*", "not a full path"},
+      {L"FileKey9=" + v + L"\\..\\x|*", "'..'"},
+      {L"FileKey10=" + v + L"\\x|", "no file mask"},
+      {L"FILEKEY11 = " + v + L"\\x|LOG|removeself", nullptr},
+      {L"RegKey1=HKXX\\Software\\x", "not a registry path"},
+      {L"RegKey2=HKCU\\Software\\BroomTest\\Nope", nullptr},
+      {L"Detect=Software\\x", "not a registry key"},
+      {L"DetectOS=abc", "min|max"},
+      {L"SpecialDetect=DET_NOPE", "unknown SpecialDetect"},
+      {L"Bogus=1", "unknown key 'Bogus'"},
+      {L"no equals here", "not a Key=Value"},
+      {L"[Broken", "closing ']'"},
+      {L"FileKey1=" + v + L"\\x|*", "cannot be read"},
+      {L"[Poisoned *]", nullptr},
+      {L"ExcludeKey1=FILE|%Nope%\\|a.txt", "unknown variable"},
+      {L"FileKey1=" + v + L"\\x|*", "ExcludeKey line 26"},
+      {L"RegKey1=HKCU\\Software\\BroomTest\\Nope", nullptr},
+  };
+  std::wstring ini;
+  std::vector<std::pair<int, std::string>> expected;
+  for (size_t i = 0; i < std::size(lines); ++i) {
+    ini += lines[i].first + L"\n";
+    if (lines[i].second) expected.emplace_back(static_cast<int>(i + 1), lines[i].second);
+  }
+  SWinapp2Report report = Load(ini);
+  ASSERT_EQ(expected.size(), report.skipped.size());
+  for (size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(expected[i].first, report.skipped[i].line);
+    EXPECT_NE(std::string::npos, Narrow(report.skipped[i].reason.str()).find(expected[i].second))
+        << "line " << expected[i].first << ": " << Narrow(report.skipped[i].reason.str());
+  }
+  EXPECT_EQ(expected.size(), Store()->GetLoadNotes().size());
+  EXPECT_EQ(2u, report.entries);
+
+  CScanGroup_imp* entry = Item(L"Applications", L"Entry");
+  ASSERT_TRUE(entry);
+  ASSERT_EQ(3, entry->GetScanOpCount());  // FileKey1, FILEKEY11, RegKey2
+  EXPECT_EQ(abFalse, entry->IsEnabled());  // its only detection keys cannot be read
+  auto* first = dynamic_cast<CWinapp2FileScan*>(entry->m_scanOps.front().Get());
+  ASSERT_TRUE(first);
+  EXPECT_EQ(Paths({L"*.LOG", L"*.TMP#X"}), first->GetMasks());
+  const SOperationSource* source = Store()->GetOperationSource(first);
+  ASSERT_TRUE(source);
+  EXPECT_EQ(5, source->line);
+  EXPECT_EQ(L"FileKey1", source->kind.str());
+  EXPECT_EQ(v + L"\\x|*.log;*.tmp#x", source->text.str());
+  ASSERT_TRUE(Item(L"Other", L"Poisoned"));
+  EXPECT_EQ(1, Item(L"Other", L"Poisoned")->GetScanOpCount());
+}
+
+TEST_F(Winapp2, EntriesGoToTheirCategoryOffByDefaultAndApplyWhenAnyDetectionHolds) {
+  broomtest::TestRegKey user;
+  // a key of the 32-bit view only: HKLM\Software\BroomTest\... as 32-bit programs see it
+  broomtest::TestRegKey only32(HKEY_LOCAL_MACHINE, L"Software\\WOW6432Node\\BroomTest");
+  std::wstring only32Path = L"HKLM\\Software\\BroomTest" + only32.Subkey().substr(only32.Subkey().rfind(L'\\'));
+  broomtest::TestRegKey userClass(HKEY_CURRENT_USER, L"Software\\Classes\\BroomTest");  // seen through HKCR
+  MakeDirs(m_dir / L"present");
+  const std::wstring v = Var(), rule = L"FileKey1=" + v + L"\\x|*\n", key = L"HKCU\\" + user.Subkey();
+  SWinapp2Report report = Load(
+      L"[A *]\nLangSecRef=3021\n" + rule +
+      L"[B/C *]\nSection=My Stuff\nWarning=Careful\nDetectFile=" + v + L"\\missing\nDetectFile2=" + v +
+      L"\\pre*nt\n" + rule +
+      L"[D *]\nLangSecRef=9999\nDetect=" + key + L"\\Nope\nDetect2=" + key + L"\n" + rule +
+      L"[E *]\nLangSecRef=3025\nDetect=" + key + L"\\Nope\nDetectFile=" + v + L"\\nope\n" + rule +
+      L"[F *]\nLangSecRef=3022\nDetectOS=|5.0\n" + rule +
+      L"[G *]\nLangSecRef=3023\nDetectOS=5.1|\n" + rule +
+      L"[H *]\nLangSecRef=3024\nDetect=" + only32Path + L"\n" + rule +
+      L"[I *]\nDetect=NotAKey\n" + rule +
+      L"[J *]\nDetect=HKCR\\" + userClass.Subkey().substr(sizeof "Software\\Classes") + L"\n" + rule);
+  struct {
+    const wchar_t *category, *name;
+    bool applies;
+  } expected[] = {{L"Applications", L"A", true}, {L"My Stuff", L"B/C", true}, {L"Other", L"D", true},
+                  {L"Windows", L"E", false},     {L"Internet", L"F", false},  {L"Multimedia", L"G", true},
+                  {L"Utilities", L"H", true},    {L"Other", L"I", false},     {L"Other", L"J", true}};
+  for (const auto& e : expected) {
+    CScanGroup_imp* item = Item(e.category, e.name);
+    ASSERT_TRUE(item) << Narrow(e.name);
+    EXPECT_EQ(e.applies, item->IsEnabled() != abFalse) << Narrow(e.name);
+    EXPECT_EQ(abFalse, item->IsDefaultScan());
+    EXPECT_EQ(abFalse, item->IsDefaultClean());
+    EXPECT_FALSE(item->HasChildren());
+    EXPECT_NE(L"", std::wstring(item->GetDescription()));
+  }
+  EXPECT_EQ(1, Store()->GetRoot().FindChild(L"winapp2")->FindChild(L"My Stuff")->GetChildCount());
+  EXPECT_EQ(L"Careful", std::wstring(Item(L"My Stuff", L"B/C")->GetTip()));
+  EXPECT_EQ(9u, report.items);
+  EXPECT_EQ(6u, report.applicable);
+  ASSERT_EQ(1u, report.skipped.size());
+  EXPECT_EQ(L"Detect=NotAKey", report.skipped[0].text.str());
+}
+
+TEST_F(Winapp2, FileRulesMatchWholeLongNamesWithTheirFlagsAndTheirOwnEntrysExcludes) {
+  for (const wchar_t* file : {L"r\\LOG", L"r\\app.log", L"r\\a.tmp", L"r\\keep.tmp", L"r\\x.dat", L"r\\x.dat2",
+                              L"r\\sub\\b.tmp", L"r\\sub\\deep\\c.tmp", L"r\\other\\d.tmp"})
+    WriteFile(m_dir / file, 3);
+  const std::wstring v = Var() + L"\\r";
+  struct {
+    std::wstring rule, excludes;
+    Paths hits;
+  } cases[] = {
+      {L"|LOG", L"", {L"r\\LOG"}},
+      {L"|*.dat", L"", {L"r\\x.dat"}},  // never x.dat2 through its 8.3 name
+      {L"|*.TMP;log", L"", {L"r\\a.tmp", L"r\\keep.tmp", L"r\\LOG"}},
+      {L"|*.tmp|RECURSE", L"",
+       {L"r\\a.tmp", L"r\\keep.tmp", L"r\\other\\d.tmp", L"r\\sub\\b.tmp", L"r\\sub\\deep\\c.tmp"}},
+      {L"|*.tmp|recurse", L"ExcludeKey1=FILE|" + v + L"\\|KEEP.tmp\n",
+       {L"r\\a.tmp", L"r\\other\\d.tmp", L"r\\sub\\b.tmp", L"r\\sub\\deep\\c.tmp"}},
+      {L"|*.tmp|RECURSE", L"ExcludeKey1=PATH|" + v + L"\\s*\\|*\nExcludeKey2=FILE|" + v + L"\\*\\|d.tmp\n",
+       {L"r\\a.tmp", L"r\\keep.tmp"}},
+      {L"\\*\\deep|*", L"", {L"r\\sub\\deep\\c.tmp"}},
+      {L"\\s?b|*.tmp|RECURSE", L"", {L"r\\sub\\b.tmp", L"r\\sub\\deep\\c.tmp"}},
+  };
+  std::wstring ini;
+  for (size_t i = 0; i < std::size(cases); ++i)
+    ini += L"[Case " + std::to_wstring(i) + L" *]\nFileKey1=" + v + cases[i].rule + L"\n" + cases[i].excludes;
+  ASSERT_TRUE(Load(ini).skipped.empty());
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    Paths hits = Scan(Item(L"Other", (L"Case " + std::to_wstring(i)).c_str()));
+    std::sort(hits.begin(), hits.end());
+    std::sort(cases[i].hits.begin(), cases[i].hits.end());
+    EXPECT_EQ(cases[i].hits, hits) << "case " << i;
+  }
+  // the whitelist keeps folders and files out; cancellation stops before the first file
+  m_whiteList.SafeGuardPath((m_dir / L"r\\other").c_str(), 0x1);
+  m_whiteList.SafeGuardPath((m_dir / L"r\\a.tmp").c_str(), 0x1);
+  Paths hits = Scan(Item(L"Other", L"Case 3"));
+  std::sort(hits.begin(), hits.end());
+  EXPECT_EQ(Paths({L"r\\keep.tmp", L"r\\sub\\b.tmp", L"r\\sub\\deep\\c.tmp"}), hits);
+  Cancelled cancelled;
+  EXPECT_TRUE(Scan(Item(L"Other", L"Case 3"), &cancelled).empty());
+}
+
+TEST_F(Winapp2, RemoveSelfRemovesOnlyTheFoldersItEmptiesDeepestFirst) {
+  broomtest::AllowHandleGrowth();  // cleaning starts the STA thread
+  for (const wchar_t* file : {L"t\\a.tmp", L"t\\e1\\e2\\b.tmp", L"t\\full\\c.tmp", L"t\\full\\keep.txt"})
+    WriteFile(m_dir / file, 3);
+  MakeDirs(m_dir / L"t\\empty");
+  const std::wstring v = Var();
+  ASSERT_TRUE(Load(L"[Tmp *]\nFileKey1=" + v + L"\\t|*.tmp|REMOVESELF\n[All *]\nFileKey1=" + v + L"\\t|*|REMOVESELF\n")
+                  .skipped.empty());
+  std::vector<CRefPtr<ICleanableItem>> items;
+  Paths hits = Scan(Item(L"Other", L"Tmp"), nullptr, &items);
+  Paths sorted = hits;
+  std::sort(sorted.begin(), sorted.end());
+  EXPECT_EQ(Paths({L"t\\a.tmp", L"t\\e1\\", L"t\\e1\\e2\\", L"t\\e1\\e2\\b.tmp", L"t\\empty\\", L"t\\full\\c.tmp"}),
+            sorted);
+  auto at = [&](const wchar_t* path) { return std::find(hits.begin(), hits.end(), path) - hits.begin(); };
+  EXPECT_LT(at(L"t\\e1\\e2\\b.tmp"), at(L"t\\e1\\e2\\"));
+  EXPECT_LT(at(L"t\\e1\\e2\\"), at(L"t\\e1\\"));
+
+  std::vector<ICleanableItem*> raw;
+  for (auto& item : items) raw.push_back(item.Get());
+  std::vector<DWORD> results(raw.size(), 1);
+  CleanItems(raw.data(), raw.size(), results.data());
+  EXPECT_EQ(std::vector<DWORD>(raw.size(), 0), results);
+  EXPECT_FALSE(Exists(m_dir / L"t\\e1"));
+  EXPECT_FALSE(Exists(m_dir / L"t\\empty"));
+  EXPECT_TRUE(Exists(m_dir / L"t\\full\\keep.txt"));
+
+  // a folder that is not empty stays, and says so
+  CRefPtr<CCleanableEmptyFolder> full(new IUnknownNoQIImp<CCleanableEmptyFolder>());
+  full->InitFolder(CPathString((m_dir / L"t\\full").c_str()), FILE_ATTRIBUTE_DIRECTORY);
+  EXPECT_EQ(kFolderNotEmpty, full->Clean(nullptr, nullptr));
+  EXPECT_TRUE(Exists(m_dir / L"t\\full\\keep.txt"));
+
+  items.clear();
+  EXPECT_EQ(Paths({L"t\\full\\keep.txt", L"t\\full\\", L"t\\"}), Scan(Item(L"Other", L"All"), nullptr, &items));
+  for (auto& item : items) EXPECT_EQ(0u, item->Clean(nullptr, nullptr));
+  EXPECT_FALSE(Exists(m_dir / L"t"));
+}
+
+TEST_F(Winapp2, RegistryRulesKeepWhatTheirEntrysRegExcludesName) {
+  broomtest::TestRegKey key;
+  for (const wchar_t* sub : {L"App\\Keep\\Deep", L"App\\Drop"}) {
+    HKEY created = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(key.Key(), sub, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &created, nullptr));
+    RegCloseKey(created);
+  }
+  DWORD one = 1;
+  HKEY app = nullptr;
+  ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(key.Key(), L"App", 0, KEY_ALL_ACCESS, &app));
+  RegSetValueExW(app, L"v", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&one), sizeof one);
+  RegCloseKey(app);
+  std::wstring base = L"HKCU\\" + key.Subkey() + L"\\App";
+  SWinapp2Report report = Load(L"[Reg *]\nRegKey1=" + base + L"\nRegKey2=" + base + L"\\Keep\\Deep\nExcludeKey1=REG|" +
+                               base + L"\\Keep\n");
+  EXPECT_EQ(1u, report.registryRules);  // the rule inside the kept key finds nothing to take
+  Paths hits = Scan(Item(L"Other", L"Reg"));
+  std::sort(hits.begin(), hits.end());
+  CharUpperBuffW(&base[0], static_cast<DWORD>(base.size()));
+  EXPECT_EQ(Paths({base + L"\\DROP", base + L"|V"}), hits);
+}
+
+TEST(Winapp2File, TheWholeSharedFileLoadsWithExactlyItsUnreadableLinesSkipped) {
+  wchar_t source[MAX_PATH] = {};
+  ASSERT_NE(0u, GetEnvironmentVariableW(L"BROOM_SOURCE_DIR", source, MAX_PATH)) << "ctest sets BROOM_SOURCE_DIR";
+  std::wstring path = source;
+  if (path[0] == L'/') path = L"Z:" + path;  // a Unix path from ctest
+  std::replace(path.begin(), path.end(), L'/', L'\\');
+  // beside the source tree; a git worktree of it sits one folder deeper
+  path += L"\\..\\shared\\winapp2\\Winapp2.ini";
+  if (!Exists(path)) path.insert(path.find(L"\\..\\") + 3, L"\\..");
+
+  CRefPtr<IConfig> config = IConfig::NewConfig();
+  SWinapp2Report report = CWinapp2Loader(*CConfigStore::Of(config)).Load(path.c_str());
+  ASSERT_TRUE(report.read) << Narrow(report.error.str());
+  EXPECT_EQ(4067u, report.entries);
+  EXPECT_EQ(4065u, report.items);
+  EXPECT_EQ(14111u, report.fileRules);
+  EXPECT_EQ(3677u, report.registryRules);
+  EXPECT_EQ(86u, report.excludes);
+  EXPECT_EQ(4763u, report.detectionKeys);
+  const std::pair<int, const char*> golden[] = {
+      {11029, "FileKey5=%Package\\LocalCache|*.log"},
+      {11252, "FileKey7=%LocalAppData%\\Dropbox\\"},
+      {21515, "[Moonlighter *]"},
+      {21517, "DetectFile=%UserProfile%\\AppData%\\LocalLow\\11BitStudios\\Moonlighter"},
+      {21518, "FileKey1=%UserProfile%\\AppData%\\LocalLow\\11BitStudios\\Moonlighter|*.log"},
+      {21519, "FileKey2=%UserProfile%\\AppData%\\LocalLow\\11BitStudios\\Moonlighter\\Unity|*|REMOVESELF"},
+      {27107, "FileKey5=%Package\\LiveWallpaperData\\Log|*"},
+      {27108, "FileKey6=%Package\\LiveWallpaperData\\Temporary|*"},
+      {27149, "[Samsung Odyssey 3D Hub *]"},
+      {27152, "FileKey1=%UserProfile%\\AppData%\\LocalLow\\Samsung\\Odyssey3DHubUI|*.log"},
+      {33663, "DetectFile=%WinDir%|SIGVERIF.TXT"},
+  };
+  ASSERT_EQ(std::size(golden), report.skipped.size());
+  for (size_t i = 0; i < std::size(golden); ++i) {
+    EXPECT_EQ(golden[i].first, report.skipped[i].line);
+    EXPECT_EQ(golden[i].second, Narrow(report.skipped[i].text.str()));
+  }
+  CScanGroup_imp* windows = CConfigStore::Of(config)->GetRoot().FindChild(L"winapp2")->FindChild(L"Windows");
+  ASSERT_TRUE(windows);
+  CScanGroup_imp* shell = windows->FindChild(L"Windows Shell - Folder/Dialog Box View Settings");
+  ASSERT_TRUE(shell);
+  EXPECT_EQ(14, shell->GetScanOpCount());
+}

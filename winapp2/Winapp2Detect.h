@@ -1,0 +1,77 @@
+#pragma once
+// Existence checks for winapp2 detection, made for thousands of keys and
+// paths at once. Every query is announced first (Plan...), so that a folder
+// or key asked about many names is listed once rather than asked once per
+// name, and every answer on the way is kept: a missing vendor key or folder
+// is asked once and ends every query below it. Files are asked with
+// GetFileAttributesW (which stays inside the process under Wine), keys with
+// one open per key that exists. Internal to the engine.
+#include <windows.h>
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "core/Handles.h"
+#include "registry/RegistryPath.h"
+
+namespace broom {
+namespace winapp2 {
+
+class CDetector {
+ public:
+  // A folder or key asked about this many different names is listed instead.
+  static constexpr size_t kListAt = 8;
+
+  // path: a full path in normal form (C:\a\b or \\server\share\a), with '*'
+  // and '?' allowed in any component after the first.
+  void PlanFile(const std::wstring& path);
+  void PlanKey(const CRegistryPath& key);
+  // Whether the file or folder exists; a wildcard component matches any
+  // entry of its folder by its long name.
+  bool FileExists(const std::wstring& path);
+  // Whether the key exists in the 64-bit or in the 32-bit registry view;
+  // with a value part, whether that value exists in it.
+  bool KeyExists(const CRegistryPath& key);
+
+  // Calls into the system made so far: file listings and attribute
+  // look-ups, key opens, listings and value look-ups.
+  unsigned FileCalls() const { return m_fileCalls; }
+  unsigned KeyCalls() const { return m_keyCalls; }
+
+ private:
+  using Names = std::unordered_set<std::wstring>;
+  struct SListing {
+    std::unordered_map<std::wstring, DWORD> attributes;       // by upper-cased name
+    std::vector<std::pair<std::wstring, std::wstring>> names;  // upper-cased and as listed
+  };
+  struct SKey {
+    bool exists = false;
+    unique_hkey handle;
+    bool listed = false;                   // subkeys was looked at
+    std::shared_ptr<const Names> subkeys;  // upper-cased names; null when not listed
+  };
+
+  bool WalkFile(const std::wstring& path, const std::wstring& upper, size_t at, std::wstring& folder,
+                std::wstring& upperFolder);
+  DWORD Attributes(std::wstring& folder, std::wstring& upperFolder, const wchar_t* name, const wchar_t* upperName,
+                   size_t nameLength);
+  const SListing& List(const std::wstring& folder, const std::wstring& upperFolder);
+  HKEY OpenKey(const CRegistryPath& key, REGSAM view);
+  const Names* Subkeys(SKey& key, HKEY handle, const std::wstring& upperPath);
+
+  std::unordered_map<std::wstring, Names> m_fileQueries;  // upper-cased folder: names asked about
+  std::unordered_set<std::wstring> m_wildFolders;         // folders a wildcard component lists
+  std::unordered_map<std::wstring, DWORD> m_attributes;   // upper-cased path
+  std::unordered_map<std::wstring, SListing> m_listings;  // upper-cased folder
+  std::unordered_map<std::wstring, Names> m_keyQueries;   // upper-cased key: subkey names asked about
+  std::unordered_map<std::wstring, SKey> m_keys[2];       // per view, by upper-cased key path
+  std::unordered_map<std::wstring, std::shared_ptr<const Names>> m_subkeysByKernelName;
+  unsigned m_fileCalls = 0;
+  unsigned m_keyCalls = 0;
+};
+
+}  // namespace winapp2
+}  // namespace broom
