@@ -62,13 +62,13 @@ nlohmann::json GroupJson(const CScanGroup* group, const CConfigStore* store, uns
   CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
   group->GetScanOps(ops);
   for (; ops && !ops->AtEnd(); ops->Next()) {
-    const SOperationSource* source = store ? store->GetOperationSource(*ops->Current()) : nullptr;
-    if (!source) {
+    SOperationSource source;
+    if (!store || !store->GetOperationSource(*ops->Current(), source)) {
       sources.push_back(nullptr);
       continue;
     }
-    sources.push_back({{"file", Utf8(source->file)}, {"line", source->line}, {"kind", Utf8(source->kind)},
-                       {"text", Utf8(source->text)}});
+    sources.push_back({{"file", Utf8(source.file)}, {"line", source.line},
+                       {"kind", Utf8(source.kind)}, {"text", Utf8(source.text)}});
   }
   bool enabled = IsEnabled(group);
   nlohmann::json j = {{"name", Utf8(std::wstring(group->GetName()))},

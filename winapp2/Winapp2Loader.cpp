@@ -685,12 +685,9 @@ class CLoad {
     item.m_desc = Describe(p.category, firstRoot, files, keys).c_str();
     for (const SOp& op : ops) {
       CScanGroup_imp::AddScanOp(item, op.op);
-      SOperationSource source;
-      source.file = m_path.c_str();
-      source.line = op.line->line;
-      source.kind = CString(op.line->key.data(), static_cast<int>(op.line->key.size()));
-      source.text = CString(op.line->value.data(), static_cast<int>(op.line->value.size()));
-      m_store.SetOperationSource(op.op.Get(), source);
+      const std::wstring kind(op.line->key.data(), op.line->key.size());
+      const std::wstring text(op.line->value.data(), op.line->value.size());
+      m_store.SetOperationSource(op.op.Get(), m_path.c_str(), op.line->line, kind.c_str(), text.c_str());
     }
     ++m_report.items;
     m_report.applicable += applies;

@@ -145,11 +145,11 @@ TEST_F(Winapp2, MalformedKeysAreSkippedWithTheirLinesAndTheRestOfTheEntryLoads) 
   auto* first = dynamic_cast<CWinapp2FileScan*>(entry->m_scanOps.front().Get());
   ASSERT_TRUE(first);
   EXPECT_EQ(Paths({L"*.LOG", L"*.TMP#X"}), first->GetMasks());
-  const SOperationSource* source = Store()->GetOperationSource(first);
-  ASSERT_TRUE(source);
-  EXPECT_EQ(5, source->line);
-  EXPECT_EQ(L"FileKey1", source->kind.str());
-  EXPECT_EQ(v + L"\\x|*.log;*.tmp#x", source->text.str());
+  SOperationSource source;
+  ASSERT_TRUE(Store()->GetOperationSource(first, source));
+  EXPECT_EQ(5, source.line);
+  EXPECT_EQ(std::wstring(L"FileKey1"), source.kind.GetString());
+  EXPECT_EQ(v + L"\\x|*.log;*.tmp#x", source.text.GetString());
   ASSERT_TRUE(Item(L"Other", L"Poisoned"));
   EXPECT_EQ(1, Item(L"Other", L"Poisoned")->GetScanOpCount());
 }
