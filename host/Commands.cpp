@@ -29,4 +29,12 @@ void LoadDefinitions(CSession& session, const SOptions& options) {
   LoadWinapp2Files(session, options);
 }
 
+SScanOptions ScanOptions(const SOptions& options, EKeep keep) {
+  SScanOptions scan;
+  scan.keep = keep;
+  scan.cancelAfterFiles = options.cancelAfterFiles;
+  scan.olderThanDays = options.olderThan;
+  return scan;
+}
+
 }  // namespace host

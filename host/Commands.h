@@ -21,7 +21,11 @@ struct SOptions {
   std::string path;    // protect, unprotect
   std::string file;    // winapp2 check
   unsigned long cancelAfterFiles = 0;  // hidden: simulates Ctrl+C after that many files
+  unsigned long olderThan = 0;         // days; 0: no age limit
+  bool force = false;                  // clean items past the runaway limits
 };
+
+SScanOptions ScanOptions(const SOptions& options, EKeep keep);
 
 std::wstring Pad(const std::wstring& text, size_t width, bool right);
 std::wstring Plural(unsigned __int64 n, const wchar_t* one, const wchar_t* many);

@@ -99,7 +99,7 @@ int CmdScan(CSession& session, const SOptions& options) {
     return exitOk;
   }
   session.BeginScanLog(L"scan");
-  SScanResults results = session.Scan(items, options.files ? keepPaths : keepTotals, options.cancelAfterFiles);
+  SScanResults results = session.Scan(items, ScanOptions(options, options.files ? keepPaths : keepTotals));
   PrintScanErrors(results);
   if (options.json)
     PrintJson(results, options.files);
@@ -131,7 +131,7 @@ int CmdClean(CSession& session, const SOptions& options) {
     return exitOk;
   }
   session.BeginScanLog(L"clean");
-  SScanResults results = session.Scan(items, keepItems, options.cancelAfterFiles);
+  SScanResults results = session.Scan(items, ScanOptions(options, keepItems));
   PrintScanErrors(results);
   if (results.cancelled) {
     CConsole::Err(L"broom: cancelled during the scan; nothing was cleaned\n");

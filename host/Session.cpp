@@ -15,6 +15,7 @@
 #include "host/Console.h"
 #include "host/WhiteListFile.h"
 #include "registry/RegistryScanFactory.h"
+#include "scan/BaseFileScan.h"
 #include "scan/OperationNotify.h"
 #include "scan/ScanOperation.h"
 #include "settings/AppInfo.h"
@@ -150,8 +151,8 @@ std::wstring ExceptionText() {
 
 class CScanNotify : public IOperationProgressNotify, public IOperationStatusNotify {
  public:
-  CScanNotify(unsigned long cancelAfterFiles, const unsigned __int64& hits)
-      : m_cancelAfter(cancelAfterFiles), m_hits(hits) {}
+  CScanNotify(const SScanOptions& options, const unsigned __int64& hits)
+      : m_cancelAfter(options.cancelAfterFiles), m_observer(options.observer), m_hits(hits) {}
 
   void Begin(const std::wstring& item, size_t index, size_t count) {
     m_item = item;
@@ -160,24 +161,40 @@ class CScanNotify : public IOperationProgressNotify, public IOperationStatusNoti
     m_total = 0;
     m_position = 0;
     m_folder.clear();
-    Draw(true);
+    if (m_observer)
+      m_observer->OnItem(item, index, count);
+    else
+      Draw(true);
   }
 
   void SetTotal(int total) override {
     m_total = total;
     m_position = 0;
+    if (m_observer) m_observer->OnProgress(0, total);
   }
   void SetPosition(int position) override {
     m_position = position;
-    Draw(false);
+    if (m_observer)
+      m_observer->OnProgress(position, m_total);
+    else
+      Draw(false);
   }
-  void Finish() override { m_position = m_total; }
+  void Finish() override {
+    m_position = m_total;
+    if (m_observer) m_observer->OnProgress(m_total, m_total);
+  }
 
   void SetCurrentFolder(const CString& folder) override {
     m_folder.assign(folder.GetString(), static_cast<size_t>(folder.GetLength()));
-    Draw(false);
+    if (m_observer)
+      m_observer->OnFolder(m_folder);
+    else
+      Draw(false);
   }
-  bool IsCancelled() override { return IsCancelRequested(); }
+  bool IsCancelled() override {
+    if (m_observer && m_observer->IsCancelled()) RequestCancel();
+    return IsCancelRequested();
+  }
   void OnItem(const wchar_t*, int kind) override {
     if (kind == itemFile && m_cancelAfter != 0 && ++m_filesSeen >= m_cancelAfter) RequestCancel();
   }
@@ -198,12 +215,39 @@ class CScanNotify : public IOperationProgressNotify, public IOperationStatusNoti
 
   unsigned long m_cancelAfter;
   unsigned long m_filesSeen = 0;
+  IScanObserver* m_observer;
   const unsigned __int64& m_hits;
   bool m_draw = CConsole::ErrIsConsole();
   DWORD m_lastDraw = 0;
   std::wstring m_item, m_folder;
   size_t m_index = 0, m_count = 0;
   int m_total = 0, m_position = 0;
+};
+
+// Adds an age filter to every file operation of a run and takes it out
+// again afterwards, so the tree is as loaded for the next run.
+class CRunAgeFilters {
+ public:
+  explicit CRunAgeFilters(unsigned long days) : m_days(days) {}
+  ~CRunAgeFilters() {
+    for (auto& added : m_added) added.first->RemoveFilter(added.second);
+  }
+  CRunAgeFilters(const CRunAgeFilters&) = delete;
+  CRunAgeFilters& operator=(const CRunAgeFilters&) = delete;
+
+  void Apply(IScanOperation* op) {
+    auto* files = dynamic_cast<CBaseFileScan*>(op);
+    if (m_days == 0 || !files) return;
+    auto* age = new IUnknownNoQIImp<CBaseFileScan::_FilterRejectRecentFiles_Impl>();
+    CRefPtr<CBaseFileScan::IFilter> hold(age);
+    age->SetAge(m_days, false);
+    files->AddFilter(age);
+    m_added.emplace_back(files, age);
+  }
+
+ private:
+  unsigned long m_days;
+  std::vector<std::pair<CBaseFileScan*, CBaseFileScan::IFilter*>> m_added;
 };
 
 // Which files were already counted, by their upper-cased full path. A scan
@@ -244,6 +288,8 @@ class CHitCollector : public IResultsCollector {
       : m_whiteList(whiteList), m_keep(keep), m_seen(keep != keepTotals), m_results(results) {}
 
   void SetTarget(SItemResult* target) { m_target = target; }
+  void SetOperation(const IScanOperation* op) { m_op = op; }
+  void SetObserver(IScanObserver* observer) { m_observer = observer; }
 
   void AddItem(ICleanableItem* item) override {
     if (!item || !m_target) return;
@@ -277,11 +323,13 @@ class CHitCollector : public IResultsCollector {
     ++m_target->files;
     ++m_results.files;
     m_results.size += size;
+    if (m_observer) m_observer->OnHits(m_results.files, m_results.size);
     if (m_keep == keepTotals) return;
     SHit hit;
     if (m_keep == keepItems) hit.item = item;
     hit.path.assign(path, length);
     hit.size = size;
+    hit.op = m_op;
     m_target->hits.push_back(std::move(hit));
   }
 
@@ -291,6 +339,8 @@ class CHitCollector : public IResultsCollector {
   CSeenPaths m_seen;
   SScanResults& m_results;
   SItemResult* m_target = nullptr;
+  const IScanOperation* m_op = nullptr;
+  IScanObserver* m_observer = nullptr;
 };
 
 }  // namespace
@@ -298,6 +348,7 @@ class CHitCollector : public IResultsCollector {
 void InstallCancelHandler() { SetConsoleCtrlHandler(OnConsoleControl, TRUE); }
 void RequestCancel() { g_cancel = true; }
 bool IsCancelRequested() { return g_cancel; }
+void ResetCancel() { g_cancel = false; }
 
 std::wstring GroupPath(const CScanGroup* group) {
   // names are gathered leaf first and joined once, so long names at every
@@ -552,14 +603,16 @@ void CSession::BeginScanLog(const wchar_t* command) {
   m_scanLog->WriteEntry(CString(heading), true);
 }
 
-SScanResults CSession::Scan(const std::vector<SItem>& items, EKeep keep, unsigned long cancelAfterFiles) {
+SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions& options) {
   SScanResults results;
   results.items.reserve(items.size());
-  CScanNotify notify(cancelAfterFiles, results.files);
-  CFakeBaseIUnknown<CHitCollector> collector(m_whiteList, keep, results);
+  CScanNotify notify(options, results.files);
+  CFakeBaseIUnknown<CHitCollector> collector(m_whiteList, options.keep, results);
+  collector.SetObserver(options.observer);
+  CRunAgeFilters ages(options.olderThanDays);
 
   for (size_t i = 0; i < items.size(); ++i) {
-    if (IsCancelRequested()) break;
+    if (notify.IsCancelled()) break;
     results.items.push_back(SItemResult{items[i], {}, 0, 0, {}});
     SItemResult& current = results.items.back();
     collector.SetTarget(&current);
@@ -568,10 +621,12 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, EKeep keep, unsigne
     CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
     items[i].group->GetScanOps(ops);
     for (; ops && !ops->AtEnd(); ops->Next()) {
-      if (IsCancelRequested()) break;
+      if (notify.IsCancelled()) break;
       IScanOperation* op = *ops->Current();
       if (!op) continue;
+      collector.SetOperation(op);
       try {
+        ages.Apply(op);
         op->PerformScan(&collector, &notify, &notify, &m_whiteList);
       } catch (...) {
         current.errors.push_back(ExceptionText());
@@ -579,9 +634,14 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, EKeep keep, unsigne
     }
   }
   collector.SetTarget(nullptr);
-  CConsole::ClearProgress();
+  if (!options.observer) CConsole::ClearProgress();
   results.cancelled = IsCancelRequested();
   return results;
+}
+
+bool CSession::SourceOf(const SHit& hit, SOperationSource& out) const {
+  const CConfigStore* store = CConfigStore::Of(m_config);
+  return hit.op && store && store->GetOperationSource(hit.op, out);
 }
 
 }  // namespace host

@@ -32,6 +32,7 @@ struct CHostError {
 void InstallCancelHandler();
 void RequestCancel();
 bool IsCancelRequested();
+void ResetCancel();  // before a new command of a host that runs many
 
 // A scan definition group that has operations of its own: what a user ticks.
 struct SItem {
@@ -43,6 +44,7 @@ struct SHit {
   CRefPtr<ICleanableItem> item;
   std::wstring path;
   unsigned __int64 size = 0;
+  const IScanOperation* op = nullptr;  // the operation that found it, in the session's tree
 };
 
 struct SItemResult {
@@ -57,6 +59,27 @@ struct SItemResult {
 // counts and sizes holds no item), the paths and sizes to list them, or the
 // items themselves to clean them.
 enum EKeep { keepTotals, keepPaths, keepItems };
+
+// What a scan tells its host as it goes, on the scanning thread. Without
+// one the console draws a progress line; the window feeds its controls.
+class IScanObserver {
+ public:
+  virtual ~IScanObserver() = default;
+  virtual void OnItem(const std::wstring& itemPath, size_t index, size_t count) = 0;
+  // position of total, as the operation reports it (the total may be 0)
+  virtual void OnProgress(int position, int total) = 0;
+  virtual void OnFolder(const std::wstring& folder) = 0;
+  // the running totals of the whole scan, after each hit
+  virtual void OnHits(unsigned __int64 files, unsigned __int64 bytes) = 0;
+  virtual bool IsCancelled() { return IsCancelRequested(); }
+};
+
+struct SScanOptions {
+  EKeep keep = keepTotals;
+  unsigned long cancelAfterFiles = 0;  // a test's way to cancel after so many files
+  unsigned long olderThanDays = 0;     // 0: no age limit beyond the definitions' own
+  IScanObserver* observer = nullptr;   // null: the console's progress line
+};
 
 struct SScanResults {
   std::vector<SItemResult> items;
@@ -117,7 +140,12 @@ class CSession {
 
   // Runs every operation of every item. Hits under protected paths are
   // dropped; a file found twice counts once, for the first item.
-  SScanResults Scan(const std::vector<SItem>& items, EKeep keep, unsigned long cancelAfterFiles);
+  // With olderThanDays, every file operation also keeps only files changed
+  // that many days ago or earlier, for this run only.
+  SScanResults Scan(const std::vector<SItem>& items, const SScanOptions& options);
+
+  // Where the operation that found a hit came from; false when unknown.
+  bool SourceOf(const SHit& hit, SOperationSource& out) const;
 
  private:
   CRefPtr<IConfig> m_config;

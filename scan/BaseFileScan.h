@@ -130,6 +130,9 @@ class BROOM_API CBaseFileScan {
   static bool GetFixedDriveInfo(std::list<DriveInfo>& out);
   void AddFilter(IFilter* filter) { m_filters.emplace_back(filter); }
   void ClearFilters() { m_filters.clear(); }
+  void RemoveFilter(IFilter* filter) {
+    m_filters.remove_if([filter](const CRefPtr<IFilter>& f) { return f.Get() == filter; });
+  }
   void Initialize(IOperationProgressNotify* progress, IOperationStatusNotify* status, CWhiteListTree* whiteList);
 
   const std::list<CPathString>& GetPaths() const { return m_paths; }
