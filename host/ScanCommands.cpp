@@ -115,13 +115,7 @@ int CmdScan(CSession& session, const SOptions& options) {
 int CmdClean(CSession& session, const SOptions& options) {
   LoadDefinitions(session, options);
   session.LoadWhiteList();
-  std::unique_ptr<CQuarantine> quarantine;
-  if (!options.quarantine.empty()) {
-    std::wstring folder = FullPath(Wide(options.quarantine));
-    quarantine.reset(new CQuarantine(folder, true));
-    // Never scan what has already been put aside.
-    session.WhiteList().SafeGuardPath(folder.c_str(), 0x1);
-  }
+  std::unique_ptr<CQuarantine> quarantine = OpenCleanQuarantine(session, options);
 
   std::vector<std::wstring> notes;
   std::vector<SItem> items = session.Select(WideList(options.items), true, notes);
@@ -191,7 +185,8 @@ int CmdClean(CSession& session, const SOptions& options) {
           ++failed;
           CConsole::Err(L"broom: failed: " + Printable(hit.path) + L": " + refused + L"\n");
         } else {
-          account(hit, quarantine->Add(hit));
+          SOperationSource source;
+          account(hit, quarantine->Add(hit, r.item.path, session.SourceOf(hit, source) ? &source : nullptr));
         }
         continue;
       }

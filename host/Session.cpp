@@ -450,6 +450,8 @@ void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
 std::wstring CSession::WhiteListFile() const { return m_userData + L"\\whitelist.txt"; }
 
 void CSession::LoadWhiteList() {
+  // Bit 0x2 stops every walk and is never saved with the protected paths.
+  m_whiteList.SafeGuardPath(QuarantineRoot().c_str(), 0x2);
   const std::wstring file = WhiteListFile();
   std::string bytes;
   DWORD error = ERROR_SUCCESS;
