@@ -450,8 +450,6 @@ void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
 std::wstring CSession::WhiteListFile() const { return m_userData + L"\\whitelist.txt"; }
 
 void CSession::LoadWhiteList() {
-  // Bit 0x2 stops every walk and is never saved with the protected paths.
-  m_whiteList.SafeGuardPath(QuarantineRoot().c_str(), 0x2);
   const std::wstring file = WhiteListFile();
   std::string bytes;
   DWORD error = ERROR_SUCCESS;
@@ -612,6 +610,14 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
   CFakeBaseIUnknown<CHitCollector> collector(m_whiteList, options.keep, results);
   collector.SetObserver(options.observer);
   CRunAgeFilters ages(options.olderThanDays);
+  // The managed quarantines are never scanned; the guard lasts for this scan
+  // only, so it is never saved or listed with the protected paths.
+  const std::wstring quarantines = QuarantineRoot();
+  const bool guard = !(m_whiteList.CheckProtection(quarantines.c_str()) & 0x1);
+  if (guard) m_whiteList.SafeGuardPath(quarantines.c_str(), 0x1);
+  auto unguard = broom::scope_exit([&] {
+    if (guard) m_whiteList.RemovePath(quarantines.c_str(), 0x1);
+  });
 
   for (size_t i = 0; i < items.size(); ++i) {
     if (notify.IsCancelled()) break;

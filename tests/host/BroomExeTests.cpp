@@ -599,8 +599,9 @@ TEST_F(BroomExe, DamagedManifestsAreRefusedBeforeAnythingMoves) {
 }
 
 TEST_F(BroomExe, ManagedQuarantinesAreListedRestoredByNameOrLatestAndPurgedByTheirDate) {
-  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
   const std::wstring root = AppData() + L"\\Broom\\Quarantine", old = L"2001-02-03 04.05.06";
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))},
+             {L"T", L"Quarantines", L"", Clean(root + L"\\*")}});
   auto clean = [&](const std::wstring& name, size_t bytes) {
     std::wstring file = WriteFile(Tree(L"junk\\" + name), Bytes(bytes, static_cast<unsigned>(bytes)));
     RunResult r = Run({L"clean", L"--yes", L"--quarantine"});
@@ -617,6 +618,7 @@ TEST_F(BroomExe, ManagedQuarantinesAreListedRestoredByNameOrLatestAndPurgedByThe
   WriteFile(root + L"\\2000-01-01 00.00.00\\broom-quarantine.json", "{}");
   EXPECT_EQ(0u, Run({L"clean", L"--yes", L"--quarantine"}).code);  // nothing found: no folder is left
 
+  EXPECT_EQ(0u, Json(Run({L"scan", L"--json", L"T/Quarantines"}))["total"]["files"]) << "never scanned";
   nlohmann::json all = list();
   ASSERT_EQ(4u, all.size()) << all.dump(2);
   EXPECT_EQ(300u, all[0]["size"]);  // newest first, a taken second gets " (2)"
