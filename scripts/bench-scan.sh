@@ -15,7 +15,8 @@ if [ ! -x /usr/bin/time ]; then
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends time >/dev/null
 fi
 
-run() { "$here/scripts/wine-run.sh" "$wine" "$build/wineprefix" "$@"; }
+runner=("$here/scripts/wine-run.sh" "$wine" "$build/wineprefix")
+run() { "${runner[@]}" "$@"; }
 run --start-server "$wineserver" >/dev/null
 
 tree=$build/bench-tree
@@ -49,11 +50,11 @@ median() { tr ' ' '\n' | grep -v '^$' | sort -g | awk '{a[NR]=$1} END {print (NR
 
 for i in $(seq 1 "$rounds"); do
   echo "round $i"
-  measure bare run "$build/bin/bench_bare_walk.exe" "$wtree"
-  measure scan run "$build/bin/broom.exe" --defs "$wdefs" scan
-  measure scan-files run "$build/bin/broom.exe" --defs "$wdefs" scan --files
-  measure scan-json run "$build/bin/broom.exe" --defs "$wdefs" scan --json
-  measure scan-nolog run "$build/bin/broom.exe" --defs "$wdefs" --no-log scan
+  measure bare "${runner[@]}" "$build/bin/bench_bare_walk.exe" "$wtree"
+  measure scan "${runner[@]}" "$build/bin/broom.exe" --defs "$wdefs" scan
+  measure scan-files "${runner[@]}" "$build/bin/broom.exe" --defs "$wdefs" scan --files
+  measure scan-json "${runner[@]}" "$build/bin/broom.exe" --defs "$wdefs" scan --json
+  measure scan-nolog "${runner[@]}" "$build/bin/broom.exe" --defs "$wdefs" --no-log scan
 done
 run --stop-server "$wineserver"
 
