@@ -23,6 +23,7 @@ struct SOptions {
   unsigned long cancelAfterFiles = 0;  // hidden: simulates Ctrl+C after that many files
   unsigned long olderThan = 0;         // days; 0: no age limit
   bool force = false;                  // clean items past the runaway limits
+  unsigned long long runawayFiles = 0; // hidden: a test's own runaway file limit
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
@@ -47,5 +48,6 @@ int CmdProtect(CSession& session, const SOptions& options);
 int CmdUnprotect(CSession& session, const SOptions& options);
 int CmdProtected(CSession& session);
 int CmdWinapp2Check(const SOptions& options);
+int CmdExplain(CSession& session, const SOptions& options);
 
 }  // namespace host

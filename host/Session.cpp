@@ -224,20 +224,33 @@ class CScanNotify : public IOperationProgressNotify, public IOperationStatusNoti
   int m_total = 0, m_position = 0;
 };
 
-// Adds an age filter to every file operation of a run and takes it out
-// again afterwards, so the tree is as loaded for the next run.
+// Adds an age filter to every file operation of a run, or takes the age
+// filters out for the run, and puts the filters back as they were
+// afterwards, so the tree is as loaded for the next run.
 class CRunAgeFilters {
  public:
-  explicit CRunAgeFilters(unsigned long days) : m_days(days) {}
+  CRunAgeFilters(unsigned long days, bool withoutAges) : m_days(days), m_withoutAges(withoutAges) {}
   ~CRunAgeFilters() {
     for (auto& added : m_added) added.first->RemoveFilter(added.second);
+    for (auto& removed : m_removed) removed.first->AddFilter(removed.second);
   }
   CRunAgeFilters(const CRunAgeFilters&) = delete;
   CRunAgeFilters& operator=(const CRunAgeFilters&) = delete;
 
   void Apply(IScanOperation* op) {
     auto* files = dynamic_cast<CBaseFileScan*>(op);
-    if (m_days == 0 || !files) return;
+    if (!files) return;
+    if (m_withoutAges) {
+      std::vector<CBaseFileScan::IFilter*> ages;
+      for (const auto& filter : files->GetFilters())
+        if (dynamic_cast<CBaseFileScan::_FilterRejectRecentFiles_Impl*>(filter.Get())) ages.push_back(filter.Get());
+      for (CBaseFileScan::IFilter* age : ages) {
+        m_removed.emplace_back(files, age);  // holds it while it is out of the list
+        files->RemoveFilter(age);
+      }
+      return;
+    }
+    if (m_days == 0) return;
     auto* age = new IUnknownNoQIImp<CBaseFileScan::_FilterRejectRecentFiles_Impl>();
     CRefPtr<CBaseFileScan::IFilter> hold(age);
     age->SetAge(m_days, false);
@@ -247,7 +260,9 @@ class CRunAgeFilters {
 
  private:
   unsigned long m_days;
+  bool m_withoutAges;
   std::vector<std::pair<CBaseFileScan*, CBaseFileScan::IFilter*>> m_added;
+  std::vector<std::pair<CBaseFileScan*, CRefPtr<CBaseFileScan::IFilter>>> m_removed;
 };
 
 // Which files were already counted, by their upper-cased full path. A scan
@@ -290,6 +305,7 @@ class CHitCollector : public IResultsCollector {
   void SetTarget(SItemResult* target) { m_target = target; }
   void SetOperation(const IScanOperation* op) { m_op = op; }
   void SetObserver(IScanObserver* observer) { m_observer = observer; }
+  void SetEveryItem(bool everyItem) { m_everyItem = everyItem; }
 
   void AddItem(ICleanableItem* item) override {
     if (!item || !m_target) return;
@@ -317,7 +333,7 @@ class CHitCollector : public IResultsCollector {
       ++m_results.protectedSkipped;
       return;
     }
-    if (!m_seen.Insert(path, length)) return;
+    if (!m_everyItem && !m_seen.Insert(path, length)) return;
     unsigned __int64 size = item->GetSize();
     m_target->size += size;
     ++m_target->files;
@@ -341,6 +357,7 @@ class CHitCollector : public IResultsCollector {
   SItemResult* m_target = nullptr;
   const IScanOperation* m_op = nullptr;
   IScanObserver* m_observer = nullptr;
+  bool m_everyItem = false;
 };
 
 }  // namespace
@@ -609,11 +626,12 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
   CScanNotify notify(options, results.files);
   CFakeBaseIUnknown<CHitCollector> collector(m_whiteList, options.keep, results);
   collector.SetObserver(options.observer);
-  CRunAgeFilters ages(options.olderThanDays);
+  collector.SetEveryItem(options.everyItem);
+  CRunAgeFilters ages(options.olderThanDays, options.withoutAgeFilters);
 
   for (size_t i = 0; i < items.size(); ++i) {
     if (notify.IsCancelled()) break;
-    results.items.push_back(SItemResult{items[i], {}, 0, 0, {}});
+    results.items.push_back(SItemResult{items[i], {}, 0, 0, {}, {}});
     SItemResult& current = results.items.back();
     collector.SetTarget(&current);
     notify.Begin(items[i].path, i, items.size());

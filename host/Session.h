@@ -45,6 +45,10 @@ struct SHit {
   std::wstring path;
   unsigned __int64 size = 0;
   const IScanOperation* op = nullptr;  // the operation that found it, in the session's tree
+  // The guard's verdict, once asked: why it may not be cleaned, or the
+  // user's own folder it lies in ("Documents"); both empty otherwise.
+  CString refusal;
+  CString userFolder;
 };
 
 struct SItemResult {
@@ -53,6 +57,7 @@ struct SItemResult {
   unsigned __int64 files = 0;
   unsigned __int64 size = 0;
   std::vector<std::wstring> errors;  // operations that failed to run
+  std::wstring refusal;              // why none of its hits may be cleaned (past the runaway limits)
 };
 
 // What a scan keeps of each hit: only the totals (a scan that reports
@@ -79,6 +84,8 @@ struct SScanOptions {
   unsigned long cancelAfterFiles = 0;  // a test's way to cancel after so many files
   unsigned long olderThanDays = 0;     // 0: no age limit beyond the definitions' own
   IScanObserver* observer = nullptr;   // null: the console's progress line
+  bool withoutAgeFilters = false;      // runs the rules as if none had an age (to explain a miss)
+  bool everyItem = false;              // a file found by several items is kept for each, not the first only
 };
 
 struct SScanResults {

@@ -52,6 +52,9 @@ int Run(int argc, wchar_t** argv) {
   scan->add_option("items", options.items, "Item or group paths, e.g. \"System/Temporary files\"");
   scan->add_flag("--files", options.files, "List every file found");
   scan->add_flag("--json", options.json, "Print the results as JSON");
+  scan->add_option("--older-than", options.olderThan, "Only files last changed at least DAYS days ago")
+      ->type_name("DAYS")
+      ->check(CLI::Range(1ul, 36500ul));
   scan->add_option("--cancel-after-files", options.cancelAfterFiles)->group("");
 
   CLI::App* clean = app.add_subcommand("clean", "Scan, confirm, then delete what was found (or move it aside)");
@@ -60,7 +63,20 @@ int Run(int argc, wchar_t** argv) {
   clean->add_flag("-y,--yes", options.yes, "Do not ask for confirmation");
   clean->add_option("--quarantine", options.quarantine, "Move the files into DIR instead of deleting them")
       ->type_name("DIR");
+  clean->add_option("--older-than", options.olderThan, "Only files last changed at least DAYS days ago")
+      ->type_name("DAYS")
+      ->check(CLI::Range(1ul, 36500ul));
+  clean->add_flag("--force", options.force,
+                  "Clean items that found more than 100,000 files or 20 GB (other refusals stay)");
   clean->add_option("--cancel-after-files", options.cancelAfterFiles)->group("");
+  clean->add_option("--runaway-files", options.runawayFiles)->group("");
+
+  CLI::App* explain = app.add_subcommand(
+      "explain", "Show which items and rules would take a file, or why none would (protected, too new, no match)");
+  explain->add_option("PATH", options.path, "A file or folder")->required();
+  explain->add_option("--older-than", options.olderThan, "As for scan and clean")
+      ->type_name("DAYS")
+      ->check(CLI::Range(1ul, 36500ul));
 
   CLI::App* restore = app.add_subcommand("restore", "Move the files of a quarantine folder back where they were");
   restore->add_option("DIR", options.folder, "The folder given to clean --quarantine")->required();
@@ -111,6 +127,7 @@ int Run(int argc, wchar_t** argv) {
   if (unprotect->parsed()) return CmdUnprotect(session, options);
   if (listProtected->parsed()) return CmdProtected(session);
   if (winapp2Check->parsed()) return CmdWinapp2Check(options);
+  if (explain->parsed()) return CmdExplain(session, options);
   return exitUsage;
 }
 

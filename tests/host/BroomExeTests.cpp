@@ -1,6 +1,7 @@
 // Runs broom.exe as a user would, with pipes for its standard handles, a
 // private LOCALAPPDATA and definition folders and file trees made per test.
 #include <windows.h>
+#include <shlobj.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -330,6 +331,12 @@ TEST_F(BroomExe, ScanTotalsAreTheRealSizesAndJsonParses) {
   for (auto& item : j["items"])
     for (auto& hit : item["hits"]) sum += hit["size"].get<size_t>();
   EXPECT_EQ(logTotal + cacheTotal, sum);
+  // Every hit names the rule that found it: the second item's line.
+  const nlohmann::json& source = j["items"][0]["hits"][0]["source"];
+  EXPECT_EQ(Narrow(Defs() + L"\\test.xml"), source["file"]);
+  EXPECT_EQ(4, source["line"]);
+  EXPECT_EQ("file", source["kind"]);
+  EXPECT_EQ(Narrow(Tree(L"cache\\*")), source["text"]);
 
   RunResult table = Run({L"scan"});
   ASSERT_EQ(0u, table.code);
@@ -740,6 +747,97 @@ TEST_F(BroomExe, CancellationStopsALongScanAndCleansNothing) {
   EXPECT_EQ(130u, c.code);
   EXPECT_NE(std::string::npos, c.err.find("nothing was cleaned")) << c.err;
   for (int d = 0; d < 40; ++d) EXPECT_TRUE(Exists(Tree(L"many\\d" + std::to_wstring(d) + L"\\f0")));
+}
+
+// ---- safety nets ----
+
+void SetAgeInDays(const std::wstring& path, int days) {
+  broom::unique_hfile file(
+      CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+  ASSERT_TRUE(file);
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  ULARGE_INTEGER t{{now.dwLowDateTime, now.dwHighDateTime}};
+  t.QuadPart -= static_cast<unsigned long long>(days) * 24 * 3600 * 10000000ull;
+  FILETIME then{t.LowPart, t.HighPart};
+  ASSERT_TRUE(SetFileTime(file.get(), nullptr, &then, &then));
+}
+
+TEST_F(BroomExe, TheGuardRefusesProgramsAndRunawayItemsAndMarksTheUsersOwnFolders) {
+  wchar_t documents[MAX_PATH];
+  ASSERT_EQ(S_OK, SHGetFolderPathW(nullptr, CSIDL_PERSONAL, nullptr, 0, documents));
+  const std::wstring docs = std::wstring(documents) + L"\\broom-guard-test";
+  auto removeDocs = broom::scope_exit([&] { broomtest::RemoveTree(docs); });
+  std::wstring mine = WriteFile(docs + L"\\thumbs.db", 7);
+  std::wstring exe = WriteFile(Tree(L"prog\\tool.exe"), 1), dll = WriteFile(Tree(L"prog\\lib.DLL"), 2);
+  std::wstring txt = WriteFile(Tree(L"prog\\notes.txt"), 3), named = WriteFile(Tree(L"named\\old.exe"), 4);
+  std::vector<std::wstring> many;
+  for (int i = 0; i < 4; ++i) many.push_back(WriteFile(Tree(L"many\\" + std::to_wstring(i)), 1));
+  WriteDefs({{L"T", L"Programs", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"prog\\*"))},
+             {L"T", L"Named", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"named\\*.exe"))},
+             {L"T", L"Mine", L"scan=\"yes\" clean=\"yes\"", Clean(docs + L"\\*")},
+             {L"T", L"Many", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"many\\*"))}});
+
+  nlohmann::json j = Json(Run({L"scan", L"--files", L"--json"}));
+  std::map<std::string, nlohmann::json> hits;
+  for (auto& item : j["items"])
+    for (auto& hit : item["hits"]) hits[hit["path"]] = hit;
+  EXPECT_EQ("Documents", hits[Narrow(mine)]["user_folder"]);
+  EXPECT_NE(std::string::npos, hits[Narrow(exe)].value("refused", "").find("program file (.exe)"));
+  EXPECT_NE(std::string::npos, hits[Narrow(dll)].value("refused", "").find("program file (.dll)"));
+  EXPECT_FALSE(hits[Narrow(txt)].contains("refused"));
+  EXPECT_FALSE(hits[Narrow(named)].contains("refused"));  // its rule names .exe
+
+  RunResult r = Run({L"clean", L"--yes", L"--files", L"--runaway-files", L"3"});
+  EXPECT_EQ(1u, r.code) << r.out << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("[in your Documents]")) << r.out;
+  EXPECT_NE(std::string::npos, r.err.find("refused: " + Narrow(exe) + ": it is a program file")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("refused: the item 'T/Many': it found 4 files, more than the 3")) << r.err;
+  struct {
+    const std::wstring& path;
+    bool stays;
+  } expected[] = {{mine, false}, {exe, true}, {dll, true}, {txt, false}, {named, false},
+                  {many[0], true}, {many[3], true}};
+  for (const auto& e : expected) EXPECT_EQ(e.stays, Exists(e.path)) << Narrow(e.path);
+
+  RunResult forced = Run({L"clean", L"--yes", L"--runaway-files", L"3", L"--force", L"T/Many"});
+  EXPECT_EQ(0u, forced.code) << forced.err;
+  for (const std::wstring& f : many) EXPECT_FALSE(Exists(f));
+}
+
+TEST_F(BroomExe, OlderThanKeepsNewFilesAndExplainSaysWhy) {
+  std::wstring fresh = WriteFile(Tree(L"logs\\fresh.log"), 1), old = WriteFile(Tree(L"logs\\old.log"), 2);
+  std::wstring kept = WriteFile(Tree(L"logs\\kept\\k.log"), 3), none = WriteFile(Tree(L"other.txt"), 4);
+  SetAgeInDays(old, 40);
+  WriteDefs({{L"T", L"Logs", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"logs\\*"))},
+             {L"T", L"Old logs", L"", L"<clean kind=\"file\" olderThan=\"30\">" + Tree(L"logs\\*.log") + L"</clean>"}});
+  ASSERT_EQ(0u, RunBare({L"protect", Tree(L"logs\\kept")}).code);
+
+  struct {
+    std::wstring path;
+    std::vector<std::wstring> extra;
+    unsigned code;
+    const char* says;
+  } cases[] = {
+      {fresh, {}, 0, "is taken by:"},
+      {fresh, {}, 0, "only files last changed 30 or more days ago are taken, and this one is newer"},
+      {fresh, {L"--older-than", L"10"}, 1, "none takes it now"},
+      {old, {L"--older-than", L"10"}, 0, "'T/Old logs' (off by default)"},
+      {kept, {}, 1, "is protected by the entry"},
+      {none, {}, 1, "No enabled item takes"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::wstring> args{L"explain", c.path};
+    args.insert(args.end(), c.extra.begin(), c.extra.end());
+    RunResult r = Run(args);
+    EXPECT_EQ(c.code, r.code) << Narrow(c.path) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find(c.says)) << r.out;
+  }
+
+  RunResult clean = Run({L"clean", L"--yes", L"--older-than", L"10"});
+  ASSERT_EQ(0u, clean.code) << clean.err;
+  EXPECT_TRUE(Exists(fresh));
+  EXPECT_FALSE(Exists(old));
 }
 
 // ---- whitelist and logs ----
