@@ -107,7 +107,7 @@ void CMainWindow::OnCreate() {
     CreateWindowExW(0, WC_BUTTONW, b.text, WS_CHILD | WS_VISIBLE | WS_TABSTOP | BS_PUSHBUTTON, 0, 0, 10, 10, m_window,
                     reinterpret_cast<HMENU>(static_cast<INT_PTR>(b.id)), instance, nullptr);
   m_tree.Create(m_window, IDC_TREE);
-  CreateWindowExW(0, WC_EDITW, L"", WS_CHILD | WS_VISIBLE | ES_MULTILINE | ES_READONLY | WS_VSCROLL, 0, 0, 10, 10,
+  CreateWindowExW(0, WC_EDITW, L"", WS_CHILD | WS_VISIBLE | ES_MULTILINE | ES_READONLY, 0, 0, 10, 10,
                   m_window, reinterpret_cast<HMENU>(IDC_DESCRIPTION), instance, nullptr);
   CreateWindowExW(0, WC_STATICW, L"", WS_CHILD | WS_VISIBLE | SS_LEFT | SS_NOPREFIX | SS_ENDELLIPSIS, 0, 0, 10, 10,
                   m_window, reinterpret_cast<HMENU>(IDC_STATUS), instance, nullptr);
@@ -192,7 +192,7 @@ void CMainWindow::UpdateButtons() {
   const bool usable = m_whiteListError.empty();
   EnableWindow(Control(IDC_SCAN), !busy && usable);
   EnableWindow(Control(IDC_STOP), busy && !m_worker->Stopping());
-  EnableWindow(Control(IDC_CLEAN), !busy && usable && m_results && !m_report && m_results->files > 0);
+  EnableWindow(Control(IDC_CLEAN), !busy && usable && m_results && !m_outcome && m_guard.allowedFiles > 0);
   EnableWindow(Control(IDC_PROTECTED), !busy);
   EnableWindow(Control(IDC_QUARANTINE), !busy);
   // a disabled control must not keep the focus, or the keyboard is lost
@@ -240,7 +240,7 @@ void CMainWindow::OnScan() {
   }
   m_view.Show(nullptr, nullptr);
   m_results.reset();
-  m_report.reset();
+  m_outcome.reset();
   SetText(IDC_TOTAL, L"");
   SetText(IDC_FOLDER, L"");
   SendMessageW(Control(IDC_PROGRESS), PBM_SETPOS, 0, 0);
@@ -264,7 +264,7 @@ void CMainWindow::OnProgress() {
   } else {
     permille = p.total > 0 ? static_cast<int>(1000LL * p.position / p.total) : 0;
     status = L"Cleaning " + host::FormatCount(static_cast<unsigned __int64>(p.position)) + L" of " +
-             host::FormatCount(static_cast<unsigned __int64>(p.total)) + L": " + p.item;
+             host::Plural(static_cast<unsigned __int64>(p.total), L"file", L"files") + L"...";
   }
   if (m_worker->Stopping()) status = L"Stopping...";
   SetText(IDC_STATUS, status);
@@ -277,47 +277,67 @@ void CMainWindow::OnDone(EJob job) {
   SetText(IDC_FOLDER, L"");
   if (job == jobScan) {
     m_results.reset(new host::SScanResults(m_worker->TakeScanResults()));
-    m_report.reset();
+    m_guard = m_worker->TakeGuardSummary();
+    m_outcome.reset();
     const host::SScanResults& r = *m_results;
     size_t errors = 0;
     for (const host::SItemResult& item : r.items) errors += item.errors.size();
     std::wstring status = (r.cancelled ? L"Stopped; found so far " : L"Found ") + FilesAndSize(r.files, r.size) +
                           L" in " + host::Plural(r.items.size(), L"item", L"items") + L".";
     if (errors) status += L" " + host::Plural(errors, L"operation", L"operations") + L" failed (see Note).";
-    if (!r.cancelled && r.files) status += L" Clean (Ctrl+E) removes them.";
+    if (m_guard.refusedFiles)
+      status += L" " + host::Plural(m_guard.refusedFiles, L"file is", L"files are") +
+                L" refused by the safety rules and stay (see Result).";
+    if (!r.cancelled && m_guard.allowedFiles) status += L" Clean (Ctrl+E) removes them.";
     SetText(IDC_STATUS, status);
     SetText(IDC_TOTAL, L"Total: " + FilesAndSize(r.files, r.size));
     SendMessageW(Control(IDC_PROGRESS), PBM_SETPOS, r.cancelled ? 0 : 1000, 0);
   } else {
-    m_report.reset(new SCleanReport(m_worker->TakeCleanReport()));
-    const SCleanReport& c = *m_report;
+    m_outcome.reset(new SCleanOutcome(m_worker->TakeCleanOutcome()));
+    const SCleanOutcome& c = *m_outcome;
+    const host::SCleanReport& n = c.report;
     std::wstring status;
     if (!c.error.empty()) {
       status = L"Nothing was cleaned: " + c.error;
     } else {
-      status = c.quarantine ? L"Moved " + FilesAndSize(c.done, c.freed) + L" to the quarantine."
-                            : L"Cleaned " + host::Plural(c.done, L"file", L"files") + L", freed " +
-                                  host::FormatSize(c.freed) + L".";
-      if (c.failed)
-        status += L" " + host::Plural(c.failed, L"file", L"files") + L" could not be cleaned (see Result).";
-      if (c.cancelled) status += L" Stopped; " + host::Plural(c.untouched, L"file was", L"files were") + L" left untouched.";
+      status = c.quarantine ? L"Moved " + FilesAndSize(n.done, n.freed) + L" to the quarantine."
+                            : L"Cleaned " + host::Plural(n.done, L"file", L"files") + L", freed " +
+                                  host::FormatSize(n.freed) + L".";
+      if (n.failed)
+        status += L" " + host::Plural(n.failed, L"file", L"files") + L" could not be cleaned (see Result).";
+      if (m_guard.refusedFiles)
+        status += L" " + host::Plural(m_guard.refusedFiles, L"refused file stays", L"refused files stay") + L".";
+      if (n.cancelled) status += L" Stopped; " + host::Plural(n.untouched, L"file was", L"files were") + L" left untouched.";
     }
     SetText(IDC_STATUS, status);
-    SetText(IDC_TOTAL, L"Freed: " + host::FormatSize(c.freed));
+    SetText(IDC_TOTAL, (c.quarantine ? L"Moved: " : L"Freed: ") + host::FormatSize(n.freed));
     SendMessageW(Control(IDC_PROGRESS), PBM_SETPOS, 1000, 0);
   }
-  m_view.Show(m_results.get(), m_report.get());
+  m_view.Show(m_results.get(), m_outcome.get());
   UpdateButtons();
 }
 
 void CMainWindow::OnClean() {
   SConfirm confirm;
-  confirm.files = m_results->files;
-  confirm.bytes = m_results->size;
+  confirm.files = m_guard.allowedFiles;
+  confirm.bytes = m_guard.allowedBytes;
+  // what to look at before saying yes: the items, their warnings, the
+  // files in the user's own folders, what the guard refused
+  size_t shown = 0;
   for (const host::SItemResult& r : m_results->items) {
+    if (!r.files || !r.refusal.empty()) continue;
+    if (++shown <= 6) confirm.marks += r.item.path + L": " + FilesAndSize(r.files, r.size) + L"\n";
     const wchar_t* tip = r.item.group ? r.item.group->GetTip() : nullptr;
-    if (r.files && tip && *tip) confirm.marks += L"Warning for " + r.item.path + L": " + tip + L"\n";
+    if (tip && *tip) confirm.marks += L"    Warning: " + std::wstring(tip) + L"\n";
   }
+  if (shown > 6) confirm.marks += L"... and " + host::Plural(shown - 6, L"more item", L"more items") + L"\n";
+  if (m_guard.markedFiles)
+    confirm.marks += L"\n" + host::Plural(m_guard.markedFiles, L"file lies", L"files lie") +
+                     L" in your own folders (Desktop, Documents, Downloads, Pictures, Music, Videos); the "
+                     L"Result column names the folder.\n";
+  if (m_guard.refusedFiles)
+    confirm.marks += L"\n" + host::Plural(m_guard.refusedFiles, L"file is", L"files are") +
+                     L" refused by the safety rules and stay where they are.\n";
   if (!ConfirmClean(m_window, confirm)) return;
   SetText(IDC_STATUS, confirm.quarantine ? L"Moving to quarantine..." : L"Cleaning...");
   SendMessageW(Control(IDC_PROGRESS), PBM_SETPOS, 0, 0);

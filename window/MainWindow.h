@@ -57,7 +57,8 @@ class CMainWindow {
   CResultsView m_view;
   std::unique_ptr<CWorker> m_worker;
   std::unique_ptr<host::SScanResults> m_results;
-  std::unique_ptr<SCleanReport> m_report;
+  host::SGuardSummary m_guard;
+  std::unique_ptr<SCleanOutcome> m_outcome;
 };
 
 }  // namespace broomw

@@ -35,14 +35,14 @@ void AddColumns(HWND list, std::initializer_list<std::pair<const wchar_t*, bool>
 }
 
 std::wstring ItemNote(const host::SItemResult& r, const std::vector<std::wstring>* outcome) {
-  std::wstring note;
+  std::wstring note = r.refusal.empty() ? std::wstring() : L"refused: " + r.refusal;
   for (const std::wstring& e : r.errors) note += (note.empty() ? L"" : L"; ") + e;
   if (outcome) {
     size_t failed = 0, done = 0;
     for (const std::wstring& o : *outcome)
       if (o == L"cleaned" || o == L"moved to quarantine")
         ++done;
-      else if (!o.empty())
+      else if (!o.empty() && o.rfind(L"refused", 0) != 0)
         ++failed;
     if (done || failed)
       note = host::FormatCount(done) + L" done" + (failed ? L", " + host::FormatCount(failed) + L" failed" : L"") +
@@ -82,9 +82,9 @@ void CResultsView::SetDpi(int dpi) {
   InvalidateRect(m_bars, nullptr, TRUE);
 }
 
-void CResultsView::Show(const host::SScanResults* results, const SCleanReport* report) {
+void CResultsView::Show(const host::SScanResults* results, const SCleanOutcome* outcome) {
   m_results = results;
-  m_report = report;
+  m_outcome = outcome;
   m_order.clear();
   m_categories.clear();
   if (results) {
@@ -157,7 +157,7 @@ std::wstring CResultsView::ListText(int row, int column) const {
     case 2:
       return host::FormatSize(r.size);
     default:
-      return ItemNote(r, m_report && index < m_report->outcome.size() ? &m_report->outcome[index] : nullptr);
+      return ItemNote(r, m_outcome && index < m_outcome->outcome.size() ? &m_outcome->outcome[index] : nullptr);
   }
 }
 
@@ -172,8 +172,11 @@ std::wstring CResultsView::FileText(int row, int column) const {
     case 1:
       return host::FormatSize(hit.size);
     default:
-      if (m_report && m_shown < m_report->outcome.size() && static_cast<size_t>(row) < m_report->outcome[m_shown].size())
-        return m_report->outcome[m_shown][static_cast<size_t>(row)];
+      if (m_outcome && m_shown < m_outcome->outcome.size() && static_cast<size_t>(row) < m_outcome->outcome[m_shown].size())
+        return m_outcome->outcome[m_shown][static_cast<size_t>(row)];
+      if (!m_results->items[m_shown].refusal.empty()) return L"refused: " + m_results->items[m_shown].refusal;
+      if (!hit.refusal.IsEmpty()) return L"refused: " + std::wstring(hit.refusal.GetString());
+      if (!hit.userFolder.IsEmpty()) return L"in your " + std::wstring(hit.userFolder.GetString()) + L" folder";
       return std::wstring();
   }
 }
@@ -219,10 +222,14 @@ bool CResultsView::OnNotify(NMHDR* header, LRESULT& result) {
 }
 
 LRESULT CALLBACK CResultsView::BarsProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+  auto* view = reinterpret_cast<CResultsView*>(GetWindowLongPtrW(window, GWLP_USERDATA));
+  if (message == WM_SETFONT && view) {
+    view->m_font = reinterpret_cast<HFONT>(wParam);
+    return 0;
+  }
   if (message == WM_PAINT) {
     PAINTSTRUCT paint;
     HDC dc = BeginPaint(window, &paint);
-    auto* view = reinterpret_cast<CResultsView*>(GetWindowLongPtrW(window, GWLP_USERDATA));
     RECT area;
     GetClientRect(window, &area);
     if (view) view->PaintBars(dc, area);
@@ -233,8 +240,7 @@ LRESULT CALLBACK CResultsView::BarsProc(HWND window, UINT message, WPARAM wParam
 }
 
 void CResultsView::PaintBars(HDC dc, const RECT& area) const {
-  HFONT font = reinterpret_cast<HFONT>(SendMessageW(GetParent(m_bars), WM_GETFONT, 0, 0));
-  HGDIOBJ oldFont = SelectObject(dc, font);
+  HGDIOBJ oldFont = SelectObject(dc, m_font ? m_font : GetStockObject(DEFAULT_GUI_FONT));
   SetBkMode(dc, TRANSPARENT);
   SetTextColor(dc, GetSysColor(COLOR_WINDOWTEXT));
   const int pad = Scale(4, m_dpi), row = Scale(20, m_dpi);

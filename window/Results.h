@@ -22,9 +22,10 @@ class CResultsView {
   HWND Bars() const { return m_bars; }
   void SetDpi(int dpi);
 
-  // Shows results (kept by the caller while shown) and, after a clean, what
-  // became of each hit; null results clear the view.
-  void Show(const host::SScanResults* results, const SCleanReport* report);
+  // Shows results (kept by the caller while shown) with the guard's
+  // verdicts and, after a clean, what became of each hit; null results clear
+  // the view.
+  void Show(const host::SScanResults* results, const SCleanOutcome* outcome);
   bool OnNotify(NMHDR* header, LRESULT& result);
 
  private:
@@ -41,8 +42,9 @@ class CResultsView {
 
   HWND m_list = nullptr, m_files = nullptr, m_bars = nullptr;
   int m_dpi = 96;
+  HFONT m_font = nullptr;  // the window's, given with WM_SETFONT
   const host::SScanResults* m_results = nullptr;
-  const SCleanReport* m_report = nullptr;
+  const SCleanOutcome* m_outcome = nullptr;
   std::vector<size_t> m_order;  // rows of the item list, as sorted
   int m_sortColumn = 2;         // by size, largest first
   bool m_descending = true;

@@ -3,8 +3,8 @@
 #include <objbase.h>
 
 #include <memory>
+#include <unordered_map>
 
-#include "clean/CleanItems.h"
 #include "core/Handles.h"
 #include "host/Console.h"
 #include "host/Quarantine.h"
@@ -28,6 +28,16 @@ std::wstring ErrorText() {
   }
 }
 
+// A new folder for each clean that moves files aside.
+std::wstring QuarantineFolder(host::CSession& session) {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  wchar_t name[32];
+  swprintf(name, 32, L"%04u-%02u-%02u %02u%02u%02u", now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
+           now.wSecond);
+  return session.UserDataFolder() + L"\\Quarantine\\" + name;
+}
+
 }  // namespace
 
 CWorker::~CWorker() {
@@ -48,6 +58,7 @@ void CWorker::Begin(EJob job) {
 void CWorker::StartScan(host::CSession& session, std::vector<host::SItem> items) {
   Begin(jobScan);
   m_scan = host::SScanResults();
+  m_guard = host::SGuardSummary();
   m_thread = std::thread([this, &session, items = std::move(items)] {
     HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     broom::unique_couninitialize com(SUCCEEDED(hr));
@@ -57,8 +68,10 @@ void CWorker::StartScan(host::CSession& session, std::vector<host::SItem> items)
     try {
       session.BeginScanLog(L"scan (window)");
       m_scan = session.Scan(items, options);
+      m_guard = host::ApplyGuard(session, CBlastGuard(), m_scan, false);
     } catch (...) {
       m_scan = host::SScanResults();
+  m_guard = host::SGuardSummary();
       m_scan.cancelled = true;
       host::SItemResult failed;
       failed.errors.push_back(ErrorText());
@@ -70,7 +83,7 @@ void CWorker::StartScan(host::CSession& session, std::vector<host::SItem> items)
 
 void CWorker::StartClean(host::CSession& session, host::SScanResults& results, bool quarantine) {
   Begin(jobClean);
-  m_clean = SCleanReport();
+  m_clean = SCleanOutcome();
   m_thread = std::thread([this, &session, &results, quarantine] {
     // A failed shell delete falls back to a COM server on this thread.
     HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
@@ -85,80 +98,50 @@ void CWorker::StartClean(host::CSession& session, host::SScanResults& results, b
 }
 
 void CWorker::RunClean(host::CSession& session, host::SScanResults& results, bool quarantine) {
-  SCleanReport& report = m_clean;
-  report.quarantine = quarantine;
-  for (const host::SItemResult& r : results.items) report.outcome.emplace_back(r.hits.size());
+  SCleanOutcome& clean = m_clean;
+  clean.quarantine = quarantine;
+  m_reached = 0;
+  m_failures.clear();
   std::unique_ptr<host::CQuarantine> box;
   if (quarantine) {
-    SYSTEMTIME now;
-    GetLocalTime(&now);
-    wchar_t name[32];
-    swprintf(name, 32, L"%04u-%02u-%02u %02u%02u%02u", now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
-             now.wSecond);
-    report.quarantineFolder = session.UserDataFolder() + L"\\Quarantine\\" + name;
-    box.reset(new host::CQuarantine(report.quarantineFolder, true));
-    session.WhiteList().SafeGuardPath(report.quarantineFolder.c_str(), 0x1);
+    clean.quarantineFolder = QuarantineFolder(session);
+    box.reset(new host::CQuarantine(clean.quarantineFolder, true));
   }
+  clean.report = host::CleanHits(results, box.get(), *this);
 
-  size_t total = 0, index = 0;
-  for (const host::SItemResult& r : results.items) total += r.hits.size();
-  auto account = [&](size_t item, size_t hit, DWORD code) {
-    const host::SHit& h = results.items[item].hits[hit];
-    if (code == 0 || code == 0xC0000000) {
-      ++report.done;
-      report.freed += h.size;
-      report.outcome[item][hit] = quarantine ? L"moved to quarantine" : L"cleaned";
-    } else {
-      ++report.failed;
-      report.outcome[item][hit] = host::ExplainResult(code);
-    }
-  };
-  // Deletions go to the engine in runs; a stop is honoured between runs.
-  std::vector<std::pair<size_t, size_t>> run;
-  std::vector<ICleanableItem*> items;
-  std::vector<DWORD> codes;
-  auto flush = [&] {
-    if (run.empty()) return;
-    codes.assign(run.size(), 0);
-    CleanItems(items.data(), items.size(), codes.data());
-    for (size_t i = 0; i < run.size(); ++i) account(run[i].first, run[i].second, codes[i]);
-    run.clear();
-    items.clear();
-  };
-  for (size_t i = 0; i < results.items.size() && !m_cancel; ++i) {
-    OnItem(results.items[i].item.path, i, results.items.size());
-    for (size_t j = 0; j < results.items[i].hits.size() && !m_cancel; ++j) {
-      host::SHit& hit = results.items[i].hits[j];
-      ++index;
-      {
-        std::lock_guard<std::mutex> hold(m_lock);
-        m_progress.position = static_cast<int>(index);
-        m_progress.total = static_cast<int>(total);
-        m_progress.folder = hit.path;
-        m_progress.files = report.done;
-        m_progress.bytes = report.freed;
+  // what became of each hit: CleanHits takes the allowed hits in order, so
+  // the first m_reached of them were cleaned unless they failed
+  std::unordered_map<std::wstring, std::wstring> failed(m_failures.begin(), m_failures.end());
+  unsigned __int64 allowed = 0;
+  for (const host::SItemResult& r : results.items) {
+    clean.outcome.emplace_back();
+    for (const host::SHit& hit : r.hits) {
+      std::wstring what;
+      if (!r.refusal.empty())
+        what = L"refused: " + r.refusal;
+      else if (!hit.refusal.IsEmpty())
+        what = L"refused: " + std::wstring(hit.refusal.GetString());
+      else if (hit.item && ++allowed <= m_reached) {
+        auto f = failed.find(hit.path);
+        what = f != failed.end() ? f->second : quarantine ? L"moved to quarantine" : L"cleaned";
       }
-      Post(false);
-      if (box) {
-        std::wstring refused = box->CannotHold(hit.path);
-        if (refused.empty()) {
-          account(i, j, box->Add(hit));
-        } else {
-          ++report.failed;
-          report.outcome[i][j] = refused;
-        }
-        continue;
-      }
-      run.emplace_back(i, j);
-      items.push_back(hit.item.Get());
-      if (run.size() == kCleanRun) flush();
+      clean.outcome.back().push_back(what);
     }
-    flush();
   }
-  flush();
-  report.cancelled = m_cancel;
-  report.untouched = total - report.done - report.failed;
 }
+
+void CWorker::OnProgress(unsigned __int64 index, unsigned __int64 total, const std::wstring& path) {
+  m_reached = index;
+  {
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_progress.position = static_cast<int>(index);
+    m_progress.total = static_cast<int>(total);
+    m_progress.folder = path;
+  }
+  Post(false);
+}
+
+void CWorker::OnFailure(const std::wstring& path, const std::wstring& reason) { m_failures.emplace_back(path, reason); }
 
 void CWorker::Join() {
   if (m_thread.joinable()) m_thread.join();

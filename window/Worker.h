@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "host/CleanRun.h"
 #include "host/Session.h"
 
 namespace broomw {
@@ -29,18 +30,17 @@ struct SProgress {
   unsigned __int64 files = 0, bytes = 0;
 };
 
-// What a clean did, for the window to show: per hit, in the order of the
-// scan results, what became of it.
-struct SCleanReport {
-  unsigned __int64 done = 0, failed = 0, freed = 0, untouched = 0;
-  bool cancelled = false;
+// What a clean did, for the window to show: the totals and, per hit in the
+// order of the scan results, what became of it.
+struct SCleanOutcome {
+  host::SCleanReport report;
   bool quarantine = false;
   std::wstring quarantineFolder;
   std::wstring error;  // the clean could not start at all
-  std::vector<std::vector<std::wstring>> outcome;  // [item][hit]: "" not reached, else what happened
+  std::vector<std::vector<std::wstring>> outcome;  // [item][hit]: "" untouched, else what happened
 };
 
-class CWorker : private host::IScanObserver {
+class CWorker : private host::IScanObserver, private host::ICleanObserver {
  public:
   explicit CWorker(HWND window) : m_window(window) {}
   ~CWorker();
@@ -58,15 +58,19 @@ class CWorker : private host::IScanObserver {
   SProgress Snapshot();
   // On WM_WORKER_DONE: waits for the thread (it has finished its work).
   void Join();
+  // The scan's results with the blast-radius guard's verdict on every hit.
   host::SScanResults TakeScanResults() { return std::move(m_scan); }
-  SCleanReport TakeCleanReport() { return std::move(m_clean); }
+  host::SGuardSummary TakeGuardSummary() { return std::move(m_guard); }
+  SCleanOutcome TakeCleanOutcome() { return std::move(m_clean); }
 
  private:
   void OnItem(const std::wstring& itemPath, size_t index, size_t count) override;
   void OnProgress(int position, int total) override;
   void OnFolder(const std::wstring& folder) override;
   void OnHits(unsigned __int64 files, unsigned __int64 bytes) override;
-  bool IsCancelled() override { return m_cancel; }
+  bool IsCancelled() override { return m_cancel; }  // of both the scan and the clean
+  void OnProgress(unsigned __int64 index, unsigned __int64 total, const std::wstring& path) override;
+  void OnFailure(const std::wstring& path, const std::wstring& reason) override;
   void Post(bool force);
   void Begin(EJob job);
   void RunClean(host::CSession& session, host::SScanResults& results, bool quarantine);
@@ -80,7 +84,10 @@ class CWorker : private host::IScanObserver {
   std::mutex m_lock;
   SProgress m_progress;  // under m_lock
   host::SScanResults m_scan;
-  SCleanReport m_clean;
+  host::SGuardSummary m_guard;
+  SCleanOutcome m_clean;
+  unsigned __int64 m_reached = 0;                 // hits the clean has come to
+  std::vector<std::pair<std::wstring, std::wstring>> m_failures;  // path, reason
 };
 
 }  // namespace broomw

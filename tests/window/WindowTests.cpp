@@ -75,8 +75,13 @@ std::wstring WindowText(HWND window) {
   return text;
 }
 
-// Writes what the screen shows of a window to screenshots/NAME.png.
+// Writes what the screen shows of a window to screenshots/NAME.png, once
+// it has drawn what it was last told.
 void Screenshot(HWND window, const wchar_t* name) {
+  for (int i = 0; i < 3; ++i) {
+    SendMessageTimeoutW(window, WM_NULL, 0, 0, SMTO_ABORTIFHUNG, 5000, nullptr);
+    Sleep(100);
+  }
   RECT r;
   GetWindowRect(window, &r);
   const int w = r.right - r.left, h = r.bottom - r.top;
