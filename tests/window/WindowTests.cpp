@@ -77,8 +77,8 @@ std::wstring WindowText(HWND window) {
 
 // Writes what the screen shows of a window to screenshots/NAME.png, once
 // it has drawn what it was last told.
-void Screenshot(HWND window, const wchar_t* name) {
-  for (int i = 0; i < 3; ++i) {
+void Screenshot(HWND window, const wchar_t* name, bool settle = true) {
+  for (int i = 0; settle && i < 3; ++i) {
     SendMessageTimeoutW(window, WM_NULL, 0, 0, SMTO_ABORTIFHUNG, 5000, nullptr);
     Sleep(100);
   }
@@ -342,6 +342,83 @@ TEST_F(Window, TicksScansListsAndCleans) {
   EXPECT_TRUE(Exists(m_dir / L"work\\keep.txt"));
   EXPECT_EQ(ReadFile(m_dir / L"logs\\build.log"), "");
   EXPECT_EQ(w.Rows(IDC_FILES, 3), std::vector<std::wstring>{root + L"\\logs\\build.log|8.8 KB|cleaned"});
+}
+
+TEST_F(Window, StopsAScanAndRemembersWhereItWas) {
+  for (int f = 0; f < 100; ++f)
+    for (int i = 0; i < 30; ++i)
+      WriteFile(m_dir / (L"big\\f" + std::to_wstring(f) + L"\\file" + std::to_wstring(i) + L".tmp"), "x");
+  std::wstring defs = Defs(m_dir, L"<group name=\"Caches\" scan=\"yes\"><item name=\"Temporary files\">"
+                                  L"<clean kind=\"file\">" + m_dir.Path() + L"\\big\\*</clean></item></group>\n");
+  const RECT placed = {40, 50, 940, 690};
+  {
+    CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+    ASSERT_TRUE(w.Main());
+    // Stop right behind Scan: the scan has barely begun when it is told
+    w.Click(IDC_SCAN);
+    w.Click(IDC_STOP);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Stopped; found so far", 0) == 0; }))
+        << broomtest::Narrow(w.Status());
+    w.Click(IDC_SCAN);
+    ASSERT_TRUE(WaitFor([&] { return !WindowText(w.Control(IDC_FOLDER)).empty(); }));
+    Screenshot(w.Main(), L"scanning", false);
+    EXPECT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found 3,000 files", 0) == 0; }))
+        << broomtest::Narrow(w.Status());
+    SetWindowPos(w.Main(), nullptr, placed.left, placed.top, placed.right - placed.left, placed.bottom - placed.top,
+                 SWP_NOZORDER);
+  }
+  // no --defs: the folders of the last start, and the window where it was
+  CBroomw again({}, m_dir / L"appdata");
+  ASSERT_TRUE(again.Main());
+  RECT r;
+  GetWindowRect(again.Main(), &r);
+  EXPECT_EQ(std::vector<LONG>({r.left, r.top, r.right, r.bottom}),
+            std::vector<LONG>({placed.left, placed.top, placed.right, placed.bottom}));
+  EXPECT_EQ(again.State(L"Temporary files"), 2);
+}
+
+TEST_F(Window, ProtectedPathsReachTheFileAndTheScan) {
+  WriteFile(m_dir / L"work\\a.bak", 100);
+  std::wstring defs = Defs(m_dir, L"<group name=\"Demo\" scan=\"yes\"><item name=\"Backups\">"
+                                  L"<clean kind=\"file\">" + m_dir.Path() + L"\\work\\*.bak</clean></item></group>\n");
+  const std::wstring list = m_dir / L"appdata\\Broom\\whitelist.txt";
+  CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  auto open = [&] {
+    w.Click(IDC_PROTECTED);
+    HWND dialog = nullptr;
+    EXPECT_TRUE(WaitFor([&] { return (dialog = w.Find(L"#32770", L"Protected")) && IsWindowVisible(dialog); }));
+    return dialog;
+  };
+  HWND dialog = open();
+  ASSERT_TRUE(dialog);
+  std::wstring folder = m_dir / L"work";
+  SendMessageW(GetDlgItem(dialog, IDC_PROT_PATH), WM_SETTEXT, 0, reinterpret_cast<LPARAM>(folder.c_str()));
+  PostMessageW(GetDlgItem(dialog, IDC_PROT_ADD), BM_CLICK, 0, 0);
+  HWND paths = GetDlgItem(dialog, IDC_PROT_LIST);
+  ASSERT_TRUE(WaitFor([&] { return SendMessageW(paths, LB_GETCOUNT, 0, 0) == 1; }));
+  wchar_t listed[MAX_PATH + 1] = {};
+  SendMessageW(paths, LB_GETTEXT, 0, reinterpret_cast<LPARAM>(listed));
+  std::wstring upper = folder;
+  CharUpperW(&upper[0]);
+  EXPECT_EQ(std::wstring(listed), upper);
+  EXPECT_EQ(ReadFile(list), broomtest::Narrow(upper) + "\r\n");
+  Screenshot(dialog, L"protected");
+  PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+  ASSERT_TRUE(WaitFor([&] { return !IsWindow(dialog); }));
+
+  w.Click(IDC_SCAN);  // the protected folder is not entered
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; }));
+  EXPECT_EQ(w.Status(), L"Found 0 files (0 bytes) in 1 item.");
+
+  dialog = open();
+  paths = GetDlgItem(dialog, IDC_PROT_LIST);
+  SendMessageW(paths, LB_SETCURSEL, 0, 0);
+  SendMessageW(dialog, WM_COMMAND, MAKEWPARAM(IDC_PROT_LIST, LBN_SELCHANGE), reinterpret_cast<LPARAM>(paths));
+  PostMessageW(GetDlgItem(dialog, IDC_PROT_REMOVE), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return SendMessageW(paths, LB_GETCOUNT, 0, 0) == 0; }));
+  EXPECT_EQ(ReadFile(list), "");
+  PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
 }
 
 }  // namespace
