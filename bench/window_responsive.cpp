@@ -85,6 +85,7 @@ int wmain(int argc, wchar_t** argv) {
   }
 
   std::vector<double> waits;
+  std::vector<std::pair<double, double>> when;  // wait, seconds since Scan
   auto begin = std::chrono::steady_clock::now();
   PostMessageW(GetDlgItem(main, IDC_SCAN), BM_CLICK, 0, 0);
   for (;;) {
@@ -93,6 +94,7 @@ int wmain(int argc, wchar_t** argv) {
     DWORD_PTR answer = 0;
     SendMessageTimeoutW(main, WM_NULL, 0, 0, SMTO_NORMAL, 30000, &answer);
     waits.push_back(benchtree::Seconds(sent) * 1000.0);
+    when.emplace_back(waits.back(), benchtree::Seconds(begin));
     std::wstring status = Status(main);
     if (status.rfind(L"Found", 0) == 0 || status.rfind(L"Stopped", 0) == 0) {
       std::printf("%ls\n", status.c_str());
@@ -104,6 +106,10 @@ int wmain(int argc, wchar_t** argv) {
   std::printf("scan in the window: %.1f s; %zu messages sent every 50 ms; wait for the answer: median %.2f ms, "
               "longest %.2f ms\n",
               scan, waits.size(), waits[waits.size() / 2], waits.back());
+  std::sort(when.rbegin(), when.rend());
+  std::printf("longest waits:");
+  for (size_t i = 0; i < when.size() && i < 5; ++i) std::printf(" %.1f ms at %.1f s;", when[i].first, when[i].second);
+  std::printf("\n");
   PostMessageW(main, WM_CLOSE, 0, 0);
   if (WaitForSingleObject(pi.hProcess, 30000) != WAIT_OBJECT_0) TerminateProcess(pi.hProcess, 1);
   CloseHandle(pi.hThread);

@@ -239,13 +239,13 @@ void CMainWindow::OnScan() {
     return;
   }
   m_view.Show(nullptr, nullptr);
-  m_results.reset();
+  std::unique_ptr<host::SScanResults> earlier = std::move(m_results);
   m_outcome.reset();
   SetText(IDC_TOTAL, L"");
   SetText(IDC_FOLDER, L"");
   SendMessageW(Control(IDC_PROGRESS), PBM_SETPOS, 0, 0);
   SetText(IDC_STATUS, L"Scanning " + host::Plural(items.size(), L"item", L"items") + L"...");
-  m_worker->StartScan(m_session, std::move(items));
+  m_worker->StartScan(m_session, std::move(items), std::move(earlier));
   UpdateButtons();
 }
 

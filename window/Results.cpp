@@ -110,8 +110,10 @@ void CResultsView::Show(const host::SScanResults* results, const SCleanOutcome* 
   for (size_t i = 0; i < m_order.size(); ++i)
     if (m_order[i] == keep) row = static_cast<int>(i);
   if (!m_order.empty()) {
+    // the selection lists the row's files; a new count costs Wine's list
+    // control time in proportion to it, so it is set once
     ListView_SetItemState(m_list, row, LVIS_SELECTED | LVIS_FOCUSED, LVIS_SELECTED | LVIS_FOCUSED);
-    ShowFiles(row);
+    if (m_shown != m_order[static_cast<size_t>(row)]) ShowFiles(row);
   } else {
     ListView_SetItemCountEx(m_files, 0, 0);
   }
@@ -141,7 +143,7 @@ void CResultsView::Sort() {
 void CResultsView::ShowFiles(int row) {
   m_shown = row >= 0 && static_cast<size_t>(row) < m_order.size() ? m_order[static_cast<size_t>(row)] : SIZE_MAX;
   size_t count = m_shown == SIZE_MAX ? 0 : m_results->items[m_shown].hits.size();
-  ListView_SetItemCountEx(m_files, static_cast<int>(count), 0);
+  ListView_SetItemCountEx(m_files, static_cast<int>(count), LVSICF_NOSCROLL);
   InvalidateRect(m_files, nullptr, TRUE);
 }
 

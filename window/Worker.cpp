@@ -55,11 +55,13 @@ void CWorker::Begin(EJob job) {
   m_progress = SProgress();
 }
 
-void CWorker::StartScan(host::CSession& session, std::vector<host::SItem> items) {
+void CWorker::StartScan(host::CSession& session, std::vector<host::SItem> items,
+                        std::unique_ptr<host::SScanResults> earlier) {
   Begin(jobScan);
   m_scan = host::SScanResults();
   m_guard = host::SGuardSummary();
-  m_thread = std::thread([this, &session, items = std::move(items)] {
+  m_thread = std::thread([this, &session, items = std::move(items), earlier = std::move(earlier)]() mutable {
+    earlier.reset();
     HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     broom::unique_couninitialize com(SUCCEEDED(hr));
     host::SScanOptions options;

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -48,7 +49,10 @@ class CWorker : private host::IScanObserver, private host::ICleanObserver {
   CWorker& operator=(const CWorker&) = delete;
 
   EJob Job() const { return m_job; }
-  void StartScan(host::CSession& session, std::vector<host::SItem> items);
+  // The results of an earlier scan, when given, are released on the worker:
+  // 100,000 hits take long enough to stall the window.
+  void StartScan(host::CSession& session, std::vector<host::SItem> items,
+                 std::unique_ptr<host::SScanResults> earlier = nullptr);
   // Cleans the hits of results, which must stay untouched until the end.
   void StartClean(host::CSession& session, host::SScanResults& results, bool quarantine);
   void Stop() { m_cancel = true; }
