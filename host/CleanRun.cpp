@@ -53,7 +53,8 @@ SGuardSummary ApplyGuard(const CSession& session, const CBlastGuard& guard, SSca
   return summary;
 }
 
-SCleanReport CleanHits(SScanResults& results, CQuarantine* quarantine, ICleanObserver& observer) {
+SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuarantine* quarantine,
+                       ICleanObserver& observer) {
   SCleanReport report;
   unsigned __int64 total = 0, index = 0;
   for (const SItemResult& r : results.items)
@@ -95,7 +96,8 @@ SCleanReport CleanHits(SScanResults& results, CQuarantine* quarantine, ICleanObs
           ++report.failed;
           observer.OnFailure(hit.path, refused);
         } else {
-          account(hit, quarantine->Add(hit));
+          SOperationSource source;
+          account(hit, quarantine->Add(hit, r.item.path, session.SourceOf(hit, source) ? &source : nullptr));
         }
         continue;
       }

@@ -50,6 +50,8 @@ struct SCleanReport {
 // runs that make one trip to the engine's STA thread each; cancellation
 // is checked between hits. Hits of refused items and refused hits are
 // never touched.
-SCleanReport CleanHits(SScanResults& results, CQuarantine* quarantine, ICleanObserver& observer);
+// The session tells the quarantine which rule found each hit.
+SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuarantine* quarantine,
+                       ICleanObserver& observer);
 
 }  // namespace host

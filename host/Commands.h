@@ -1,6 +1,7 @@
 #pragma once
 // The commands of broom.exe, one family per file, and what they share: the
 // parsed options and the small text helpers of their output.
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,8 +17,9 @@ struct SOptions {
   bool files = false;
   bool json = false;
   bool yes = false;
-  std::string quarantine;
-  std::string folder;  // restore
+  std::string quarantine;        // empty with quarantineGiven: a new managed quarantine
+  bool quarantineGiven = false;  // --quarantine, with or without a folder
+  std::string folder;            // restore: latest, a managed quarantine's name or a path
   std::string path;    // protect, unprotect
   std::string file;    // winapp2 check
   unsigned long cancelAfterFiles = 0;  // hidden: simulates Ctrl+C after that many files
@@ -43,7 +45,13 @@ std::wstring ProtectedPathText(const std::wstring& given);
 int CmdList(CSession& session, const SOptions& options);
 int CmdScan(CSession& session, const SOptions& options);
 int CmdClean(CSession& session, const SOptions& options);
-int CmdRestore(const SOptions& options);
+int CmdRestore(CSession& session, const SOptions& options);
+int CmdQuarantineList(CSession& session, const SOptions& options);
+int CmdQuarantinePurge(CSession& session, const SOptions& options);
+class CQuarantine;
+// The quarantine a clean moves into: none without --quarantine, a new
+// managed one without a folder, else the folder (a path); it is never scanned.
+std::unique_ptr<CQuarantine> OpenCleanQuarantine(CSession& session, const SOptions& options);
 int CmdProtect(CSession& session, const SOptions& options);
 int CmdUnprotect(CSession& session, const SOptions& options);
 int CmdProtected(CSession& session);

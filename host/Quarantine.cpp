@@ -6,13 +6,19 @@
 
 #include <nlohmann/json.hpp>
 
+#include <climits>
 #include <map>
 #include <set>
 
 #include "clean/CleanableFolder.h"
+#include "clean/FileSystemOps.h"
 #include "core/Handles.h"
 #include "core/PathString.h"
+#include "host/Commands.h"
 #include "host/Console.h"
+#include "registry/CleanableRegistry.h"
+#include "registry/RegFile.h"
+#include "registry/RegistryPath.h"
 
 namespace host {
 
@@ -20,6 +26,8 @@ namespace {
 
 constexpr unsigned __int64 kMaxManifestBytes = 64 * 1024 * 1024;
 constexpr size_t kMaxPath = MAX_PATH;  // characters, as the engine counts them
+constexpr size_t kMaxRegistryPath = 32767;
+constexpr wchar_t kIncomingName[] = L"broom-incoming.tmp";  // a copy from another drive, until it is whole
 
 bool SameName(const std::wstring& a, const std::wstring& b) {
   return CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()), TRUE) ==
@@ -113,6 +121,25 @@ std::wstring BadOriginal(const std::wstring& path, const std::wstring& folder) {
   return std::wstring();
 }
 
+// Why a recorded registry original is not a key or value path a restore
+// may write to; empty when it is.
+std::wstring BadRegistryOriginal(const std::wstring& path) {
+  if (path.empty()) return L"is empty";
+  if (path.size() > kMaxRegistryPath) return L"is longer than any registry path";
+  for (wchar_t c : path)
+    if (c < 0x20) return L"holds a control character";
+  CRegistryPath parsed;
+  if (!CRegistryPath::StartsWithHive(path.c_str()) || !parsed.Parse(path))
+    return L"is not a registry path (HKCU\\..., HKLM\\...)";
+  if (parsed.IsHiveRoot()) return L"is a hive root";
+  if (parsed.Text() != path) return L"is not written as broom writes it (" + Quoted(parsed.Text(), 80) + L")";
+  return std::wstring();
+}
+
+bool EndsWithNoCase(const std::wstring& text, const std::wstring& end) {
+  return text.size() >= end.size() && SameName(text.substr(text.size() - end.size()), end);
+}
+
 // Why a stored name is not a plain file name of the quarantine folder.
 std::wstring BadStored(const std::wstring& name, const std::wstring& folder) {
   if (name.empty()) return L"is empty";
@@ -123,6 +150,7 @@ std::wstring BadStored(const std::wstring& name, const std::wstring& folder) {
   if (SameName(name, CQuarantine::kManifestName)) return L"is the manifest's own name";
   if (SameName(name, std::wstring(CQuarantine::kManifestName) + L".tmp"))
     return L"is the name of the manifest's temporary copy";
+  if (SameName(name, kIncomingName)) return L"is the name of a copy still being made";
   if (folder.size() + 1 + name.size() > kMaxPath) return L"makes a path longer than 260 characters";
   return std::wstring();
 }
@@ -137,7 +165,14 @@ std::string EntriesDigest(const std::vector<SQuarantineEntry>& entries) {
   if (!CryptCreateHash(provider, CALG_SHA_256, 0, 0, &hash)) return std::string();
   auto destroyHash = broom::scope_exit([&] { CryptDestroyHash(hash); });
   for (const SQuarantineEntry& e : entries) {
-    std::string text = Utf8(e.original) + '\0' + Utf8(e.stored) + '\0' + std::to_string(e.size) + '\n';
+    // the optional fields only when present, so older manifests keep their digest
+    std::string text = Utf8(e.original) + '\0' + Utf8(e.stored) + '\0' + std::to_string(e.size);
+    if (e.registry) text += std::string(1, '\0') + "registry";
+    if (!e.item.empty()) text += std::string(1, '\0') + "item:" + Utf8(e.item);
+    if (e.hasSource)
+      text += std::string(1, '\0') + "source:" + Utf8(e.source.file) + '\0' + std::to_string(e.source.line) + '\0' +
+              Utf8(e.source.kind) + '\0' + Utf8(e.source.text);
+    text += '\n';
     if (!CryptHashData(hash, reinterpret_cast<const BYTE*>(text.data()), static_cast<DWORD>(text.size()), 0))
       return std::string();
   }
@@ -170,6 +205,88 @@ bool ListFolder(const std::wstring& folder, std::vector<SListed>& out) {
   return true;
 }
 
+// Replaces path by the engine's first free "name (N).ext"; false when
+// none fits in 260 characters.
+bool FreeName(std::wstring& path) {
+  try {
+    CPathString free(path.c_str());
+    CFileSystemOps::MakeFreeName(free);
+    path.assign(free.GetBuffer(), free.GetLength());
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+// Both paths lie on one volume, as far as Windows can tell; false when unsure.
+bool SameVolume(const std::wstring& a, const std::wstring& b) {
+  wchar_t rootA[MAX_PATH + 1], rootB[MAX_PATH + 1], nameA[64], nameB[64];
+  return GetVolumePathNameW(a.c_str(), rootA, MAX_PATH + 1) && GetVolumePathNameW(b.c_str(), rootB, MAX_PATH + 1) &&
+         GetVolumeNameForVolumeMountPointW(rootA, nameA, 64) && GetVolumeNameForVolumeMountPointW(rootB, nameB, 64) &&
+         SameName(nameA, nameB);
+}
+
+// A file name for a registry hit's export: the key's name, with the value's
+// name after it, made safe for a file system, and .reg.
+std::wstring ExportName(const CRegistryPath& path) {
+  const std::wstring& subkey = path.Subkey();
+  std::wstring name = subkey.substr(subkey.rfind(L'\\') == std::wstring::npos ? 0 : subkey.rfind(L'\\') + 1);
+  if (path.HasValue()) name += L" " + (path.ValueName().empty() ? std::wstring(L"(Default)") : path.ValueName());
+  for (wchar_t& c : name)
+    if (c < 0x20 || wcschr(L"<>:\"/\\|?*", c)) c = L'_';
+  if (name.size() > 100) name.resize(100);
+  while (!name.empty() && (name.back() == L'.' || name.back() == L' ')) name.pop_back();
+  if (name.empty()) name = L"registry";
+  if (IsDeviceName(name + L".reg")) name = L"_" + name;
+  return name + L".reg";
+}
+
+// The whole content of a file; false when it cannot be read.
+bool ReadBytes(const std::wstring& path, std::string& out) {
+  broom::unique_hfile file(
+      CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  LARGE_INTEGER size = {};
+  if (!file || !GetFileSizeEx(file.get(), &size) || size.QuadPart > 256 * 1024 * 1024) return false;
+  out.assign(static_cast<size_t>(size.QuadPart), '\0');
+  DWORD read = 0;
+  return out.empty() || (::ReadFile(file.get(), &out[0], static_cast<DWORD>(out.size()), &read, nullptr) &&
+                         read == out.size());
+}
+
+// The export in file reads back as a fresh export of the key does.
+bool SameExport(const CCleanableRegistry& key, const std::wstring& file) {
+  wchar_t folder[MAX_PATH + 1], fresh[MAX_PATH + 1];
+  if (!GetTempPathW(MAX_PATH + 1, folder) || !GetTempFileNameW(folder, L"brm", 0, fresh)) return false;
+  auto remove = broom::scope_exit([&] { DeleteFileW(fresh); });
+  std::string written, expected;
+  return key.Export(fresh, true) == 0 && ReadBytes(file, written) && ReadBytes(fresh, expected) &&
+         written == expected;
+}
+
+// Deletes a file, or a folder with everything in it; a link is removed as a
+// link, never followed. What is already gone counts as deleted.
+bool DeleteTree(const std::wstring& path, DWORD& error) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    error = GetLastError();
+    return IsMissing(error);
+  }
+  const bool folder = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  if (folder && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
+    std::vector<SListed> listed;
+    if (!ListFolder(path, listed)) {
+      error = GetLastError();
+      return false;
+    }
+    for (const SListed& item : listed)
+      if (!DeleteTree(path + L"\\" + item.name, error)) return false;
+  }
+  if (attributes & FILE_ATTRIBUTE_READONLY) SetFileAttributesW(path.c_str(), attributes & ~FILE_ATTRIBUTE_READONLY);
+  if (folder ? RemoveDirectoryW(path.c_str()) : DeleteFileW(path.c_str())) return true;
+  error = GetLastError();
+  return false;
+}
+
 std::wstring Field(size_t index, const char* field) {
   return L"entry " + std::to_wstring(index + 1) + L": '" + Wide(field) + L"'";
 }
@@ -193,6 +310,28 @@ std::wstring ExplainResult(DWORD code) {
     default:
       break;
   }
+  if ((code & 0xFFFF0000) == kRegistryFailed) {
+    const DWORD error = code & 0xFFFF;
+    if (code == kRegistryRefused)
+      return L"the registry key is one that Broom never deletes (" + Hex(code) + L")";
+    if (code == kRegistryRestoreConflict)
+      return L"a registry value in the way holds other data now and was left as it is (" + Hex(code) + L")";
+    if (code == kRegistryExportFileExists) return L"the export file exists already (" + Hex(code) + L")";
+    if (error == ERROR_ACCESS_DENIED)
+      return L"access to the registry key is denied: it or a key below it may not be changed, and nothing was (" +
+             Hex(code) + L")";
+    if (error == ERROR_INVALID_DATA) return L"the registry export file is damaged and was not used (" + Hex(code) + L")";
+    return L"the registry refused it: " + SystemMessage(error) + L" (" + Hex(code) + L")";
+  }
+  if (code == kQuarantineFolderAcross)
+    return L"a folder that is not empty is not moved to a quarantine on another drive, since a failure half-way "
+           L"would split it; it stays where it was (" + Hex(code) + L")";
+  if (code == kQuarantineCopyMismatch)
+    return L"its copy in quarantine did not read back the same; the copy was removed and it stays where it was (" +
+           Hex(code) + L")";
+  if ((code & 0xFFFF0000) == kQuarantineMoveFailed)
+    return L"it could not be moved into quarantine (" + SystemMessage(code & 0xFFFF) +
+           L"); it stays where it was and no copy was kept (" + Hex(code) + L")";
   if (code == kFolderNotEmpty)
     return L"the folder is not empty (something in it was kept or not removed), so it stays (" + Hex(code) + L")";
   if ((code & 0xFFFF0000) == kFolderFailed)
@@ -210,6 +349,7 @@ std::wstring ExplainResult(DWORD code) {
 CQuarantine::CQuarantine(const std::wstring& folder, bool create) : m_folder(folder) {
   if (create) {
     int rc = SHCreateDirectoryExW(nullptr, m_folder.c_str(), nullptr);
+    m_created = rc == ERROR_SUCCESS;
     if (rc != ERROR_SUCCESS && rc != ERROR_ALREADY_EXISTS && rc != ERROR_FILE_EXISTS)
       throw CHostError{exitUsage, L"cannot create the quarantine folder " + Quoted(m_folder) + L"; choose a writable folder"};
     DWORD attributes = GetFileAttributesW(m_folder.c_str());
@@ -250,6 +390,18 @@ CQuarantine::CQuarantine(const std::wstring& folder, bool create) : m_folder(fol
                                     SystemMessage(GetLastError()) + L"); nothing was moved: run the command again"};
   file.reset();
   Validate(bytes);
+}
+
+CQuarantine::~CQuarantine() {
+  if (!m_created || !m_entries.empty()) return;
+  // Only the manifest (and its .tmp) may be left in a folder that is removed.
+  std::vector<SListed> listed;
+  if (!ListFolder(m_folder, listed)) return;
+  for (const SListed& item : listed)
+    if (!SameName(item.name, kManifestName) && !SameName(item.name, std::wstring(kManifestName) + L".tmp")) return;
+  DeleteFileW(ManifestPath().c_str());
+  DeleteFileW((ManifestPath() + L".tmp").c_str());
+  RemoveDirectoryW(m_folder.c_str());
 }
 
 std::wstring CQuarantine::Child(const std::wstring& name) const {
@@ -328,10 +480,41 @@ void CQuarantine::Validate(const std::string& bytes) {
     if (size == e.end()) Damaged(Field(i, "size") + L" is missing");
     if (!size->is_number_unsigned()) Damaged(Field(i, "size") + L" is not a whole number of bytes (0 or more)");
     entry.size = size->get<unsigned __int64>();
+    auto kind = e.find("kind");
+    if (kind != e.end()) {
+      if (!kind->is_string() || (*kind != "file" && *kind != "registry"))
+        Damaged(Field(i, "kind") + L" is neither \"file\" nor \"registry\"");
+      entry.registry = *kind == "registry";
+    }
+    auto item = e.find("item");
+    if (item != e.end()) {
+      if (!item->is_string()) Damaged(Field(i, "item") + L" is not a string");
+      entry.item = Wide(item->get<std::string>());
+    }
+    auto source = e.find("source");
+    if (source != e.end()) {
+      if (!source->is_object()) Damaged(Field(i, "source") + L" is not a JSON object");
+      for (const char* name : {"file", "kind", "text"}) {
+        auto field = source->find(name);
+        if (field == source->end()) continue;
+        if (!field->is_string()) Damaged(Field(i, "source") + L"'s '" + Wide(name) + L"' is not a string");
+        CString value(Wide(field->get<std::string>()).c_str());
+        (name[0] == 'f' ? entry.source.file : name[0] == 'k' ? entry.source.kind : entry.source.text) = value;
+      }
+      auto line = source->find("line");
+      if (line != source->end()) {
+        if (!line->is_number_unsigned() || line->get<unsigned __int64>() > INT_MAX)
+          Damaged(Field(i, "source") + L"'s 'line' is not a line number");
+        entry.source.line = line->get<int>();
+      }
+      entry.hasSource = true;
+    }
 
-    std::wstring why = BadOriginal(entry.original, m_folder);
+    std::wstring why = entry.registry ? BadRegistryOriginal(entry.original) : BadOriginal(entry.original, m_folder);
     if (!why.empty()) Damaged(Field(i, "original") + L" " + why + L" (" + Quoted(entry.original, 80) + L")");
     why = BadStored(entry.stored, m_folder);
+    if (why.empty() && entry.registry && !EndsWithNoCase(entry.stored, L".reg"))
+      why = L"is not the name of a registry export (.reg)";
     if (!why.empty()) Damaged(Field(i, "stored") + L" " + why + L" (" + Quoted(entry.stored, 80) + L")");
     auto stored = byStored.emplace(entry.stored, i);
     if (!stored.second)
@@ -381,15 +564,25 @@ void CQuarantine::Validate(const std::string& bytes) {
 }
 
 std::wstring CQuarantine::CannotHold(const std::wstring& path) const {
-  std::wstring why = BadOriginal(path, m_folder);
+  std::wstring why =
+      CRegistryPath::StartsWithHive(path.c_str()) ? BadRegistryOriginal(path) : BadOriginal(path, m_folder);
   if (why.empty()) return why;
   return L"left in place: 'broom restore' could not put it back, since its path " + why;
 }
 
 bool CQuarantine::TrySave(std::wstring& error) const {
   nlohmann::json entries = nlohmann::json::array();
-  for (const SQuarantineEntry& e : m_entries)
-    entries.push_back({{"original", Utf8(e.original)}, {"stored", Utf8(e.stored)}, {"size", e.size}});
+  for (const SQuarantineEntry& e : m_entries) {
+    nlohmann::json entry = {{"original", Utf8(e.original)}, {"stored", Utf8(e.stored)}, {"size", e.size}};
+    if (e.registry) entry["kind"] = "registry";
+    if (!e.item.empty()) entry["item"] = Utf8(e.item);
+    if (e.hasSource)
+      entry["source"] = {{"file", Utf8(e.source.file)},
+                         {"line", e.source.line},
+                         {"kind", Utf8(e.source.kind)},
+                         {"text", Utf8(e.source.text)}};
+    entries.push_back(entry);
+  }
   nlohmann::json manifest = {{"format", "broom-quarantine"}, {"version", 1}, {"entries", entries}};
   const std::string digest = EntriesDigest(m_entries);
   if (!digest.empty()) manifest["checksum"] = digest;
@@ -421,28 +614,233 @@ void CQuarantine::Save() const {
     throw CHostError{exitCleanFailures, error + L"; the files moved so far are in that folder, move them back by hand"};
 }
 
-DWORD CQuarantine::Add(const SHit& hit) {
+bool CQuarantine::Record(const SQuarantineEntry& entry, std::wstring& error) {
+  m_entries.push_back(entry);
+  if (TrySave(error)) return true;
+  m_entries.pop_back();
+  return false;
+}
+
+DWORD CQuarantine::Add(const SHit& hit, const std::wstring& itemPath, const SOperationSource* source) {
+  if (!hit.item) return kMoveException;
+  SQuarantineEntry entry;
+  entry.original = hit.path;
+  entry.size = hit.size;
+  entry.item = itemPath;
+  if (source) {
+    entry.hasSource = true;
+    entry.source = *source;
+  }
+  return dynamic_cast<CCleanableRegistry*>(hit.item.Get()) ? AddRegistry(hit, entry) : AddFile(hit, entry);
+}
+
+DWORD CQuarantine::AddFile(const SHit& hit, SQuarantineEntry& entry) {
   std::wstring name = NameOf(hit.path);
   // The manifest's own names are never given to a quarantined file.
-  if (SameName(name, kManifestName) || SameName(name, std::wstring(kManifestName) + L".tmp")) name = L"_" + name;
+  if (SameName(name, kManifestName) || SameName(name, std::wstring(kManifestName) + L".tmp") ||
+      SameName(name, kIncomingName))
+    name = L"_" + name;
   std::wstring destination = Child(name);
+  // An empty folder item moves itself (it makes the destination and goes);
+  // everything else is renamed, which never leaves half a move behind.
+  bool engine = dynamic_cast<CCleanableEmptyFolder*>(hit.item.Get()) != nullptr;
   DWORD result = kMoveException;
-  // The proposal is free when made; another process may take it before the
-  // move, so a few proposals are tried.
+  // A free name may be taken before the move, so a few are tried.
   for (int attempt = 0; attempt < 5; ++attempt) {
-    CPathString proposal;
-    result = hit.item->Move(CString(destination.c_str()), nullptr, nullptr, false, proposal);
-    if (result != kMoveDestinationExists || proposal.GetLength() == 0) break;
-    destination.assign(proposal.GetBuffer(), proposal.GetLength());
+    if (engine) {
+      CPathString proposal;
+      result = hit.item->Move(CString(destination.c_str()), nullptr, nullptr, false, proposal);
+      if (result != kMoveDestinationExists || proposal.GetLength() == 0) break;
+      destination.assign(proposal.GetBuffer(), proposal.GetLength());
+      continue;
+    }
+    if (MoveFileExW(hit.path.c_str(), destination.c_str(), MOVEFILE_WRITE_THROUGH)) {
+      result = kCleanDone;
+      break;
+    }
+    DWORD error = GetLastError();
+    if (error == ERROR_ALREADY_EXISTS || error == ERROR_FILE_EXISTS) {
+      result = kMoveDestinationExists;
+      if (!FreeName(destination)) break;
+      continue;
+    }
+    if (error == ERROR_NOT_SAME_DEVICE) return CopyAcross(hit.path, destination, entry);
+    // In use or denied: on one volume the engine's move, which can ask its
+    // file-operations server, renames too.
+    result = kQuarantineMoveFailed | (error & 0xFFFF);
+    if (!SameVolume(hit.path, m_folder)) break;
+    engine = true;
   }
   if (result != kCleanDone) return result;
   if (!PathExists(destination) || PathExists(hit.path)) return kMoveException;
-  m_entries.push_back(SQuarantineEntry{hit.path, NameOf(destination), hit.size});
-  Save();
+  entry.stored = NameOf(destination);
+  std::wstring error;
+  if (!Record(entry, error)) {
+    MoveFileExW(destination.c_str(), hit.path.c_str(), MOVEFILE_WRITE_THROUGH);
+    throw CHostError{exitCleanFailures, error + L"; the files moved so far are in that folder, move them back by hand"};
+  }
   return kCleanDone;
 }
 
+DWORD CQuarantine::CopyAcross(const std::wstring& source, std::wstring& destination, SQuarantineEntry& entry) {
+  const DWORD attributes = GetFileAttributesW(source.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) return kQuarantineMoveFailed | (GetLastError() & 0xFFFF);
+  if (attributes & FILE_ATTRIBUTE_DIRECTORY) return kQuarantineFolderAcross;
+  if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) return kQuarantineMoveFailed | ERROR_NOT_SUPPORTED;
+  auto failed = [](DWORD error) { return kQuarantineMoveFailed | ((error ? error : ERROR_GEN_FAILURE) & 0xFFFF); };
+  // Nobody may write or delete the file while it is copied: what is
+  // compared is what goes, and the handle deletes that very file.
+  broom::unique_hfile from(CreateFileW(source.c_str(), GENERIC_READ | DELETE | FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ,
+                                       nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+  if (!from) return failed(GetLastError());
+  const std::wstring temp = Child(kIncomingName);
+  broom::unique_hfile to(
+      CreateFileW(temp.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!to) return failed(GetLastError());
+  std::wstring copy = temp;  // where the copy is now; removed unless kept
+  bool keep = false;
+  auto drop = broom::scope_exit([&] {
+    if (keep) return;
+    to.reset();
+    SetFileAttributesW(copy.c_str(), FILE_ATTRIBUTE_NORMAL);
+    DeleteFileW(copy.c_str());
+  });
+
+  std::vector<char> a(1 << 20), b(1 << 20);
+  DWORD got = 0, put = 0;
+  for (;;) {
+    if (!::ReadFile(from.get(), a.data(), static_cast<DWORD>(a.size()), &got, nullptr)) return failed(GetLastError());
+    if (got == 0) break;
+    if (!WriteFile(to.get(), a.data(), got, &put, nullptr) || put != got) return failed(GetLastError());
+  }
+  FILETIME created, accessed, written;
+  if (!FlushFileBuffers(to.get()) || !GetFileTime(from.get(), &created, &accessed, &written) ||
+      !SetFileTime(to.get(), &created, &accessed, &written))
+    return failed(GetLastError());
+  // The copy is read back from its drive and compared with the file.
+  LARGE_INTEGER zero = {};
+  if (!SetFilePointerEx(from.get(), zero, nullptr, FILE_BEGIN) || !SetFilePointerEx(to.get(), zero, nullptr, FILE_BEGIN))
+    return failed(GetLastError());
+  for (;;) {
+    DWORD gotA = 0, gotB = 0;
+    if (!::ReadFile(from.get(), a.data(), static_cast<DWORD>(a.size()), &gotA, nullptr) ||
+        !::ReadFile(to.get(), b.data(), static_cast<DWORD>(b.size()), &gotB, nullptr))
+      return failed(GetLastError());
+    if (gotA != gotB || memcmp(a.data(), b.data(), gotA) != 0) return kQuarantineCopyMismatch;
+    if (gotA == 0) break;
+  }
+  to.reset();
+  for (int attempt = 0;; ++attempt) {
+    if (MoveFileExW(temp.c_str(), destination.c_str(), MOVEFILE_WRITE_THROUGH)) break;
+    DWORD error = GetLastError();
+    if ((error != ERROR_ALREADY_EXISTS && error != ERROR_FILE_EXISTS) || attempt == 4 || !FreeName(destination))
+      return failed(error);
+  }
+  copy = destination;
+  SetFileAttributesW(copy.c_str(), attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
+                                                 FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE));
+  entry.stored = NameOf(destination);
+  std::wstring error;
+  if (!Record(entry, error))
+    throw CHostError{exitCleanFailures, error + L"; " + Quoted(source) +
+                                            L" stays where it was, the files moved before it are in that folder"};
+
+  // Only now the file goes; a read-only one loses that bit first.
+  FILE_BASIC_INFO basic = {};
+  if (attributes & FILE_ATTRIBUTE_READONLY) {
+    basic.FileAttributes = (attributes & ~FILE_ATTRIBUTE_READONLY) ? (attributes & ~FILE_ATTRIBUTE_READONLY)
+                                                                    : FILE_ATTRIBUTE_NORMAL;
+    SetFileInformationByHandle(from.get(), FileBasicInfo, &basic, sizeof basic);
+  }
+  FILE_DISPOSITION_INFO disposition = {TRUE};
+  if (!SetFileInformationByHandle(from.get(), FileDispositionInfo, &disposition, sizeof disposition)) {
+    DWORD why = GetLastError();
+    if (attributes & FILE_ATTRIBUTE_READONLY) {
+      basic.FileAttributes = attributes;
+      SetFileInformationByHandle(from.get(), FileBasicInfo, &basic, sizeof basic);
+    }
+    m_entries.pop_back();
+    if (!TrySave(error)) {
+      keep = true;  // the manifest on disk lists the copy: it stays as listed
+      throw CHostError{exitCleanFailures, error + L"; " + Quoted(source) + L" could not be removed (" +
+                                              SystemMessage(why) + L"), so both it and its copy exist"};
+    }
+    return failed(why);
+  }
+  from.reset();  // the file is deleted as its last handle closes
+  keep = true;
+  return kCleanDone;
+}
+
+DWORD CQuarantine::AddRegistry(const SHit& hit, SQuarantineEntry& entry) {
+  auto* key = static_cast<CCleanableRegistry*>(hit.item.Get());
+  entry.registry = true;
+  entry.original = key->GetPath().Text();
+  std::wstring destination = Child(ExportName(key->GetPath()));
+  DWORD result = kRegistryExportFileExists;
+  for (int attempt = 0; attempt < 5 && result == kRegistryExportFileExists; ++attempt) {
+    result = key->Export(destination.c_str(), false);
+    if (result == kRegistryExportFileExists && !FreeName(destination)) break;
+  }
+  if (result == kRegistryExportFileExists) return kMoveDestinationExists;
+  if (result != 0) return result;
+  // A second export must read the same: the file holds what is deleted.
+  if (!SameExport(*key, destination)) {
+    DeleteFileW(destination.c_str());
+    return kQuarantineCopyMismatch;
+  }
+  entry.stored = NameOf(destination);
+  std::wstring error;
+  if (!Record(entry, error)) {
+    DeleteFileW(destination.c_str());
+    throw CHostError{exitCleanFailures, error + L"; the files moved so far are in that folder, move them back by hand"};
+  }
+  result = key->Clean(nullptr, nullptr);
+  if (result == kCleanDone) return result;
+  // Nothing deleted: the export goes too. Part of a tree deleted: it stays
+  // listed, and a restore writes back what is missing.
+  if (key->Exists() && SameExport(*key, destination)) {
+    m_entries.pop_back();
+    if (TrySave(error))
+      DeleteFileW(destination.c_str());
+    else
+      m_entries.push_back(entry);
+  }
+  return result;
+}
+
+bool CQuarantine::ImportBack(const SQuarantineEntry& entry, std::wstring& reason) const {
+  const std::wstring source = Child(entry.stored);
+  const std::wstring kept = L"; its export stays as " + Quoted(entry.stored);
+  DWORD probe = Probe(source);
+  if (probe != ERROR_SUCCESS) {
+    reason = IsMissing(probe) ? L"it is no longer in the quarantine folder"
+                              : L"its export cannot be reached (" + SystemMessage(probe) + L")";
+    return false;
+  }
+  SRegRestoreStats stats;
+  const DWORD code = CRegFile::Restore(source.c_str(), false, &stats);
+  if (code == kRegistryRestoreConflict) {
+    reason = Plural(stats.conflicts, L"value holds", L"values hold") +
+             L" other data now and was left as it is" + kept +
+             L" (a registry editor file: merge it by hand to replace them)";
+    return false;
+  }
+  if (code != 0) {
+    reason = L"it cannot be written back: " + ExplainResult(code) + kept;
+    return false;
+  }
+  SetFileAttributesW(source.c_str(), FILE_ATTRIBUTE_NORMAL);
+  if (!DeleteFileW(source.c_str())) {
+    reason = L"it is back in the registry, but its export cannot be removed (" + SystemMessage(GetLastError()) +
+             L"); run 'broom restore' again to clear it";
+    return false;
+  }
+  return true;
+}
+
 bool CQuarantine::MoveBack(const SQuarantineEntry& entry, std::wstring& reason) const {
+  if (entry.registry) return ImportBack(entry, reason);
   const std::wstring source = Child(entry.stored);
   const std::wstring kept = L"; the quarantined copy stays as " + Quoted(entry.stored);
   DWORD probe = Probe(source);
@@ -542,6 +940,27 @@ CQuarantine::SRestoreResult CQuarantine::RestoreAll() {
     RemoveDirectoryW(m_folder.c_str());  // only when nothing else is left in it
   }
   return result;
+}
+
+bool CQuarantine::DeleteAll(std::wstring& reason) {
+  while (!m_entries.empty()) {
+    const SQuarantineEntry& entry = m_entries.back();
+    DWORD error = ERROR_SUCCESS;
+    if (!DeleteTree(Child(entry.stored), error)) {
+      reason = Quoted(entry.stored) + L" in it cannot be deleted (" + SystemMessage(error) + L")";
+      std::wstring ignored;
+      TrySave(ignored);  // what is gone is no longer listed
+      return false;
+    }
+    m_entries.pop_back();
+  }
+  DeleteFileW(ManifestPath().c_str());
+  DeleteFileW((ManifestPath() + L".tmp").c_str());
+  if (!RemoveDirectoryW(m_folder.c_str())) {
+    reason = L"the folder itself cannot be removed (" + SystemMessage(GetLastError()) + L")";
+    return false;
+  }
+  return true;
 }
 
 }  // namespace host

@@ -15,6 +15,13 @@
 // (SHA-256 of the entries, written by broom) must match when it is there;
 // one removed by hand after a deliberate edit leaves the other checks. A
 // stored file that is missing is no damage: restore reports it and goes on.
+//
+// Optional fields of an entry: "kind" "registry" for a registry key or
+// value, whose "original" is its registry path (HKCU\Software\Vendor, a
+// value as Key|Name) and whose stored file is its export (a .reg file);
+// "item", the item path that found the hit; "source", an object with the
+// definition "file", its "line", the rule's "kind" and "text". Where they
+// are present they must have these types.
 #include <string>
 #include <vector>
 
@@ -22,10 +29,24 @@
 
 namespace host {
 
+// Codes of moves that the quarantine makes itself: this OR-ed with the
+// Win32 error; the hit stays where it was and no copy is kept.
+enum : DWORD {
+  kQuarantineMoveFailed = 0x80660000,
+  // a folder that is not empty would be copied to another drive piece by piece
+  kQuarantineFolderAcross = kQuarantineMoveFailed | ERROR_NOT_SAME_DEVICE,
+  // the copy on the other drive did not read back as the file
+  kQuarantineCopyMismatch = kQuarantineMoveFailed | ERROR_CRC,
+};
+
 struct SQuarantineEntry {
-  std::wstring original;  // full path the file came from
+  std::wstring original;  // full path the file came from, or the registry path
   std::wstring stored;    // name inside the quarantine folder
   unsigned __int64 size = 0;
+  bool registry = false;  // original is a registry key or value, stored its export
+  std::wstring item;      // the item that found it; empty when not recorded
+  bool hasSource = false;
+  SOperationSource source;  // the rule that found it, when hasSource
 };
 
 class CQuarantine {
@@ -42,14 +63,27 @@ class CQuarantine {
   std::wstring ManifestPath() const { return Child(kManifestName); }
   const std::vector<SQuarantineEntry>& Entries() const { return m_entries; }
 
+  // The folder was made by this object and nothing was put in it: it goes
+  // when the object does.
+  ~CQuarantine();
+  void RemoveWhenUnused() { m_created = true; }  // for a folder the caller made
+  CQuarantine(const CQuarantine&) = delete;
+  CQuarantine& operator=(const CQuarantine&) = delete;
+
   // Why a hit cannot go into quarantine (its path could not be restored);
-  // empty when it can.
+  // empty when it can. A path that starts with a hive name is a registry path.
   std::wstring CannotHold(const std::wstring& path) const;
 
-  // Moves one hit in with the engine's Move, taking the engine's free-name
-  // proposal when the name is taken. Returns the engine's result code; the
-  // manifest is rewritten after every successful move.
-  DWORD Add(const SHit& hit);
+  // Moves one hit in and records it with the item path and the rule that
+  // found it (source may be null). A file or folder is renamed into the
+  // folder; on another drive a file is copied under a temporary name,
+  // compared, renamed and only then deleted at its place, and any failure
+  // removes the copy and leaves the file; a folder that is not empty is not
+  // moved across drives. A registry hit is exported to a .reg file, the
+  // export checked, then the hit deleted. Taken names get a free variant.
+  // Returns 0 or a result code (ExplainResult); the manifest is rewritten
+  // after every hit that moved.
+  DWORD Add(const SHit& hit, const std::wstring& itemPath, const SOperationSource* source);
 
   struct SRestoreFailure {
     SQuarantineEntry entry;
@@ -62,8 +96,14 @@ class CQuarantine {
     std::wstring stopped;                   // why the restore ended early, when it did
   };
   // Moves every entry back, never over an existing file, rewriting the
-  // manifest after each move; what is not restored stays listed.
+  // manifest after each move; what is not restored stays listed. Registry
+  // entries are imported, never over a value that holds other data now.
   SRestoreResult RestoreAll();
+
+  // Deletes every stored file and folder (never following links), the
+  // manifest and the folder itself; false with the reason when something
+  // stays.
+  bool DeleteAll(std::wstring& reason);
 
  private:
   std::wstring Child(const std::wstring& name) const;
@@ -73,9 +113,16 @@ class CQuarantine {
   bool TrySave(std::wstring& error) const;  // replaces the manifest in one step
   void Save() const;                        // the same; throws CHostError
   bool MoveBack(const SQuarantineEntry& entry, std::wstring& reason) const;
+  bool ImportBack(const SQuarantineEntry& entry, std::wstring& reason) const;
+  DWORD AddFile(const SHit& hit, SQuarantineEntry& entry);
+  DWORD AddRegistry(const SHit& hit, SQuarantineEntry& entry);
+  DWORD CopyAcross(const std::wstring& source, std::wstring& destination, SQuarantineEntry& entry);
+  // Appends the entry and saves; on failure the entry is dropped again.
+  bool Record(const SQuarantineEntry& entry, std::wstring& error);
 
   std::wstring m_folder;
   std::vector<SQuarantineEntry> m_entries;
+  bool m_created = false;  // the folder was made by this object
 };
 
 // What a result code of Clean or Move means, in words.

@@ -188,13 +188,7 @@ int CmdScan(CSession& session, const SOptions& options) {
 int CmdClean(CSession& session, const SOptions& options) {
   LoadDefinitions(session, options);
   session.LoadWhiteList();
-  std::unique_ptr<CQuarantine> quarantine;
-  if (!options.quarantine.empty()) {
-    std::wstring folder = FullPath(Wide(options.quarantine));
-    quarantine.reset(new CQuarantine(folder, true));
-    // Never scan what has already been put aside.
-    session.WhiteList().SafeGuardPath(folder.c_str(), 0x1);
-  }
+  std::unique_ptr<CQuarantine> quarantine = OpenCleanQuarantine(session, options);
 
   std::vector<std::wstring> notes;
   std::vector<SItem> items = session.Select(WideList(options.items), true, notes);
@@ -235,12 +229,15 @@ int CmdClean(CSession& session, const SOptions& options) {
   }
 
   CConsoleClean observer(quarantine != nullptr);
-  SCleanReport report = CleanHits(results, quarantine.get(), observer);
+  SCleanReport report = CleanHits(session, results, quarantine.get(), observer);
   CConsole::ClearProgress();
 
   std::wstring done = quarantine ? L"Moved " + Plural(report.done, L"file", L"files") + L" (" +
                                        FormatSize(report.freed) + L") to '" + quarantine->Folder() +
-                                       L"'; 'broom restore' puts them back.\n"
+                                       L"'; '" +
+                                       (options.quarantine.empty() ? std::wstring(L"broom restore latest")
+                                                                   : L"broom restore " + quarantine->Folder()) +
+                                       L"' puts them back.\n"
                                  : L"Cleaned " + Plural(report.done, L"file", L"files") + L", freed " +
                                        FormatSize(report.freed) +
                                        (report.freed >= 1024 ? L" (" + Plural(report.freed, L"byte", L"bytes") + L")"

@@ -628,6 +628,14 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
   collector.SetObserver(options.observer);
   collector.SetEveryItem(options.everyItem);
   CRunAgeFilters ages(options.olderThanDays, options.withoutAgeFilters);
+  // The managed quarantines are never scanned; the guard lasts for this scan
+  // only, so it is never saved or listed with the protected paths.
+  const std::wstring quarantines = QuarantineRoot();
+  const bool guard = !(m_whiteList.CheckProtection(quarantines.c_str()) & 0x1);
+  if (guard) m_whiteList.SafeGuardPath(quarantines.c_str(), 0x1);
+  auto unguard = broom::scope_exit([&] {
+    if (guard) m_whiteList.RemovePath(quarantines.c_str(), 0x1);
+  });
 
   for (size_t i = 0; i < items.size(); ++i) {
     if (notify.IsCancelled()) break;

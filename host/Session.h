@@ -115,6 +115,8 @@ class CSession {
   // Logs folder; --no-log switches the scan logs off.
   void Start(bool noLog);
   const std::wstring& UserDataFolder() const { return m_userData; }
+  // Where the managed quarantines live; scans never enter it.
+  std::wstring QuarantineRoot() const { return m_userData + L"\\Quarantine"; }
 
   // Loads every folder (absolute paths); throws CHostError(exitUsage) for a
   // missing folder, one without definition files, or definitions that break.

@@ -61,8 +61,13 @@ int Run(int argc, wchar_t** argv) {
   clean->add_option("items", options.items, "Item or group paths (default: those on by default for cleaning)");
   clean->add_flag("--files", options.files, "List every file found before asking");
   clean->add_flag("-y,--yes", options.yes, "Do not ask for confirmation");
-  clean->add_option("--quarantine", options.quarantine, "Move the files into DIR instead of deleting them")
-      ->type_name("DIR");
+  CLI::Option* quarantine =
+      clean
+          ->add_option("--quarantine", options.quarantine,
+                       "Move the hits aside instead of deleting them: into a new managed quarantine, or into DIR "
+                       "(a path with a backslash: C:\\q, .\\q)")
+          ->type_name("[DIR]")
+          ->expected(0, 1);
   clean->add_option("--older-than", options.olderThan, "Only files last changed at least DAYS days ago")
       ->type_name("DAYS")
       ->check(CLI::Range(1ul, 36500ul));
@@ -78,8 +83,23 @@ int Run(int argc, wchar_t** argv) {
       ->type_name("DAYS")
       ->check(CLI::Range(1ul, 36500ul));
 
-  CLI::App* restore = app.add_subcommand("restore", "Move the files of a quarantine folder back where they were");
-  restore->add_option("DIR", options.folder, "The folder given to clean --quarantine")->required();
+  CLI::App* restore = app.add_subcommand("restore", "Put the hits of a quarantine back where they were");
+  restore
+      ->add_option("QUARANTINE", options.folder,
+                   "latest, a name from 'broom quarantine list', or a folder given to clean --quarantine (a path "
+                   "with a backslash: C:\\q, .\\q)")
+      ->required();
+  CLI::App* quarantines = app.add_subcommand("quarantine", "Work with the managed quarantines");
+  quarantines->require_subcommand(1);
+  CLI::App* quarantineList =
+      quarantines->add_subcommand("list", "Show each managed quarantine, newest first: name, date, items and size");
+  quarantineList->add_flag("--json", options.json, "Print the list as JSON");
+  CLI::App* quarantinePurge =
+      quarantines->add_subcommand("purge", "Delete the managed quarantines older than DAYS for good");
+  quarantinePurge->add_option("--older-than", options.olderThan, "Age in days (by the date in the name)")
+      ->type_name("DAYS")
+      ->required();
+  quarantinePurge->add_flag("-y,--yes", options.yes, "Do not ask for confirmation");
   CLI::App* protect = app.add_subcommand(
       "protect", "Protect a file, folder or registry key (HKCU\\Software\\Vendor) from every scan and clean");
   protect->add_option("PATH", options.path, "File, folder or registry key")->required();
@@ -117,12 +137,16 @@ int Run(int argc, wchar_t** argv) {
     return exitUsage;
   }
 
+  options.quarantineGiven = quarantine->count() > 0;
+
   CSession session;
   session.Start(options.noLog);
   if (list->parsed()) return CmdList(session, options);
   if (scan->parsed()) return CmdScan(session, options);
   if (clean->parsed()) return CmdClean(session, options);
-  if (restore->parsed()) return CmdRestore(options);
+  if (restore->parsed()) return CmdRestore(session, options);
+  if (quarantineList->parsed()) return CmdQuarantineList(session, options);
+  if (quarantinePurge->parsed()) return CmdQuarantinePurge(session, options);
   if (protect->parsed()) return CmdProtect(session, options);
   if (unprotect->parsed()) return CmdUnprotect(session, options);
   if (listProtected->parsed()) return CmdProtected(session);

@@ -14,6 +14,7 @@
 
 #include "common/TestFiles.h"
 #include "core/Handles.h"
+#include "registry/RegTestTree.h"
 
 using broomtest::Exists;
 using broomtest::Narrow;
@@ -150,6 +151,14 @@ std::map<std::wstring, std::string> Contents(const std::vector<std::wstring>& fo
         out[path] = ReadFile(path);
     }
   }
+  return out;
+}
+
+std::wstring Wide(const nlohmann::json& utf8) {
+  const std::string text = utf8.get<std::string>();
+  std::wstring out(text.size(), L'\0');
+  out.resize(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0],
+                                                     static_cast<int>(out.size()))));
   return out;
 }
 
@@ -558,6 +567,11 @@ TEST_F(BroomExe, DamagedManifestsAreRefusedBeforeAnythingMoves) {
       {set(1, "stored", "broom-quarantine.json"), "entry 2: 'stored' is the manifest's own name"},
       {set(0, "stored", "..\\a.bin"), "entry 1: 'stored' is not a plain file name"},
       {set(0, "size", "12"), "entry 1: 'size' is not a whole number"},
+      {set(0, "kind", "folder"), "entry 1: 'kind' is neither \"file\" nor \"registry\""},
+      {set(0, "kind", "registry"), "entry 1: 'original' is not a registry path"},
+      {set(1, "item", 5), "entry 2: 'item' is not a string"},
+      {set(0, "source", "defs.xml"), "entry 1: 'source' is not a JSON object"},
+      {[](nlohmann::json& j) { j["entries"][0]["source"]["line"] = -3; }, "entry 1: 'source''s 'line' is not a line"},
       {set(1, "size", -1), "entry 2: 'size' is not a whole number"},
       {[](nlohmann::json& j) { j["entries"][0].erase("stored"); }, "entry 1: 'stored' is missing"},
       {[](nlohmann::json& j) { j["entries"][1]["stored"] = j["entries"][0]["stored"]; }, "the same 'stored' name"},
@@ -589,6 +603,136 @@ TEST_F(BroomExe, DamagedManifestsAreRefusedBeforeAnythingMoves) {
   EXPECT_NE(std::string::npos, r.out.find("Restored 1 file (")) << r.out;
   EXPECT_NE(std::string::npos, r.err.find("it is no longer in the quarantine folder")) << r.err;
   EXPECT_NE(std::string::npos, r.err.find("1 file stays in")) << r.err;
+}
+
+TEST_F(BroomExe, ManagedQuarantinesAreListedRestoredByNameOrLatestAndPurgedByTheirDate) {
+  const std::wstring root = AppData() + L"\\Broom\\Quarantine", old = L"2001-02-03 04.05.06";
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))},
+             {L"T", L"Quarantines", L"", Clean(root + L"\\*")}});
+  auto clean = [&](const std::wstring& name, size_t bytes) {
+    std::wstring file = WriteFile(Tree(L"junk\\" + name), Bytes(bytes, static_cast<unsigned>(bytes)));
+    RunResult r = Run({L"clean", L"--yes", L"--quarantine"});
+    EXPECT_EQ(0u, r.code) << r.err;
+    EXPECT_FALSE(Exists(file));
+    return file;
+  };
+  auto list = [&] { return Json(RunBare({L"quarantine", L"list", L"--json"}))["quarantines"]; };
+  const std::wstring a = clean(L"a.bin", 100);
+  ASSERT_TRUE(MoveFileW((root + L"\\" + Wide(list()[0]["name"])).c_str(), (root + L"\\" + old).c_str()));
+  const std::wstring b = clean(L"b.bin", 200), c = clean(L"c.bin", 300);
+  // damaged: kept by purge whatever its date, with what it holds
+  const std::wstring precious = WriteFile(root + L"\\2000-01-01 00.00.00\\precious.txt", "mine");
+  WriteFile(root + L"\\2000-01-01 00.00.00\\broom-quarantine.json", "{}");
+  EXPECT_EQ(0u, Run({L"clean", L"--yes", L"--quarantine"}).code);  // nothing found: no folder is left
+
+  EXPECT_EQ(0u, Json(Run({L"scan", L"--json", L"T/Quarantines"}))["total"]["files"]) << "never scanned";
+  nlohmann::json all = list();
+  ASSERT_EQ(4u, all.size()) << all.dump(2);
+  EXPECT_EQ(300u, all[0]["size"]);  // newest first, a taken second gets " (2)"
+  EXPECT_EQ(200u, all[1]["size"]);
+  EXPECT_EQ(Narrow(old), all[2]["name"]);
+  EXPECT_EQ("2001-02-03T04:05:06", all[2]["date"]);
+  EXPECT_EQ(1u, all[2]["items"]);
+  EXPECT_TRUE(all[2]["damaged"].is_null());
+  EXPECT_NE(std::string::npos, all[3]["damaged"].get<std::string>().find("'format' is missing"));
+  nlohmann::json manifest = nlohmann::json::parse(ReadFile(root + L"\\" + old + L"\\broom-quarantine.json"));
+  EXPECT_EQ("T/Junk", manifest["entries"][0]["item"]);
+  EXPECT_EQ("file", manifest["entries"][0]["source"]["kind"]);
+  EXPECT_EQ(Narrow(Tree(L"junk\\*")), manifest["entries"][0]["source"]["text"]);
+  EXPECT_EQ(3, manifest["entries"][0]["source"]["line"]);
+
+  ASSERT_EQ(0u, RunBare({L"restore", L"latest"}).code);
+  EXPECT_EQ(Bytes(300, 300), ReadFile(c));
+  RunResult byName = RunBare({L"restore", Wide(all[1]["name"])});
+  ASSERT_EQ(0u, byName.code) << byName.err;
+  EXPECT_EQ(Bytes(200, 200), ReadFile(b));
+  EXPECT_EQ(2u, list().size());
+
+  RunResult no = RunBare({L"quarantine", L"purge", L"--older-than", L"30"}, "n\n");
+  EXPECT_EQ(0u, no.code);
+  EXPECT_NE(std::string::npos, no.out.find(Narrow(old) + "  1 item, 100 bytes")) << no.out;
+  EXPECT_NE(std::string::npos, no.err.find("kept '2000-01-01 00.00.00': its manifest is damaged")) << no.err;
+  EXPECT_TRUE(Exists(root + L"\\" + old + L"\\a.bin"));
+  RunResult young = RunBare({L"quarantine", L"purge", L"--older-than", L"100000", L"--yes"});
+  EXPECT_NE(std::string::npos, young.out.find("No quarantine is older than 100,000 days")) << young.out;
+  RunResult yes = RunBare({L"quarantine", L"purge", L"--older-than", L"30", L"--yes"});
+  EXPECT_EQ(0u, yes.code) << yes.err;
+  EXPECT_FALSE(Exists(root + L"\\" + old));
+  EXPECT_FALSE(Exists(a));
+  EXPECT_EQ("mine", ReadFile(precious));
+}
+
+TEST_F(BroomExe, RegistryHitsGoIntoQuarantineAsExportsAndComeBackByteForByte) {
+  regtest::Tree keys;
+  keys.Set(L"App", L"", REG_SZ, regtest::Text(L"default"));
+  keys.Set(L"App", L"bin", REG_BINARY, {0, 1, 0xFF});
+  keys.Set(L"App\\Sub", L"multi", REG_MULTI_SZ, regtest::Text(std::wstring(L"a\0b\0", 4)));
+  keys.Set(L"App\\Sub", L"expand", REG_EXPAND_SZ, regtest::Text(L"%TEMP%\\x", false));
+  keys.Set(L"App\\Sub\\Empty", nullptr, REG_NONE, {});
+  keys.Set(L"Other", L"qword", REG_QWORD, {1, 2, 3, 4, 5, 6, 7, 8});
+  keys.Set(L"Other", L"keep", REG_DWORD, {7, 0, 0, 0});
+  const regtest::Picture before = keys.Read();
+  WriteDefs({{L"R", L"Keys", L"scan=\"yes\" clean=\"yes\"",
+              Clean(keys.Path(L"App"), L"reg") + Clean(keys.Path(L"Other") + L"|qword", L"reg")}});
+  const std::wstring q = m_root / L"q";
+
+  RunResult moved = Run({L"clean", L"--yes", L"--quarantine", q});
+  ASSERT_EQ(0u, moved.code) << moved.err;
+  regtest::Picture after = keys.Read();
+  EXPECT_EQ(0u, after.count(L"App"));
+  EXPECT_EQ(0u, after.count(L"Other|qword"));
+  EXPECT_EQ(1u, after.count(L"Other|keep"));
+  nlohmann::json manifest = nlohmann::json::parse(ReadFile(q + L"\\broom-quarantine.json"));
+  ASSERT_EQ(2u, manifest["entries"].size());
+  for (const auto& e : manifest["entries"]) {
+    EXPECT_EQ("registry", e["kind"]);
+    EXPECT_EQ("reg", e["source"]["kind"]);
+    EXPECT_TRUE(Exists(q + L"\\" + Wide(e["stored"])));
+  }
+  EXPECT_EQ(Narrow(keys.Path(L"Other") + L"|qword"), manifest["entries"][1]["original"]);
+  EXPECT_EQ("Other qword.reg", manifest["entries"][1]["stored"]);
+
+  // a value written meanwhile is never replaced: it stays, and so does its export
+  keys.Set(L"Other", L"qword", REG_QWORD, {9, 9, 9, 9, 9, 9, 9, 9});
+  RunResult conflict = RunBare({L"restore", q});
+  EXPECT_EQ(1u, conflict.code);
+  EXPECT_NE(std::string::npos, conflict.err.find("1 value holds other data now")) << conflict.err;
+  EXPECT_TRUE(Exists(q + L"\\Other qword.reg"));
+  RegDeleteKeyValueW(HKEY_CURRENT_USER, keys.Sub(L"Other").c_str(), L"qword");
+  RunResult restored = RunBare({L"restore", q});
+  ASSERT_EQ(0u, restored.code) << restored.err;
+  EXPECT_TRUE(before == keys.Read());
+  EXPECT_FALSE(Exists(q));
+}
+
+// A quarantine on another file system: /dev/shm is one of its own under Wine.
+TEST_F(BroomExe, MovesAcrossDrivesLeaveAFileThatCannotGoWhereItWas) {
+  const std::wstring q = L"Z:\\dev\\shm\\broom-q-" + std::to_wstring(GetCurrentProcessId());
+  if (!Exists(L"Z:\\dev\\shm")) GTEST_SKIP() << "no second file system";
+  struct Cleanup {
+    std::wstring path;
+    ~Cleanup() { broomtest::RemoveTree(path); }
+  } cleanup{q};
+  const std::wstring free = WriteFile(Tree(L"junk\\free.bin"), Bytes(3000000, 9));
+  const std::wstring held = WriteFile(Tree(L"junk\\held.bin"), Bytes(5000, 10));
+  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
+  {
+    // open without delete sharing: it can be copied, but it cannot go
+    broom::unique_hfile hold(CreateFileW(held.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(hold);
+    RunResult r = Run({L"clean", L"--yes", L"--quarantine", q});
+    EXPECT_EQ(1u, r.code);
+    EXPECT_NE(std::string::npos, r.err.find(Narrow(held) + ": it could not be moved into quarantine")) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("it stays where it was and no copy was kept")) << r.err;
+  }
+  EXPECT_EQ(Bytes(5000, 10), ReadFile(held));
+  EXPECT_FALSE(Exists(free));
+  EXPECT_EQ(Bytes(3000000, 9), ReadFile(q + L"\\free.bin"));
+  const auto inQuarantine = Contents({q});
+  EXPECT_EQ(2u, inQuarantine.size());  // the file and the manifest, no partial copy
+  RunResult back = RunBare({L"restore", q});
+  ASSERT_EQ(0u, back.code) << back.err;
+  EXPECT_EQ(Bytes(3000000, 9), ReadFile(free));
 }
 
 TEST_F(BroomExe, WhiteListsThatWouldNotLoadWholeStopEveryCommandAndStayAsTheyWere) {
@@ -668,7 +812,9 @@ TEST_F(BroomExe, UnusableArgumentsAndDefinitionsExitTwoWithOneLine) {
       {{L"bogus"}, "unknown command 'bogus'"},
       {{L"scan", L"--bogus"}, "--bogus"},
       {{L"--defs"}, "--defs"},
-      {{L"restore"}, "DIR"},
+      {{L"restore"}, "QUARANTINE"},
+      {{L"restore", L"no-such-name"}, "there is no quarantine named 'no-such-name'"},
+      {{L"clean", L"--quarantine", L"T/Junk"}, "is not a folder path"},
       {{L"--defs", m_root / L"missing", L"scan"}, "does not exist"},
       {{L"--defs", m_root / L"empty", L"list"}, "no definition file"},
       {{L"--defs", m_root / L"broken", L"list"}, "no definition file",
