@@ -6,6 +6,8 @@
 #include "core/Handles.h"
 #include "host/Commands.h"
 #include "host/Console.h"
+#include "host/Quarantine.h"
+#include "host/QuarantineStore.h"
 #include "window/Resource.h"
 
 namespace broomw {
@@ -196,7 +198,132 @@ INT_PTR CALLBACK ProtectedProc(HWND dialog, UINT message, WPARAM wParam, LPARAM 
   return FALSE;
 }
 
+// ---- quarantines ----
+
+struct SQuarantines {
+  host::CSession* session;
+  std::vector<host::SManagedQuarantine> list;
+};
+
+void FillQuarantines(HWND dialog, SQuarantines& state) {
+  HWND list = GetDlgItem(dialog, IDC_Q_LIST);
+  state.list = host::CQuarantineStore(state.session->QuarantineRoot()).List();
+  ListView_DeleteAllItems(list);
+  for (size_t i = 0; i < state.list.size(); ++i) {
+    const host::SManagedQuarantine& q = state.list[i];
+    std::wstring texts[] = {q.name, q.damaged.empty() ? host::FormatCount(q.entries) : L"-",
+                            q.damaged.empty() ? host::FormatSize(q.size) : L"-",
+                            q.damaged.empty() ? std::wstring() : L"damaged: " + q.damaged};
+    LVITEMW item = {};
+    item.mask = LVIF_TEXT;
+    item.iItem = static_cast<int>(i);
+    item.pszText = &texts[0][0];
+    ListView_InsertItem(list, &item);
+    for (int c = 1; c < 4; ++c) ListView_SetItemText(list, static_cast<int>(i), c, &texts[c][0]);
+  }
+  if (!state.list.empty()) ListView_SetItemState(list, 0, LVIS_SELECTED | LVIS_FOCUSED, LVIS_SELECTED | LVIS_FOCUSED);
+  EnableWindow(GetDlgItem(dialog, IDC_Q_RESTORE), !state.list.empty());
+  EnableWindow(GetDlgItem(dialog, IDC_Q_PURGE), !state.list.empty());
+}
+
+const host::SManagedQuarantine* SelectedQuarantine(HWND dialog, const SQuarantines& state) {
+  int row = ListView_GetNextItem(GetDlgItem(dialog, IDC_Q_LIST), -1, LVNI_SELECTED);
+  return row >= 0 && static_cast<size_t>(row) < state.list.size() ? &state.list[static_cast<size_t>(row)] : nullptr;
+}
+
+void RestoreQuarantine(HWND dialog, SQuarantines& state) {
+  const host::SManagedQuarantine* q = SelectedQuarantine(dialog, state);
+  if (!q) return;
+  std::wstring status;
+  try {
+    host::CQuarantine quarantine(q->folder, false);
+    host::CQuarantine::SRestoreResult result = quarantine.RestoreAll();
+    status = L"Restored " + host::Plural(result.files, L"file", L"files") + L" (" + host::FormatSize(result.bytes) +
+             L") from " + q->name + L".";
+    if (!result.failures.empty())
+      status += L" " + host::Plural(result.failures.size(), L"file stays", L"files stay") + L": " +
+                result.failures.front().entry.original + L": " + result.failures.front().reason;
+    if (!result.stopped.empty()) status += L" Stopped: " + result.stopped;
+  } catch (const host::CHostError& e) {
+    status = L"Nothing was restored: " + e.message;
+  }
+  SetDlgItemTextW(dialog, IDC_Q_STATUS, status.c_str());
+  FillQuarantines(dialog, state);
+}
+
+void PurgeQuarantine(HWND dialog, SQuarantines& state) {
+  const host::SManagedQuarantine* q = SelectedQuarantine(dialog, state);
+  if (!q) return;
+  if (!q->damaged.empty()) {
+    SetDlgItemTextW(dialog, IDC_Q_STATUS,
+                    (L"Kept " + q->name + L": its manifest is damaged, so what it holds is unknown.").c_str());
+    return;
+  }
+  std::wstring question = L"Delete the quarantine " + q->name + L" (" + host::Plural(q->entries, L"item", L"items") +
+                          L", " + host::FormatSize(q->size) + L") for good?";
+  if (MessageBoxW(dialog, question.c_str(), L"Quarantine", MB_YESNO | MB_ICONWARNING | MB_DEFBUTTON2) != IDYES) return;
+  std::wstring reason, name = q->name;
+  bool deleted = false;
+  try {
+    host::CQuarantine quarantine(q->folder, false);  // only a sound manifest says what may go
+    deleted = quarantine.DeleteAll(reason);
+  } catch (const host::CHostError& e) {
+    reason = e.message;
+  }
+  SetDlgItemTextW(dialog, IDC_Q_STATUS,
+                  (deleted ? L"Deleted " + name + L"." : L"Not deleted: " + name + L": " + reason).c_str());
+  FillQuarantines(dialog, state);
+}
+
+INT_PTR CALLBACK QuarantineProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
+  auto* state = reinterpret_cast<SQuarantines*>(GetWindowLongPtrW(dialog, DWLP_USER));
+  switch (message) {
+    case WM_INITDIALOG: {
+      SetWindowLongPtrW(dialog, DWLP_USER, lParam);
+      state = reinterpret_cast<SQuarantines*>(lParam);
+      HWND list = GetDlgItem(dialog, IDC_Q_LIST);
+      ListView_SetExtendedListViewStyle(list, LVS_EX_FULLROWSELECT);
+      RECT r;
+      GetClientRect(list, &r);
+      const wchar_t* titles[] = {L"Name", L"Items", L"Size", L"State"};
+      const int shares[] = {40, 15, 20, 25};
+      for (int c = 0; c < 4; ++c) {
+        LVCOLUMNW column = {};
+        column.mask = LVCF_TEXT | LVCF_WIDTH | LVCF_FMT;
+        column.fmt = c == 1 || c == 2 ? LVCFMT_RIGHT : LVCFMT_LEFT;
+        column.cx = (r.right - r.left) * shares[c] / 100;
+        column.pszText = const_cast<wchar_t*>(titles[c]);
+        ListView_InsertColumn(list, c, &column);
+      }
+      FillQuarantines(dialog, *state);
+      SetDlgItemTextW(dialog, IDC_Q_STATUS,
+                      (L"In " + state->session->QuarantineRoot() + L"; restore never replaces a file.").c_str());
+      return TRUE;
+    }
+    case WM_COMMAND:
+      switch (LOWORD(wParam)) {
+        case IDC_Q_RESTORE:
+          RestoreQuarantine(dialog, *state);
+          return TRUE;
+        case IDC_Q_PURGE:
+          PurgeQuarantine(dialog, *state);
+          return TRUE;
+        case IDCANCEL:
+          EndDialog(dialog, IDCANCEL);
+          return TRUE;
+      }
+      break;
+  }
+  return FALSE;
+}
+
 }  // namespace
+
+void ShowQuarantines(HWND owner, host::CSession& session) {
+  SQuarantines state{&session, {}};
+  DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_QUARANTINE), owner, QuarantineProc,
+                  reinterpret_cast<LPARAM>(&state));
+}
 
 bool ConfirmClean(HWND owner, SConfirm& confirm) {
   return DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_CONFIRM), owner, ConfirmProc,

@@ -18,5 +18,7 @@ struct SConfirm {
 bool ConfirmClean(HWND owner, SConfirm& confirm);
 
 void ShowProtected(HWND owner, host::CSession& session);
+// The managed quarantines, newest first, to restore or delete.
+void ShowQuarantines(HWND owner, host::CSession& session);
 
 }  // namespace broomw

@@ -347,9 +347,7 @@ void CMainWindow::OnClean() {
 
 void CMainWindow::OnProtected() { ShowProtected(m_window, m_session); }
 
-void CMainWindow::OnQuarantine() {
-  MessageBoxW(m_window, L"The quarantine list is not available in this build.", L"Quarantine", MB_OK | MB_ICONINFORMATION);
-}
+void CMainWindow::OnQuarantine() { ShowQuarantines(m_window, m_session); }
 
 LRESULT CMainWindow::Handle(UINT message, WPARAM wParam, LPARAM lParam) {
   switch (message) {

@@ -8,6 +8,7 @@
 #include "core/Handles.h"
 #include "host/Console.h"
 #include "host/Quarantine.h"
+#include "host/QuarantineStore.h"
 
 namespace broomw {
 
@@ -26,16 +27,6 @@ std::wstring ErrorText() {
   } catch (...) {
     return L"an unexpected error";
   }
-}
-
-// A new folder for each clean that moves files aside.
-std::wstring QuarantineFolder(host::CSession& session) {
-  SYSTEMTIME now;
-  GetLocalTime(&now);
-  wchar_t name[32];
-  swprintf(name, 32, L"%04u-%02u-%02u %02u%02u%02u", now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
-           now.wSecond);
-  return session.UserDataFolder() + L"\\Quarantine\\" + name;
 }
 
 }  // namespace
@@ -106,10 +97,12 @@ void CWorker::RunClean(host::CSession& session, host::SScanResults& results, boo
   m_failures.clear();
   std::unique_ptr<host::CQuarantine> box;
   if (quarantine) {
-    clean.quarantineFolder = QuarantineFolder(session);
+    // a new managed quarantine, which the session's scans keep out of
+    clean.quarantineFolder = host::CQuarantineStore(session.QuarantineRoot()).Create();
     box.reset(new host::CQuarantine(clean.quarantineFolder, true));
+    box->RemoveWhenUnused();
   }
-  clean.report = host::CleanHits(results, box.get(), *this);
+  clean.report = host::CleanHits(session, results, box.get(), *this);
 
   // what became of each hit: CleanHits takes the allowed hits in order, so
   // the first m_reached of them were cleaned unless they failed

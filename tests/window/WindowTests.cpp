@@ -235,8 +235,8 @@ class CBroomw {
   }
 
   // Every row of a list control, its columns joined with '|'.
-  std::vector<std::wstring> Rows(int id, int columns) const {
-    HWND list = Control(id);
+  std::vector<std::wstring> Rows(int id, int columns) const { return Rows(Control(id), columns); }
+  std::vector<std::wstring> Rows(HWND list, int columns) const {
     CRemote remote(Process(), 4096);
     std::vector<std::wstring> rows;
     int count = static_cast<int>(SendMessageW(list, LVM_GETITEMCOUNT, 0, 0));
@@ -418,6 +418,39 @@ TEST_F(Window, ProtectedPathsReachTheFileAndTheScan) {
   PostMessageW(GetDlgItem(dialog, IDC_PROT_REMOVE), BM_CLICK, 0, 0);
   ASSERT_TRUE(WaitFor([&] { return SendMessageW(paths, LB_GETCOUNT, 0, 0) == 0; }));
   EXPECT_EQ(ReadFile(list), "");
+  PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+}
+
+TEST_F(Window, MovesToQuarantineAndRestores) {
+  const std::wstring file = WriteFile(m_dir / L"work\\a.bak", "precious");
+  std::wstring defs = Defs(m_dir, L"<group name=\"Demo\" scan=\"yes\" clean=\"yes\"><item name=\"Backups\">"
+                                  L"<clean kind=\"file\">" + m_dir.Path() + L"\\work\\*.bak</clean></item></group>\n");
+  CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  w.Click(IDC_SCAN);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found 1 file", 0) == 0; }));
+  w.Click(IDC_CLEAN);
+  HWND confirm = nullptr;
+  ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+  PostMessageW(GetDlgItem(confirm, IDC_CONFIRM_QUARANTINE), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return WindowText(GetDlgItem(confirm, IDC_CONFIRM_TEXT)).rfind(L"Move 1 file", 0) == 0; }));
+  PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Moved", 0) == 0; })) << broomtest::Narrow(w.Status());
+  EXPECT_EQ(w.Status(), L"Moved 1 file (8 bytes) to the quarantine.");
+  EXPECT_FALSE(Exists(file));
+
+  w.Click(IDC_QUARANTINE);
+  HWND dialog = nullptr;
+  ASSERT_TRUE(WaitFor([&] { return (dialog = w.Find(L"#32770", L"Quarantine")) && IsWindowVisible(dialog); }));
+  std::vector<std::wstring> rows = w.Rows(GetDlgItem(dialog, IDC_Q_LIST), 3);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_NE(rows[0].find(L"|1|8 bytes"), std::wstring::npos) << broomtest::Narrow(rows[0]);
+  Screenshot(dialog, L"quarantine");
+  PostMessageW(GetDlgItem(dialog, IDC_Q_RESTORE), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return WindowText(GetDlgItem(dialog, IDC_Q_STATUS)).rfind(L"Restored 1 file", 0) == 0; }))
+      << broomtest::Narrow(WindowText(GetDlgItem(dialog, IDC_Q_STATUS)));
+  EXPECT_EQ(ReadFile(file), "precious");
+  EXPECT_TRUE(w.Rows(GetDlgItem(dialog, IDC_Q_LIST), 3).empty());  // an emptied quarantine goes
   PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
 }
 
