@@ -30,23 +30,25 @@ std::wstring Status(HWND main) {
   return text;
 }
 
+struct SFind {
+  DWORD pid;
+  HWND found;
+};
+
+BOOL CALLBACK FindProc(HWND w, LPARAM l) {
+  auto* f = reinterpret_cast<SFind*>(l);
+  DWORD owner = 0;
+  wchar_t cls[64] = {};
+  GetWindowThreadProcessId(w, &owner);
+  GetClassNameW(w, cls, 64);
+  if (owner != f->pid || wcscmp(cls, L"BroomMainWindow") != 0 || !IsWindowVisible(w)) return TRUE;
+  f->found = w;
+  return FALSE;
+}
+
 HWND FindMain(DWORD pid) {
-  struct SFind {
-    DWORD pid;
-    HWND found;
-  } find{pid, nullptr};
-  EnumWindows(
-      [](HWND w, LPARAM l) -> BOOL {
-        auto* f = reinterpret_cast<SFind*>(l);
-        DWORD owner = 0;
-        wchar_t cls[64] = {};
-        GetWindowThreadProcessId(w, &owner);
-        GetClassNameW(w, cls, 64);
-        if (owner != f->pid || wcscmp(cls, L"BroomMainWindow") != 0 || !IsWindowVisible(w)) return TRUE;
-        f->found = w;
-        return FALSE;
-      },
-      reinterpret_cast<LPARAM>(&find));
+  SFind find{pid, nullptr};
+  EnumWindows(FindProc, reinterpret_cast<LPARAM>(&find));
   return find.found;
 }
 

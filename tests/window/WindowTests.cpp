@@ -167,24 +167,8 @@ class CBroomw {
 
   // A top-level window of this broomw by class and title.
   HWND Find(const wchar_t* cls, const wchar_t* title) const {
-    struct SFind {
-      DWORD pid;
-      const wchar_t *cls, *title;
-      HWND found;
-    } find{m_process.dwProcessId, cls, title, nullptr};
-    EnumWindows(
-        [](HWND w, LPARAM l) -> BOOL {
-          auto* f = reinterpret_cast<SFind*>(l);
-          DWORD pid = 0;
-          GetWindowThreadProcessId(w, &pid);
-          wchar_t cls[64] = {}, title[128] = {};
-          GetClassNameW(w, cls, 64);
-          GetWindowTextW(w, title, 128);
-          if (pid != f->pid || wcscmp(cls, f->cls) != 0 || (f->title && wcscmp(title, f->title) != 0)) return TRUE;
-          f->found = w;
-          return FALSE;
-        },
-        reinterpret_cast<LPARAM>(&find));
+    SFind find{m_process.dwProcessId, cls, title, nullptr};
+    EnumWindows(FindProc, reinterpret_cast<LPARAM>(&find));
     return find.found;
   }
 
@@ -257,6 +241,23 @@ class CBroomw {
   }
 
  private:
+  struct SFind {
+    DWORD pid;
+    const wchar_t *cls, *title;
+    HWND found;
+  };
+  static BOOL CALLBACK FindProc(HWND w, LPARAM l) {
+    auto* f = reinterpret_cast<SFind*>(l);
+    DWORD pid = 0;
+    GetWindowThreadProcessId(w, &pid);
+    wchar_t cls[64] = {}, title[128] = {};
+    GetClassNameW(w, cls, 64);
+    GetWindowTextW(w, title, 128);
+    if (pid != f->pid || wcscmp(cls, f->cls) != 0 || (f->title && wcscmp(title, f->title) != 0)) return TRUE;
+    f->found = w;
+    return FALSE;
+  }
+
   PROCESS_INFORMATION m_process = {};
   HWND m_main = nullptr;
 };
