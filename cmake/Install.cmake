@@ -1,6 +1,6 @@
 # cmake --install build/<arch> --prefix DIR lays out what a host developer
 # needs, as Windows C++ libraries are shipped:
-#   bin/            broomcore.dll, the MinGW runtime DLLs, broom.exe and defs/
+#   bin/            broomcore.dll, the MinGW runtime DLLs, broom.exe, broomw.exe and defs/
 #   include/broom/  the public headers in their folders, pugixml's headers
 #   lib/            libbroomcore.dll.a, pugixml (static, wide characters)
 #   lib/cmake/Broom the package: find_package(Broom) gives Broom::core
@@ -58,6 +58,9 @@ install(CODE "
   endif()")
 if(TARGET broom)
   install(TARGETS broom RUNTIME DESTINATION bin)
+  if(TARGET broomw)
+    install(TARGETS broomw RUNTIME DESTINATION bin)
+  endif()
   install(DIRECTORY ${CMAKE_SOURCE_DIR}/defs/ DESTINATION bin/defs)
 endif()
 

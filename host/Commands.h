@@ -38,6 +38,9 @@ std::vector<std::wstring> WideList(const std::vector<std::string>& list);
 void LoadDefinitions(CSession& session, const SOptions& options);
 // Loads the --winapp2 files (made absolute) into the session's store.
 void LoadWinapp2Files(CSession& session, const SOptions& options);
+// A path to protect as the whitelist stores it: registry paths normalised,
+// file paths made full. Throws CHostError(exitUsage) for one it cannot hold.
+std::wstring ProtectedPathText(const std::wstring& given);
 
 int CmdList(CSession& session, const SOptions& options);
 int CmdScan(CSession& session, const SOptions& options);

@@ -18,12 +18,15 @@ bool IsListed(CSession& session, const std::wstring& path) {
   return false;
 }
 
-// The argument as the whitelist stores it: a registry path (it starts with
-// a hive name) in the form the registry scans look for, HKCU\Software\Vendor,
-// a value as one more component; anything else as a full file path. No
-// file or key name holds a control character.
-std::wstring PathArgument(const SOptions& options) {
-  std::wstring given = Wide(options.path);
+std::wstring PathArgument(const SOptions& options) { return ProtectedPathText(Wide(options.path)); }
+
+}  // namespace
+
+// A registry path (it starts with a hive name) in the form the registry
+// scans look for, HKCU\Software\Vendor, a value as one more component;
+// anything else as a full file path. No file or key name holds a control
+// character.
+std::wstring ProtectedPathText(const std::wstring& given) {
   for (wchar_t c : given)
     if (c < 0x20)
       throw CHostError{exitUsage, L"the path " + Quoted(given) +
@@ -37,8 +40,6 @@ std::wstring PathArgument(const SOptions& options) {
                      L"the registry path " + Quoted(given) + L" is longer than 260 characters; protect a key above it"};
   return normal;
 }
-
-}  // namespace
 
 int CmdProtect(CSession& session, const SOptions& options) {
   std::wstring path = PathArgument(options);

@@ -28,7 +28,7 @@ step "installing $build into $prefix"
 configure x86_64 "$build"
 quiet cmake --build "$build" --target broomcore broom
 quiet cmake --install "$build" --prefix "$prefix"
-for f in bin/broomcore.dll bin/broom.exe bin/libstdc++-6.dll bin/defs lib/libbroomcore.dll.a \
+for f in bin/broomcore.dll bin/broom.exe bin/broomw.exe bin/libstdc++-6.dll bin/defs lib/libbroomcore.dll.a \
          lib/cmake/Broom/BroomConfig.cmake lib/cmake/Broom/BroomConfigVersion.cmake \
          include/broom/scandefs/ConfigStore.h include/broom/pugixml.hpp docs/host-guide.md \
          examples/minimal-host/CMakeLists.txt; do

@@ -11,7 +11,7 @@ mkdir -p "$third"
 sudo_() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
 
 packages=(g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix wine64 cmake ninja-build
-          googletest dpkg-dev libcli11-dev nlohmann-json3-dev zip)
+          googletest dpkg-dev libcli11-dev nlohmann-json3-dev zip xvfb)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -1,0 +1,458 @@
+// Drives broomw.exe as a person would, on a virtual X display: finds its
+// window, ticks items in the tree with Space, presses buttons, waits for the
+// scan, reads the lists back (through memory in broomw's process, as list
+// and tree messages carry pointers), cleans and checks the disk. Screenshots of the main states go to screenshots/ in the
+// build folder.
+#include <windows.h>
+#include <commctrl.h>
+#include <wincodec.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "common/HandleCount.h"
+#include "common/TestFiles.h"
+#include "core/Handles.h"
+#include "window/Resource.h"
+
+using broomtest::Exists;
+using broomtest::ReadFile;
+using broomtest::TempDir;
+using broomtest::WriteFile;
+
+namespace {
+
+std::wstring BinFolder() {
+  wchar_t buffer[MAX_PATH + 1];
+  DWORD n = GetModuleFileNameW(nullptr, buffer, MAX_PATH + 1);
+  std::wstring path(buffer, n);
+  return path.substr(0, path.find_last_of(L'\\'));
+}
+
+bool WaitFor(const std::function<bool()>& done, DWORD timeout = 30000) {
+  for (DWORD start = GetTickCount(); GetTickCount() - start < timeout; Sleep(20))
+    if (done()) return true;
+  return done();
+}
+
+// Memory in broomw's process for the messages that carry pointers.
+class CRemote {
+ public:
+  CRemote(HANDLE process, size_t size) : m_process(process) {
+    m_base = static_cast<char*>(VirtualAllocEx(process, nullptr, size, MEM_COMMIT, PAGE_READWRITE));
+  }
+  ~CRemote() { VirtualFreeEx(m_process, m_base, 0, MEM_RELEASE); }
+  CRemote(const CRemote&) = delete;
+  CRemote& operator=(const CRemote&) = delete;
+  char* At(size_t offset) const { return m_base + offset; }
+  template <class T>
+  void Put(const T& value, size_t offset = 0) {
+    WriteProcessMemory(m_process, At(offset), &value, sizeof value, nullptr);
+  }
+  std::wstring Text(size_t offset, size_t chars) const {
+    std::wstring text(chars, L'\0');
+    ReadProcessMemory(m_process, At(offset), &text[0], chars * sizeof(wchar_t), nullptr);
+    return text.c_str();
+  }
+  template <class T>
+  T Get(size_t offset = 0) const {
+    T value{};
+    ReadProcessMemory(m_process, At(offset), &value, sizeof value, nullptr);
+    return value;
+  }
+
+ private:
+  HANDLE m_process;
+  char* m_base;
+};
+
+std::wstring WindowText(HWND window) {
+  wchar_t text[1024] = {};
+  SendMessageTimeoutW(window, WM_GETTEXT, 1024, reinterpret_cast<LPARAM>(text), SMTO_ABORTIFHUNG, 5000, nullptr);
+  return text;
+}
+
+// Writes what the screen shows of a window to screenshots/NAME.png, once
+// it has drawn what it was last told.
+void Screenshot(HWND window, const wchar_t* name, bool settle = true) {
+  for (int i = 0; settle && i < 3; ++i) {
+    SendMessageTimeoutW(window, WM_NULL, 0, 0, SMTO_ABORTIFHUNG, 5000, nullptr);
+    Sleep(100);
+  }
+  RECT r;
+  GetWindowRect(window, &r);
+  const int w = r.right - r.left, h = r.bottom - r.top;
+  HDC screen = GetDC(nullptr);
+  HDC memory = CreateCompatibleDC(screen);
+  BITMAPINFO info = {};
+  info.bmiHeader.biSize = sizeof(BITMAPINFOHEADER);
+  info.bmiHeader.biWidth = w;
+  info.bmiHeader.biHeight = -h;  // top down
+  info.bmiHeader.biPlanes = 1;
+  info.bmiHeader.biBitCount = 32;
+  void* bits = nullptr;
+  HBITMAP bitmap = CreateDIBSection(screen, &info, DIB_RGB_COLORS, &bits, nullptr, 0);
+  HGDIOBJ old = SelectObject(memory, bitmap);
+  BitBlt(memory, 0, 0, w, h, screen, r.left, r.top, SRCCOPY);
+  SelectObject(memory, old);
+  DeleteDC(memory);
+  ReleaseDC(nullptr, screen);
+
+  std::wstring folder = BinFolder() + L"\\..\\screenshots";
+  CreateDirectoryW(folder.c_str(), nullptr);
+  std::wstring path = folder + L"\\" + name + L".png";
+  IWICImagingFactory* factory = nullptr;
+  IWICStream* stream = nullptr;
+  IWICBitmapEncoder* encoder = nullptr;
+  IWICBitmapFrameEncode* frame = nullptr;
+  WICPixelFormatGUID format = GUID_WICPixelFormat32bppBGR;
+  HRESULT hr = CoCreateInstance(CLSID_WICImagingFactory, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&factory));
+  if (SUCCEEDED(hr)) hr = factory->CreateStream(&stream);
+  if (SUCCEEDED(hr)) hr = stream->InitializeFromFilename(path.c_str(), GENERIC_WRITE);
+  if (SUCCEEDED(hr)) hr = factory->CreateEncoder(GUID_ContainerFormatPng, nullptr, &encoder);
+  if (SUCCEEDED(hr)) hr = encoder->Initialize(stream, WICBitmapEncoderNoCache);
+  if (SUCCEEDED(hr)) hr = encoder->CreateNewFrame(&frame, nullptr);
+  if (SUCCEEDED(hr)) hr = frame->Initialize(nullptr);
+  if (SUCCEEDED(hr)) hr = frame->SetSize(static_cast<UINT>(w), static_cast<UINT>(h));
+  if (SUCCEEDED(hr)) hr = frame->SetPixelFormat(&format);
+  if (SUCCEEDED(hr))
+    hr = frame->WritePixels(static_cast<UINT>(h), static_cast<UINT>(w) * 4, static_cast<UINT>(w * h * 4),
+                            static_cast<BYTE*>(bits));
+  if (SUCCEEDED(hr)) hr = frame->Commit();
+  if (SUCCEEDED(hr)) hr = encoder->Commit();
+  for (IUnknown* u : std::initializer_list<IUnknown*>{frame, encoder, stream, factory})
+    if (u) u->Release();
+  DeleteObject(bitmap);
+  EXPECT_TRUE(SUCCEEDED(hr)) << "screenshot " << broomtest::Narrow(name) << ": 0x" << std::hex << hr;
+}
+
+// One run of broomw.exe with its own LOCALAPPDATA.
+class CBroomw {
+ public:
+  CBroomw(const std::vector<std::wstring>& args, const std::wstring& appData) {
+    std::wstring command = L"\"" + BinFolder() + L"\\broomw.exe\"";
+    for (const std::wstring& a : args) command += L" \"" + a + L"\"";
+    std::vector<wchar_t> env;
+    wchar_t* block = GetEnvironmentStringsW();
+    for (const wchar_t* p = block; *p; p += wcslen(p) + 1)
+      if (_wcsnicmp(p, L"LOCALAPPDATA=", 13) != 0) env.insert(env.end(), p, p + wcslen(p) + 1);
+    FreeEnvironmentStringsW(block);
+    std::wstring entry = L"LOCALAPPDATA=" + appData;
+    env.insert(env.end(), entry.begin(), entry.end());
+    env.insert(env.end(), {0, 0});
+    STARTUPINFOW si = {};
+    si.cb = sizeof si;
+    EXPECT_TRUE(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT, env.data(),
+                               nullptr, &si, &m_process));
+    WaitFor([&] { return (m_main = Find(L"BroomMainWindow", nullptr)) && IsWindowVisible(m_main); }, 15000);
+  }
+  ~CBroomw() {
+    if (m_main) PostMessageW(m_main, WM_CLOSE, 0, 0);
+    if (WaitForSingleObject(m_process.hProcess, 20000) != WAIT_OBJECT_0) TerminateProcess(m_process.hProcess, 1);
+    CloseHandle(m_process.hThread);
+    CloseHandle(m_process.hProcess);
+  }
+  CBroomw(const CBroomw&) = delete;
+  CBroomw& operator=(const CBroomw&) = delete;
+
+  HWND Main() const { return m_main; }
+  HWND Control(int id) const { return GetDlgItem(m_main, id); }
+  HANDLE Process() const { return m_process.hProcess; }
+  void Click(int id) const { PostMessageW(Control(id), BM_CLICK, 0, 0); }
+  std::wstring Status() const { return WindowText(Control(IDC_STATUS)); }
+  bool Idle() const { return IsWindowEnabled(Control(IDC_PROTECTED)) != FALSE; }
+
+  // A top-level window of this broomw by class and title.
+  HWND Find(const wchar_t* cls, const wchar_t* title) const {
+    SFind find{m_process.dwProcessId, cls, title, nullptr};
+    EnumWindows(FindProc, reinterpret_cast<LPARAM>(&find));
+    return find.found;
+  }
+
+  struct SNode {
+    HTREEITEM handle;
+    std::wstring text;
+    int state;  // 1 off, 2 on, 3 some, 4 switched off
+  };
+  std::vector<SNode> Tree() const {
+    HWND tree = Control(IDC_TREE);
+    CRemote remote(Process(), 4096);
+    std::vector<SNode> nodes;
+    std::vector<HTREEITEM> work{reinterpret_cast<HTREEITEM>(SendMessageW(tree, TVM_GETNEXTITEM, TVGN_ROOT, 0))};
+    while (!work.empty()) {
+      HTREEITEM item = work.back();
+      work.pop_back();
+      if (!item) continue;
+      TVITEMW tv = {};
+      tv.mask = TVIF_TEXT | TVIF_STATE;
+      tv.hItem = item;
+      tv.stateMask = TVIS_STATEIMAGEMASK;
+      tv.pszText = reinterpret_cast<wchar_t*>(remote.At(1024));
+      tv.cchTextMax = 512;
+      remote.Put(tv);
+      SendMessageW(tree, TVM_GETITEMW, 0, reinterpret_cast<LPARAM>(remote.At(0)));
+      nodes.push_back({item, remote.Text(1024, 512), static_cast<int>(remote.Get<TVITEMW>().state >> 12)});
+      work.push_back(reinterpret_cast<HTREEITEM>(SendMessageW(tree, TVM_GETNEXTITEM, TVGN_NEXT, reinterpret_cast<LPARAM>(item))));
+      work.push_back(reinterpret_cast<HTREEITEM>(SendMessageW(tree, TVM_GETNEXTITEM, TVGN_CHILD, reinterpret_cast<LPARAM>(item))));
+    }
+    return nodes;
+  }
+  int State(const std::wstring& text) const {
+    for (const SNode& n : Tree())
+      if (n.text == text) return n.state;
+    return -1;
+  }
+  // Selects the node and presses Space on it.
+  void Tick(const std::wstring& text) const {
+    HWND tree = Control(IDC_TREE);
+    for (const SNode& n : Tree())
+      if (n.text == text) {
+        SendMessageW(tree, TVM_SELECTITEM, TVGN_CARET, reinterpret_cast<LPARAM>(n.handle));
+        SendMessageW(tree, WM_KEYDOWN, VK_SPACE, 0);
+        SendMessageW(tree, WM_KEYUP, VK_SPACE, 0);
+        return;
+      }
+    ADD_FAILURE() << "no node " << broomtest::Narrow(text);
+  }
+
+  // Every row of a list control, its columns joined with '|'.
+  std::vector<std::wstring> Rows(int id, int columns) const { return Rows(Control(id), columns); }
+  std::vector<std::wstring> Rows(HWND list, int columns) const {
+    CRemote remote(Process(), 4096);
+    std::vector<std::wstring> rows;
+    int count = static_cast<int>(SendMessageW(list, LVM_GETITEMCOUNT, 0, 0));
+    for (int i = 0; i < count; ++i) {
+      std::wstring row;
+      for (int c = 0; c < columns; ++c) {
+        LVITEMW lv = {};
+        lv.iSubItem = c;
+        lv.pszText = reinterpret_cast<wchar_t*>(remote.At(1024));
+        lv.cchTextMax = 512;
+        remote.Put(lv);
+        SendMessageW(list, LVM_GETITEMTEXTW, static_cast<WPARAM>(i), reinterpret_cast<LPARAM>(remote.At(0)));
+        row += (c ? L"|" : L"") + remote.Text(1024, 512);
+      }
+      rows.push_back(row);
+    }
+    return rows;
+  }
+
+ private:
+  struct SFind {
+    DWORD pid;
+    const wchar_t *cls, *title;
+    HWND found;
+  };
+  static BOOL CALLBACK FindProc(HWND w, LPARAM l) {
+    auto* f = reinterpret_cast<SFind*>(l);
+    DWORD pid = 0;
+    GetWindowThreadProcessId(w, &pid);
+    wchar_t cls[64] = {}, title[128] = {};
+    GetClassNameW(w, cls, 64);
+    GetWindowTextW(w, title, 128);
+    if (pid != f->pid || wcscmp(cls, f->cls) != 0 || (f->title && wcscmp(title, f->title) != 0)) return TRUE;
+    f->found = w;
+    return FALSE;
+  }
+
+  PROCESS_INFORMATION m_process = {};
+  HWND m_main = nullptr;
+};
+
+std::wstring Defs(const TempDir& dir, const std::wstring& items) {
+  WriteFile(dir / L"defs\\test.xml",
+            broomtest::Narrow(L"<ConfigItems>\n" + items + L"</ConfigItems>\n"));
+  return dir / L"defs";
+}
+
+class Window : public testing::Test {
+ protected:
+  void SetUp() override {
+    // Wine keeps a handle for every process a test starts
+    broomtest::AllowHandleGrowth();
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  }
+  void TearDown() override {
+    RegDeleteTreeW(HKEY_CURRENT_USER, L"SOFTWARE\\Broom\\Window");
+    HKEY engine;
+    if (RegOpenKeyExW(HKEY_CURRENT_USER, L"SOFTWARE\\Broom\\Engine", 0, KEY_SET_VALUE, &engine) == 0) {
+      RegDeleteValueW(engine, L"WindowDefinitionFolders");
+      RegDeleteValueW(engine, L"WindowWinapp2Files");
+      RegCloseKey(engine);
+    }
+    CoUninitialize();
+  }
+  TempDir m_dir;
+};
+
+TEST_F(Window, TicksScansListsAndCleans) {
+  const std::wstring root = m_dir.Path();
+  WriteFile(m_dir / L"work\\report.bak", 3000);
+  WriteFile(m_dir / L"work\\notes.bak", 1000);
+  WriteFile(m_dir / L"work\\keep.txt", 500);
+  WriteFile(m_dir / L"logs\\build.log", 9000);
+  std::wstring defs = Defs(m_dir,
+      L"<group name=\"Demo\" order=\"1\" scan=\"yes\" clean=\"yes\" desc=\"Files made for this test\">\n"
+      L" <item name=\"Editor backups\" desc=\"Backup copies an editor left behind\">"
+      L"<clean kind=\"file\">" + root + L"\\work\\*.bak</clean></item>\n"
+      L" <item name=\"Build logs\" scan=\"no\" desc=\"Logs of old builds, emptied\">"
+      L"<clean kind=\"trunc\">" + root + L"\\logs\\*.log</clean></item>\n"
+      L" <item name=\"Absent\"><check test=\"exists\" data=\"regkey\" path=\"HKCU\\Software\\BroomNoSuchKey\"/>"
+      L"<clean kind=\"file\">" + root + L"\\work\\*.txt</clean></item>\n"
+      L"</group>\n");
+  CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+
+  // the engine's default states: on, off by scan="no", switched off by the check
+  EXPECT_EQ(w.State(L"Editor backups"), 2);
+  EXPECT_EQ(w.State(L"Build logs"), 1);
+  EXPECT_EQ(w.State(L"Absent  (not on this PC)"), 4);
+  EXPECT_EQ(w.State(L"Demo"), 3);
+  w.Tick(L"Absent  (not on this PC)");  // cannot be ticked
+  w.Tick(L"Build logs");
+  EXPECT_EQ(w.State(L"Absent  (not on this PC)"), 4);
+  EXPECT_EQ(w.State(L"Build logs"), 2);
+  EXPECT_EQ(w.State(L"Demo"), 2);
+  Screenshot(w.Main(), L"tree");
+
+  w.Click(IDC_SCAN);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+  EXPECT_EQ(w.Status(), L"Found 3 files (12.7 KB) in 2 items. Clean (Ctrl+E) removes them.");
+  // largest first; the selected item's files below
+  std::vector<std::wstring> rows = w.Rows(IDC_RESULTS, 3);
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0], L"Demo/Build logs|1|8.8 KB");
+  EXPECT_EQ(rows[1], L"Demo/Editor backups|2|3.9 KB");
+  EXPECT_EQ(w.Rows(IDC_FILES, 2), std::vector<std::wstring>{root + L"\\logs\\build.log|8.8 KB"});
+  EXPECT_EQ(WindowText(w.Control(IDC_TOTAL)), L"Total: 3 files (12.7 KB)");
+  Screenshot(w.Main(), L"results");
+
+  w.Click(IDC_CLEAN);
+  HWND confirm = nullptr;
+  ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+  EXPECT_EQ(WindowText(GetDlgItem(confirm, IDC_CONFIRM_TEXT)), L"Delete 3 files (12.7 KB) for good?");
+  Screenshot(confirm, L"confirmation");
+  PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Cleaned", 0) == 0; })) << broomtest::Narrow(w.Status());
+  EXPECT_EQ(w.Status(), L"Cleaned 3 files, freed 12.7 KB.");
+  EXPECT_FALSE(Exists(m_dir / L"work\\report.bak"));
+  EXPECT_FALSE(Exists(m_dir / L"work\\notes.bak"));
+  EXPECT_TRUE(Exists(m_dir / L"work\\keep.txt"));
+  EXPECT_EQ(ReadFile(m_dir / L"logs\\build.log"), "");
+  EXPECT_EQ(w.Rows(IDC_FILES, 3), std::vector<std::wstring>{root + L"\\logs\\build.log|8.8 KB|cleaned"});
+}
+
+TEST_F(Window, StopsAScanAndRemembersWhereItWas) {
+  for (int f = 0; f < 100; ++f)
+    for (int i = 0; i < 30; ++i)
+      WriteFile(m_dir / (L"big\\f" + std::to_wstring(f) + L"\\file" + std::to_wstring(i) + L".tmp"), "x");
+  std::wstring defs = Defs(m_dir, L"<group name=\"Caches\" scan=\"yes\"><item name=\"Temporary files\">"
+                                  L"<clean kind=\"file\">" + m_dir.Path() + L"\\big\\*</clean></item></group>\n");
+  const RECT placed = {40, 50, 940, 690};
+  {
+    CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+    ASSERT_TRUE(w.Main());
+    // Stop right behind Scan: the scan has barely begun when it is told
+    w.Click(IDC_SCAN);
+    w.Click(IDC_STOP);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Stopped; found so far", 0) == 0; }))
+        << broomtest::Narrow(w.Status());
+    w.Click(IDC_SCAN);
+    ASSERT_TRUE(WaitFor([&] { return !WindowText(w.Control(IDC_FOLDER)).empty(); }));
+    Screenshot(w.Main(), L"scanning", false);
+    EXPECT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found 3,000 files", 0) == 0; }))
+        << broomtest::Narrow(w.Status());
+    SetWindowPos(w.Main(), nullptr, placed.left, placed.top, placed.right - placed.left, placed.bottom - placed.top,
+                 SWP_NOZORDER);
+  }
+  // no --defs: the folders of the last start, and the window where it was
+  CBroomw again({}, m_dir / L"appdata");
+  ASSERT_TRUE(again.Main());
+  RECT r;
+  GetWindowRect(again.Main(), &r);
+  EXPECT_EQ(std::vector<LONG>({r.left, r.top, r.right, r.bottom}),
+            std::vector<LONG>({placed.left, placed.top, placed.right, placed.bottom}));
+  EXPECT_EQ(again.State(L"Temporary files"), 2);
+}
+
+TEST_F(Window, ProtectedPathsReachTheFileAndTheScan) {
+  WriteFile(m_dir / L"work\\a.bak", 100);
+  std::wstring defs = Defs(m_dir, L"<group name=\"Demo\" scan=\"yes\"><item name=\"Backups\">"
+                                  L"<clean kind=\"file\">" + m_dir.Path() + L"\\work\\*.bak</clean></item></group>\n");
+  const std::wstring list = m_dir / L"appdata\\Broom\\whitelist.txt";
+  CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  auto open = [&] {
+    w.Click(IDC_PROTECTED);
+    HWND dialog = nullptr;
+    EXPECT_TRUE(WaitFor([&] { return (dialog = w.Find(L"#32770", L"Protected")) && IsWindowVisible(dialog); }));
+    return dialog;
+  };
+  HWND dialog = open();
+  ASSERT_TRUE(dialog);
+  std::wstring folder = m_dir / L"work";
+  SendMessageW(GetDlgItem(dialog, IDC_PROT_PATH), WM_SETTEXT, 0, reinterpret_cast<LPARAM>(folder.c_str()));
+  PostMessageW(GetDlgItem(dialog, IDC_PROT_ADD), BM_CLICK, 0, 0);
+  HWND paths = GetDlgItem(dialog, IDC_PROT_LIST);
+  ASSERT_TRUE(WaitFor([&] { return SendMessageW(paths, LB_GETCOUNT, 0, 0) == 1; }));
+  wchar_t listed[MAX_PATH + 1] = {};
+  SendMessageW(paths, LB_GETTEXT, 0, reinterpret_cast<LPARAM>(listed));
+  std::wstring upper = folder;
+  CharUpperW(&upper[0]);
+  EXPECT_EQ(std::wstring(listed), upper);
+  EXPECT_EQ(ReadFile(list), broomtest::Narrow(upper) + "\r\n");
+  Screenshot(dialog, L"protected");
+  PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+  ASSERT_TRUE(WaitFor([&] { return !IsWindow(dialog); }));
+
+  w.Click(IDC_SCAN);  // the protected folder is not entered
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; }));
+  EXPECT_EQ(w.Status(), L"Found 0 files (0 bytes) in 1 item.");
+
+  dialog = open();
+  paths = GetDlgItem(dialog, IDC_PROT_LIST);
+  SendMessageW(paths, LB_SETCURSEL, 0, 0);
+  SendMessageW(dialog, WM_COMMAND, MAKEWPARAM(IDC_PROT_LIST, LBN_SELCHANGE), reinterpret_cast<LPARAM>(paths));
+  PostMessageW(GetDlgItem(dialog, IDC_PROT_REMOVE), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return SendMessageW(paths, LB_GETCOUNT, 0, 0) == 0; }));
+  EXPECT_EQ(ReadFile(list), "");
+  PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+}
+
+TEST_F(Window, MovesToQuarantineAndRestores) {
+  const std::wstring file = WriteFile(m_dir / L"work\\a.bak", "precious");
+  std::wstring defs = Defs(m_dir, L"<group name=\"Demo\" scan=\"yes\" clean=\"yes\"><item name=\"Backups\">"
+                                  L"<clean kind=\"file\">" + m_dir.Path() + L"\\work\\*.bak</clean></item></group>\n");
+  CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  w.Click(IDC_SCAN);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found 1 file", 0) == 0; }));
+  w.Click(IDC_CLEAN);
+  HWND confirm = nullptr;
+  ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+  PostMessageW(GetDlgItem(confirm, IDC_CONFIRM_QUARANTINE), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return WindowText(GetDlgItem(confirm, IDC_CONFIRM_TEXT)).rfind(L"Move 1 file", 0) == 0; }));
+  PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Moved", 0) == 0; })) << broomtest::Narrow(w.Status());
+  EXPECT_EQ(w.Status(), L"Moved 1 file (8 bytes) to the quarantine.");
+  EXPECT_FALSE(Exists(file));
+
+  w.Click(IDC_QUARANTINE);
+  HWND dialog = nullptr;
+  ASSERT_TRUE(WaitFor([&] { return (dialog = w.Find(L"#32770", L"Quarantine")) && IsWindowVisible(dialog); }));
+  std::vector<std::wstring> rows = w.Rows(GetDlgItem(dialog, IDC_Q_LIST), 3);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_NE(rows[0].find(L"|1|8 bytes"), std::wstring::npos) << broomtest::Narrow(rows[0]);
+  Screenshot(dialog, L"quarantine");
+  PostMessageW(GetDlgItem(dialog, IDC_Q_RESTORE), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return WindowText(GetDlgItem(dialog, IDC_Q_STATUS)).rfind(L"Restored 1 file", 0) == 0; }))
+      << broomtest::Narrow(WindowText(GetDlgItem(dialog, IDC_Q_STATUS)));
+  EXPECT_EQ(ReadFile(file), "precious");
+  EXPECT_TRUE(w.Rows(GetDlgItem(dialog, IDC_Q_LIST), 3).empty());  // an emptied quarantine goes
+  PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+}
+
+}  // namespace

@@ -1,0 +1,339 @@
+#include "window/Dialogs.h"
+
+#include <shlobj.h>
+#include <shobjidl.h>
+
+#include "core/Handles.h"
+#include "host/Commands.h"
+#include "host/Console.h"
+#include "host/Quarantine.h"
+#include "host/QuarantineStore.h"
+#include "window/Resource.h"
+
+namespace broomw {
+
+namespace {
+
+std::wstring Text(HWND dialog, int id) {
+  HWND control = GetDlgItem(dialog, id);
+  std::wstring text(static_cast<size_t>(GetWindowTextLengthW(control)) + 1, L'\0');
+  text.resize(static_cast<size_t>(GetWindowTextW(control, &text[0], static_cast<int>(text.size()))));
+  return text;
+}
+
+std::wstring ConfirmText(const SConfirm& c, bool quarantine) {
+  std::wstring what = host::Plural(c.files, L"file", L"files") + L" (" + host::FormatSize(c.bytes) + L")";
+  return quarantine ? L"Move " + what + L" to a new quarantine? 'Quarantine...' puts them back."
+                    : L"Delete " + what + L" for good?";
+}
+
+INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
+  auto* confirm = reinterpret_cast<SConfirm*>(GetWindowLongPtrW(dialog, DWLP_USER));
+  switch (message) {
+    case WM_INITDIALOG:
+      SetWindowLongPtrW(dialog, DWLP_USER, lParam);
+      confirm = reinterpret_cast<SConfirm*>(lParam);
+      SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, false).c_str());
+      SetDlgItemTextW(dialog, IDC_CONFIRM_MARKS, confirm->marks.c_str());
+      return TRUE;
+    case WM_COMMAND:
+      switch (LOWORD(wParam)) {
+        case IDC_CONFIRM_QUARANTINE: {
+          bool quarantine = IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
+          SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, quarantine).c_str());
+          SetDlgItemTextW(dialog, IDOK, quarantine ? L"&Move" : L"&Clean");
+          return TRUE;
+        }
+        case IDOK:
+          confirm->quarantine = IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
+          EndDialog(dialog, IDOK);
+          return TRUE;
+        case IDCANCEL:
+          EndDialog(dialog, IDCANCEL);
+          return TRUE;
+      }
+      break;
+  }
+  return FALSE;
+}
+
+// ---- protected paths ----
+
+struct SProtected {
+  host::CSession* session;
+};
+
+void FillProtected(HWND dialog, host::CSession& session, const std::wstring& select) {
+  HWND list = GetDlgItem(dialog, IDC_PROT_LIST);
+  SendMessageW(list, LB_RESETCONTENT, 0, 0);
+  CRefPtr<IConstTArray<CString>> paths = session.WhiteList().SaveToArray(0x1);
+  if (paths)
+    for (const CString& path : paths->GetArray()) {
+      LRESULT at = SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(path.GetString()));
+      if (_wcsicmp(path.GetString(), select.c_str()) == 0) SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
+    }
+  EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), SendMessageW(list, LB_GETCURSEL, 0, 0) != LB_ERR);
+}
+
+bool IsListed(host::CSession& session, const std::wstring& path) {
+  std::wstring upper = path;
+  CWhiteListTree::UpperCase(&upper[0], static_cast<int>(upper.size()));
+  CRefPtr<IConstTArray<CString>> list = session.WhiteList().SaveToArray(0x1);
+  if (list)
+    for (const CString& listed : list->GetArray())
+      if (upper == listed.GetString()) return true;
+  return false;
+}
+
+// The shell's folder picker; the older browse dialog where it is missing.
+std::wstring PickFolder(HWND owner) {
+  IFileOpenDialog* open = nullptr;
+  if (SUCCEEDED(CoCreateInstance(CLSID_FileOpenDialog, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&open)))) {
+    auto release = broom::scope_exit([&] { open->Release(); });
+    DWORD options = 0;
+    open->GetOptions(&options);
+    open->SetOptions(options | FOS_PICKFOLDERS | FOS_FORCEFILESYSTEM);
+    open->SetTitle(L"Protect a folder");
+    if (FAILED(open->Show(owner))) return std::wstring();
+    IShellItem* item = nullptr;
+    if (FAILED(open->GetResult(&item))) return std::wstring();
+    auto releaseItem = broom::scope_exit([&] { item->Release(); });
+    wchar_t* path = nullptr;
+    if (FAILED(item->GetDisplayName(SIGDN_FILESYSPATH, &path))) return std::wstring();
+    broom::unique_cotaskmem hold(path);
+    return path;
+  }
+  BROWSEINFOW browse = {};
+  browse.hwndOwner = owner;
+  browse.lpszTitle = L"Protect a folder";
+  browse.ulFlags = BIF_RETURNONLYFSDIRS | BIF_NEWDIALOGSTYLE;
+  PIDLIST_ABSOLUTE chosen = SHBrowseForFolderW(&browse);
+  if (!chosen) return std::wstring();
+  broom::unique_cotaskmem hold(chosen);
+  wchar_t path[MAX_PATH + 1] = {};
+  return SHGetPathFromIDListW(chosen, path) ? std::wstring(path) : std::wstring();
+}
+
+void Fail(HWND dialog, const host::CHostError& e) {
+  MessageBoxW(dialog, host::Printable(e.message).c_str(), L"Protected", MB_OK | MB_ICONERROR);
+}
+
+void AddProtected(HWND dialog, host::CSession& session) {
+  std::wstring given = Text(dialog, IDC_PROT_PATH);
+  if (given.empty()) return;
+  std::wstring path;
+  try {
+    path = host::ProtectedPathText(given);
+  } catch (const host::CHostError& e) {
+    Fail(dialog, e);
+    return;
+  }
+  if (!IsListed(session, path)) {
+    session.WhiteList().SafeGuardPath(path.c_str(), 0x1);
+    try {
+      session.SaveWhiteList();
+    } catch (const host::CHostError& e) {
+      session.WhiteList().RemovePath(path.c_str(), 0x1);  // as it was: nothing stored
+      Fail(dialog, e);
+      return;
+    }
+  }
+  SetDlgItemTextW(dialog, IDC_PROT_PATH, L"");
+  FillProtected(dialog, session, path);
+}
+
+void RemoveProtected(HWND dialog, host::CSession& session) {
+  HWND list = GetDlgItem(dialog, IDC_PROT_LIST);
+  LRESULT at = SendMessageW(list, LB_GETCURSEL, 0, 0);
+  if (at == LB_ERR) return;
+  std::wstring path(static_cast<size_t>(SendMessageW(list, LB_GETTEXTLEN, static_cast<WPARAM>(at), 0)) + 1, L'\0');
+  path.resize(static_cast<size_t>(
+      SendMessageW(list, LB_GETTEXT, static_cast<WPARAM>(at), reinterpret_cast<LPARAM>(&path[0]))));
+  session.WhiteList().RemovePath(path.c_str(), 0x1);
+  try {
+    session.SaveWhiteList();
+  } catch (const host::CHostError& e) {
+    session.WhiteList().SafeGuardPath(path.c_str(), 0x1);
+    Fail(dialog, e);
+  }
+  FillProtected(dialog, session, std::wstring());
+}
+
+INT_PTR CALLBACK ProtectedProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
+  auto* state = reinterpret_cast<SProtected*>(GetWindowLongPtrW(dialog, DWLP_USER));
+  switch (message) {
+    case WM_INITDIALOG:
+      SetWindowLongPtrW(dialog, DWLP_USER, lParam);
+      state = reinterpret_cast<SProtected*>(lParam);
+      SendDlgItemMessageW(dialog, IDC_PROT_PATH, EM_SETLIMITTEXT, 2 * MAX_PATH, 0);
+      FillProtected(dialog, *state->session, std::wstring());
+      return TRUE;
+    case WM_COMMAND:
+      switch (LOWORD(wParam)) {
+        case IDC_PROT_LIST:
+          if (HIWORD(wParam) == LBN_SELCHANGE)
+            EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE),
+                         SendDlgItemMessageW(dialog, IDC_PROT_LIST, LB_GETCURSEL, 0, 0) != LB_ERR);
+          return TRUE;
+        case IDC_PROT_BROWSE: {
+          std::wstring folder = PickFolder(dialog);
+          if (!folder.empty()) SetDlgItemTextW(dialog, IDC_PROT_PATH, folder.c_str());
+          return TRUE;
+        }
+        case IDC_PROT_ADD:
+          AddProtected(dialog, *state->session);
+          return TRUE;
+        case IDC_PROT_REMOVE:
+          RemoveProtected(dialog, *state->session);
+          return TRUE;
+        case IDOK:  // Enter in the path field adds it
+          if (GetFocus() == GetDlgItem(dialog, IDC_PROT_PATH)) AddProtected(dialog, *state->session);
+          return TRUE;
+        case IDCANCEL:
+          EndDialog(dialog, IDCANCEL);
+          return TRUE;
+      }
+      break;
+  }
+  return FALSE;
+}
+
+// ---- quarantines ----
+
+struct SQuarantines {
+  host::CSession* session;
+  std::vector<host::SManagedQuarantine> list;
+};
+
+void FillQuarantines(HWND dialog, SQuarantines& state) {
+  HWND list = GetDlgItem(dialog, IDC_Q_LIST);
+  state.list = host::CQuarantineStore(state.session->QuarantineRoot()).List();
+  ListView_DeleteAllItems(list);
+  for (size_t i = 0; i < state.list.size(); ++i) {
+    const host::SManagedQuarantine& q = state.list[i];
+    std::wstring texts[] = {q.name, q.damaged.empty() ? host::FormatCount(q.entries) : L"-",
+                            q.damaged.empty() ? host::FormatSize(q.size) : L"-",
+                            q.damaged.empty() ? std::wstring() : L"damaged: " + q.damaged};
+    LVITEMW item = {};
+    item.mask = LVIF_TEXT;
+    item.iItem = static_cast<int>(i);
+    item.pszText = &texts[0][0];
+    ListView_InsertItem(list, &item);
+    for (int c = 1; c < 4; ++c) ListView_SetItemText(list, static_cast<int>(i), c, &texts[c][0]);
+  }
+  if (!state.list.empty()) ListView_SetItemState(list, 0, LVIS_SELECTED | LVIS_FOCUSED, LVIS_SELECTED | LVIS_FOCUSED);
+  EnableWindow(GetDlgItem(dialog, IDC_Q_RESTORE), !state.list.empty());
+  EnableWindow(GetDlgItem(dialog, IDC_Q_PURGE), !state.list.empty());
+}
+
+const host::SManagedQuarantine* SelectedQuarantine(HWND dialog, const SQuarantines& state) {
+  int row = ListView_GetNextItem(GetDlgItem(dialog, IDC_Q_LIST), -1, LVNI_SELECTED);
+  return row >= 0 && static_cast<size_t>(row) < state.list.size() ? &state.list[static_cast<size_t>(row)] : nullptr;
+}
+
+void RestoreQuarantine(HWND dialog, SQuarantines& state) {
+  const host::SManagedQuarantine* q = SelectedQuarantine(dialog, state);
+  if (!q) return;
+  std::wstring status;
+  try {
+    host::CQuarantine quarantine(q->folder, false);
+    host::CQuarantine::SRestoreResult result = quarantine.RestoreAll();
+    status = L"Restored " + host::Plural(result.files, L"file", L"files") + L" (" + host::FormatSize(result.bytes) +
+             L") from " + q->name + L".";
+    if (!result.failures.empty())
+      status += L" " + host::Plural(result.failures.size(), L"file stays", L"files stay") + L": " +
+                result.failures.front().entry.original + L": " + result.failures.front().reason;
+    if (!result.stopped.empty()) status += L" Stopped: " + result.stopped;
+  } catch (const host::CHostError& e) {
+    status = L"Nothing was restored: " + e.message;
+  }
+  SetDlgItemTextW(dialog, IDC_Q_STATUS, status.c_str());
+  FillQuarantines(dialog, state);
+}
+
+void PurgeQuarantine(HWND dialog, SQuarantines& state) {
+  const host::SManagedQuarantine* q = SelectedQuarantine(dialog, state);
+  if (!q) return;
+  if (!q->damaged.empty()) {
+    SetDlgItemTextW(dialog, IDC_Q_STATUS,
+                    (L"Kept " + q->name + L": its manifest is damaged, so what it holds is unknown.").c_str());
+    return;
+  }
+  std::wstring question = L"Delete the quarantine " + q->name + L" (" + host::Plural(q->entries, L"item", L"items") +
+                          L", " + host::FormatSize(q->size) + L") for good?";
+  if (MessageBoxW(dialog, question.c_str(), L"Quarantine", MB_YESNO | MB_ICONWARNING | MB_DEFBUTTON2) != IDYES) return;
+  std::wstring reason, name = q->name;
+  bool deleted = false;
+  try {
+    host::CQuarantine quarantine(q->folder, false);  // only a sound manifest says what may go
+    deleted = quarantine.DeleteAll(reason);
+  } catch (const host::CHostError& e) {
+    reason = e.message;
+  }
+  SetDlgItemTextW(dialog, IDC_Q_STATUS,
+                  (deleted ? L"Deleted " + name + L"." : L"Not deleted: " + name + L": " + reason).c_str());
+  FillQuarantines(dialog, state);
+}
+
+INT_PTR CALLBACK QuarantineProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
+  auto* state = reinterpret_cast<SQuarantines*>(GetWindowLongPtrW(dialog, DWLP_USER));
+  switch (message) {
+    case WM_INITDIALOG: {
+      SetWindowLongPtrW(dialog, DWLP_USER, lParam);
+      state = reinterpret_cast<SQuarantines*>(lParam);
+      HWND list = GetDlgItem(dialog, IDC_Q_LIST);
+      ListView_SetExtendedListViewStyle(list, LVS_EX_FULLROWSELECT);
+      RECT r;
+      GetClientRect(list, &r);
+      const wchar_t* titles[] = {L"Name", L"Items", L"Size", L"State"};
+      const int shares[] = {40, 15, 20, 25};
+      for (int c = 0; c < 4; ++c) {
+        LVCOLUMNW column = {};
+        column.mask = LVCF_TEXT | LVCF_WIDTH | LVCF_FMT;
+        column.fmt = c == 1 || c == 2 ? LVCFMT_RIGHT : LVCFMT_LEFT;
+        column.cx = (r.right - r.left) * shares[c] / 100;
+        column.pszText = const_cast<wchar_t*>(titles[c]);
+        ListView_InsertColumn(list, c, &column);
+      }
+      FillQuarantines(dialog, *state);
+      SetDlgItemTextW(dialog, IDC_Q_STATUS,
+                      (L"In " + state->session->QuarantineRoot() + L"; restore never replaces a file.").c_str());
+      return TRUE;
+    }
+    case WM_COMMAND:
+      switch (LOWORD(wParam)) {
+        case IDC_Q_RESTORE:
+          RestoreQuarantine(dialog, *state);
+          return TRUE;
+        case IDC_Q_PURGE:
+          PurgeQuarantine(dialog, *state);
+          return TRUE;
+        case IDCANCEL:
+          EndDialog(dialog, IDCANCEL);
+          return TRUE;
+      }
+      break;
+  }
+  return FALSE;
+}
+
+}  // namespace
+
+void ShowQuarantines(HWND owner, host::CSession& session) {
+  SQuarantines state{&session, {}};
+  DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_QUARANTINE), owner, QuarantineProc,
+                  reinterpret_cast<LPARAM>(&state));
+}
+
+bool ConfirmClean(HWND owner, SConfirm& confirm) {
+  return DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_CONFIRM), owner, ConfirmProc,
+                         reinterpret_cast<LPARAM>(&confirm)) == IDOK;
+}
+
+void ShowProtected(HWND owner, host::CSession& session) {
+  SProtected state{&session};
+  DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_PROTECTED), owner, ProtectedProc,
+                  reinterpret_cast<LPARAM>(&state));
+}
+
+}  // namespace broomw

@@ -1,0 +1,24 @@
+#pragma once
+// The dialogs of the window: the confirmation before cleaning, the
+// protected paths and the quarantines.
+#include <windows.h>
+
+#include <string>
+
+#include "host/Session.h"
+
+namespace broomw {
+
+struct SConfirm {
+  unsigned __int64 files = 0, bytes = 0;
+  std::wstring marks;       // what to look at before saying yes (warnings, hits in the user's folders)
+  bool quarantine = false;  // out: move to quarantine instead
+};
+// True when the user chose to clean.
+bool ConfirmClean(HWND owner, SConfirm& confirm);
+
+void ShowProtected(HWND owner, host::CSession& session);
+// The managed quarantines, newest first, to restore or delete.
+void ShowQuarantines(HWND owner, host::CSession& session);
+
+}  // namespace broomw

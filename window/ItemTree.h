@@ -1,0 +1,60 @@
+#pragma once
+// The tree of groups and items with tri-state check boxes. Each group's
+// state (its node, its tick, whether it is switched off) is kept in the
+// group's UI pointer; the tree control's items point at the groups.
+#include <windows.h>
+#include <commctrl.h>
+
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "host/Session.h"
+#include "window/Gdi.h"
+
+namespace broomw {
+
+class CItemTree {
+ public:
+  enum ECheck { checkOff = 0, checkOn = 1, checkSome = 2 };
+
+  void Create(HWND parent, int id);
+  HWND Handle() const { return m_tree; }
+  void SetDpi(int dpi);  // draws the check boxes for dpi
+
+  // Builds the tree of the session's definitions: ticks follow the
+  // engine's scan-by-default states, switched-off items are greyed.
+  void Fill(IConfig* config);
+
+  // The parent's WM_NOTIFY for the tree; true when handled, with result.
+  bool OnNotify(NMHDR* header, LRESULT& result);
+
+  // Ticked items that are not switched off, in the tree's order.
+  std::vector<host::SItem> Ticked() const;
+  // What to show below the tree for the selected group.
+  std::wstring SelectedText() const;
+
+ private:
+  struct SNode {
+    CScanGroup* group = nullptr;
+    HTREEITEM handle = nullptr;
+    SNode* parent = nullptr;
+    std::vector<SNode*> children;
+    ECheck check = checkOff;
+    bool enabled = true;
+    bool item = false;  // has operations of its own
+  };
+  static SNode* NodeOf(const CScanGroup* group) { return static_cast<SNode*>(group->GetUIData()); }
+  SNode* NodeOf(HTREEITEM handle) const;
+  SNode* Add(CScanGroup* group, SNode* parent);
+  void Toggle(SNode* node);
+  void SetBelow(SNode* node, ECheck check);
+  void Recount(SNode* node);  // a group's tick from its children
+  void Show(SNode* node);     // the node's state image
+
+  HWND m_tree = nullptr;
+  unique_imagelist m_images;
+  std::deque<SNode> m_nodes;  // in the tree's order; stable addresses for the UI pointers
+};
+
+}  // namespace broomw

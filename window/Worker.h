@@ -1,0 +1,97 @@
+#pragma once
+// The window's worker thread: it runs a scan or a clean of the session
+// while the window's thread keeps drawing and answering. Progress reaches
+// the window as a snapshot it reads when told, at most every 50 ms; the
+// end as one message, after which the results belong to the window again.
+#include <windows.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/CleanRun.h"
+#include "host/Session.h"
+
+namespace broomw {
+
+// Posted to the window: wParam is the job (jobScan, jobClean).
+constexpr UINT WM_WORKER_PROGRESS = WM_APP + 1;
+constexpr UINT WM_WORKER_DONE = WM_APP + 2;
+
+enum EJob { jobNone, jobScan, jobClean };
+
+struct SProgress {
+  std::wstring item;
+  size_t index = 0, count = 0;
+  int position = 0, total = 0;
+  std::wstring folder;  // or, while cleaning, the file in hand
+  unsigned __int64 files = 0, bytes = 0;
+};
+
+// What a clean did, for the window to show: the totals and, per hit in the
+// order of the scan results, what became of it.
+struct SCleanOutcome {
+  host::SCleanReport report;
+  bool quarantine = false;
+  std::wstring quarantineFolder;
+  std::wstring error;  // the clean could not start at all
+  std::vector<std::vector<std::wstring>> outcome;  // [item][hit]: "" untouched, else what happened
+};
+
+class CWorker : private host::IScanObserver, private host::ICleanObserver {
+ public:
+  explicit CWorker(HWND window) : m_window(window) {}
+  ~CWorker();
+  CWorker(const CWorker&) = delete;
+  CWorker& operator=(const CWorker&) = delete;
+
+  EJob Job() const { return m_job; }
+  // The results of an earlier scan, when given, are released on the worker:
+  // 100,000 hits take long enough to stall the window.
+  void StartScan(host::CSession& session, std::vector<host::SItem> items,
+                 std::unique_ptr<host::SScanResults> earlier = nullptr);
+  // Cleans the hits of results, which must stay untouched until the end.
+  void StartClean(host::CSession& session, host::SScanResults& results, bool quarantine);
+  void Stop() { m_cancel = true; }
+  bool Stopping() const { return m_cancel; }
+
+  // On WM_WORKER_PROGRESS: the latest state; lets the next one be posted.
+  SProgress Snapshot();
+  // On WM_WORKER_DONE: waits for the thread (it has finished its work).
+  void Join();
+  // The scan's results with the blast-radius guard's verdict on every hit.
+  host::SScanResults TakeScanResults() { return std::move(m_scan); }
+  host::SGuardSummary TakeGuardSummary() { return std::move(m_guard); }
+  SCleanOutcome TakeCleanOutcome() { return std::move(m_clean); }
+
+ private:
+  void OnItem(const std::wstring& itemPath, size_t index, size_t count) override;
+  void OnProgress(int position, int total) override;
+  void OnFolder(const std::wstring& folder) override;
+  void OnHits(unsigned __int64 files, unsigned __int64 bytes) override;
+  bool IsCancelled() override { return m_cancel; }  // of both the scan and the clean
+  void OnProgress(unsigned __int64 index, unsigned __int64 total, const std::wstring& path) override;
+  void OnFailure(const std::wstring& path, const std::wstring& reason) override;
+  void Post(bool force);
+  void Begin(EJob job);
+  void RunClean(host::CSession& session, host::SScanResults& results, bool quarantine);
+
+  HWND m_window;
+  EJob m_job = jobNone;
+  std::thread m_thread;
+  std::atomic<bool> m_cancel{false};
+  std::atomic<bool> m_posted{false};
+  std::atomic<DWORD> m_lastPost{0};
+  std::mutex m_lock;
+  SProgress m_progress;  // under m_lock
+  host::SScanResults m_scan;
+  host::SGuardSummary m_guard;
+  SCleanOutcome m_clean;
+  unsigned __int64 m_reached = 0;                 // hits the clean has come to
+  std::vector<std::pair<std::wstring, std::wstring>> m_failures;  // path, reason
+};
+
+}  // namespace broomw
