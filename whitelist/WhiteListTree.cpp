@@ -70,7 +70,11 @@ void CWhiteListTree::UpperCase(wchar_t* text, int length) {
   // The invariant mapping does not depend on the user's locale, so a path
   // saved on one machine protects the same path when loaded on another,
   // and it maps letters beyond ASCII as the file system compares them.
-  if (length > 0) LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, text, length, text, length);
+  // ASCII, by far the most common, maps the same way without the call.
+  int i = 0;
+  for (; i < length && text[i] < 0x80; ++i)
+    if (text[i] >= L'a' && text[i] <= L'z') text[i] = static_cast<wchar_t>(text[i] - (L'a' - L'A'));
+  if (i < length) LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, text + i, length - i, text + i, length - i);
 }
 
 // ---- tree ----
