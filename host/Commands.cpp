@@ -29,6 +29,14 @@ void LoadDefinitions(CSession& session, const SOptions& options) {
   LoadWinapp2Files(session, options);
 }
 
+bool Confirm(const std::wstring& question) {
+  CConsole::Err(question + L" [y/N] ");
+  std::wstring answer;
+  bool got = CConsole::ReadLine(answer);
+  if (!got) CConsole::Err(L"\n");
+  return got && (answer == L"y" || answer == L"Y" || answer == L"yes" || answer == L"YES" || answer == L"Yes");
+}
+
 SScanOptions ScanOptions(const SOptions& options, EKeep keep) {
   SScanOptions scan;
   scan.keep = keep;

@@ -29,6 +29,8 @@ struct SOptions {
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
+// Asks on the console; y, Y, yes, Yes or YES is a yes, anything else or the end of input a no.
+bool Confirm(const std::wstring& question);
 
 std::wstring Pad(const std::wstring& text, size_t width, bool right);
 std::wstring Plural(unsigned __int64 n, const wchar_t* one, const wchar_t* many);

@@ -23,14 +23,6 @@ std::wstring DateText(const SManagedQuarantine& q) {
   return text;
 }
 
-bool Confirm(const std::wstring& question) {
-  CConsole::Err(question + L" [y/N] ");
-  std::wstring answer;
-  bool got = CConsole::ReadLine(answer);
-  if (!got) CConsole::Err(L"\n");
-  return got && (answer == L"y" || answer == L"Y" || answer == L"yes" || answer == L"YES" || answer == L"Yes");
-}
-
 }  // namespace
 
 std::unique_ptr<CQuarantine> OpenCleanQuarantine(CSession& session, const SOptions& options) {

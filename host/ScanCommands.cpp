@@ -149,14 +149,6 @@ void PrintWarnings(const SScanResults& results) {
   }
 }
 
-bool Confirm(const std::wstring& question) {
-  CConsole::Err(question + L" [y/N] ");
-  std::wstring answer;
-  bool got = CConsole::ReadLine(answer);
-  if (!got) CConsole::Err(L"\n");
-  return got && (answer == L"y" || answer == L"Y" || answer == L"yes" || answer == L"YES" || answer == L"Yes");
-}
-
 }  // namespace
 
 int CmdScan(CSession& session, const SOptions& options) {
