@@ -5,3 +5,6 @@ add_dependencies(test_${name} broomw)
 target_link_libraries(test_${name} PRIVATE windowscodecs ole32 uuid gdi32 user32)
 set(test_command ${CMAKE_SOURCE_DIR}/scripts/wine-x11-run.sh --gtest ${BROOM_WINE} ${BROOM_WINEPREFIX}
     $<TARGET_FILE:test_${name}> --gtest_brief=1)
+# Its desktop and X display go away when it ends; it runs alone, so that no
+# program another test starts at that moment meets them half gone.
+set(test_serial TRUE)
