@@ -130,3 +130,14 @@ bool CRegistryPath::FromKernelName(const std::wstring& kernelName, CRegistryPath
   }
   return true;
 }
+
+std::vector<std::wstring> CRegistryPath::Components(const std::wstring& subkey) {
+  std::vector<std::wstring> parts;
+  for (size_t start = 0; start < subkey.size();) {
+    size_t end = subkey.find(L'\\', start);
+    if (end == std::wstring::npos) end = subkey.size();
+    if (end > start) parts.push_back(subkey.substr(start, end - start));
+    start = end + 1;
+  }
+  return parts;
+}

@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 #include "core/Export.h"
 
@@ -26,6 +27,8 @@ class BROOM_API CRegistryPath {
   bool HasValue() const { return m_hasValue; }
   const std::wstring& ValueName() const { return m_valueName; }
   bool IsHiveRoot() const { return m_subkey.empty(); }
+  // The subkey's names, top first, empty components dropped.
+  static std::vector<std::wstring> Components(const std::wstring& subkey);
 
   // HKCU\Software\Vendor, with the value as HKCU\Software\Vendor|Name.
   std::wstring Text() const;

@@ -62,17 +62,6 @@ const SRefusedKey kRefusedKeys[] = {
     {rkMachine, L"SYSTEM\\Setup"},
 };
 
-std::vector<std::wstring> Components(const std::wstring& subkey) {
-  std::vector<std::wstring> parts;
-  for (size_t start = 0; start < subkey.size();) {
-    size_t end = subkey.find(L'\\', start);
-    if (end == std::wstring::npos) end = subkey.size();
-    if (end > start) parts.push_back(subkey.substr(start, end - start));
-    start = end + 1;
-  }
-  return parts;
-}
-
 bool Same(const std::wstring& a, const wchar_t* b) {
   return broom::EqualNoCase(a.c_str(), a.size(), b, wcslen(b));
 }
@@ -89,7 +78,7 @@ bool StartsWith(const std::vector<std::wstring>& parts, std::initializer_list<co
 // the components below it. Classes roots (HKCR, Software\Classes of a user
 // or of the machine, in both views) count as roots of their own.
 void Locate(const CRegistryPath& key, ERootKind& root, std::vector<std::wstring>& rest) {
-  rest = Components(key.Subkey());
+  rest = CRegistryPath::Components(key.Subkey());
   size_t skip = 0;
   if (key.Hive() == HKEY_CLASSES_ROOT) {
     root = rkClasses;
@@ -132,7 +121,7 @@ bool CRegistrySafety::IsRefusedKey(const CRegistryPath& key) {
   if (rest.size() <= 1) return true;  // a root or a key right below one
   for (const SRefusedKey& refused : kRefusedKeys) {
     if (refused.root != root) continue;
-    std::vector<std::wstring> parts = Components(refused.path);
+    std::vector<std::wstring> parts = CRegistryPath::Components(refused.path);
     if (rest.size() > parts.size()) continue;
     bool above = true;
     for (size_t i = 0; above && i < rest.size(); ++i) above = broom::EqualNoCase(

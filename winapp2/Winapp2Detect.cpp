@@ -15,17 +15,6 @@ std::vector<std::wstring> Upper(std::vector<std::wstring> parts) {
   return parts;
 }
 
-std::vector<std::wstring> KeyParts(const std::wstring& subkey) {
-  std::vector<std::wstring> parts;
-  for (size_t start = 0; start < subkey.size();) {
-    size_t end = subkey.find(L'\\', start);
-    if (end == std::wstring::npos) end = subkey.size();
-    if (end > start) parts.push_back(subkey.substr(start, end - start));
-    start = end + 1;
-  }
-  return parts;
-}
-
 const REGSAM kViews[2] = {KEY_WOW64_64KEY, KEY_WOW64_32KEY};
 
 // HKCR is the user's classes laid over the machine's; it is asked as those
@@ -162,7 +151,7 @@ void CDetector::PlanKey(const CRegistryPath& key) {
   const wchar_t* hive = RegistryHiveShortName(key.Hive());
   if (!hive) return;
   std::wstring path = hive;
-  for (std::wstring& part : Upper(KeyParts(key.Subkey()))) {
+  for (std::wstring& part : Upper(CRegistryPath::Components(key.Subkey()))) {
     m_keyQueries[path].insert(part);
     path += L'\\';
     path += part;
@@ -193,7 +182,7 @@ HKEY CDetector::OpenKey(const CRegistryPath& key, REGSAM view) {
   HKEY parent = key.Hive();
   SKey* parentState = &keys[upperPath];
   parentState->exists = true;
-  for (const std::wstring& part : KeyParts(key.Subkey())) {
+  for (const std::wstring& part : CRegistryPath::Components(key.Subkey())) {
     std::wstring upperPart = part;
     UpperName(upperPart);
     std::wstring childPath = upperPath + L'\\' + upperPart;
