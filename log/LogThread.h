@@ -2,8 +2,9 @@
 // A log file written by a thread of its own: callers copy their text into a
 // buffer of waiting texts, and the log thread appends all that waits to the
 // file in one write, so callers never wait for the disk. A caller posts a
-// message only when the thread has no wake-up pending, so a busy log costs
-// one copy per text and one post per batch. The file is held open
+// message only when the thread has no wake-up pending, and the thread keeps
+// that wake-up pending while texts keep coming, so a busy log costs one copy
+// per text and one post per burst. The file is held open
 // exclusively while the log runs and holds raw UTF-16LE text.
 #include <windows.h>
 
