@@ -16,6 +16,7 @@ include(CMakePackageConfigHelpers)
 # one (or a file of the source tree) fails there.
 set(BROOM_INTERNAL_HEADERS
   clean/FileOpsServer.h    # the fallback server's interface and identifiers
+  scandefs/FilePrefetch.h  # definition files read ahead of the load
   settings/TempBuffer.h
   winapp2/NameMask.h       # the masks and path parts winapp2 rules use
   winapp2/Winapp2Detect.h) # the detection cache of a winapp2 load

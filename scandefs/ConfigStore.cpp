@@ -7,9 +7,11 @@
 #include <utility>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include "core/Handles.h"
+#include "scandefs/FilePrefetch.h"
 #include "scandefs/NoCase.h"
 #include "scandefs/XmlReader.h"
 
@@ -84,6 +86,10 @@ bool HasExtension(const wchar_t* name, const std::wstring& suffix) {
          broom::CompareNoCase(name + length - suffix.size(), suffix.c_str()) == 0;
 }
 
+// A folder with fewer files is read without a thread of its own: starting
+// one costs about what reading a file does.
+constexpr size_t kPrefetchFrom = 3;
+
 }  // namespace
 
 const std::vector<CConfigStore::SEntry>* CConfigStore::Listing(const wchar_t* base) {
@@ -124,27 +130,45 @@ bool CConfigStore::SearchFolder(const wchar_t* folder, const wchar_t* extension,
   PathRemoveFileSpecW(base);
   const std::vector<SEntry>* entries = Listing(base);
   if (!entries) return false;
-  bool loaded = false;
+  // The joined paths first, so that the files can be read ahead of the
+  // one being merged. A join past 260 characters fails and empties the
+  // buffer, which would then name the current directory: such an entry is
+  // skipped.
+  std::vector<std::wstring> paths(entries->size());
+  std::vector<std::wstring> files;
   // by index: a nested search may add listings, never change this one
   for (size_t i = 0; i < entries->size(); ++i) {
     const SEntry& entry = (*entries)[i];
     if (!HasExtension(entry.name.c_str(), suffix)) continue;
     wchar_t path[520 + MAX_PATH];
     wcscpy(path, base);
-    // A join past 260 characters fails and empties the buffer, which would
-    // then name the current directory: such an entry is skipped.
     if (!PathAppendW(path, entry.name.c_str()) || !path[0]) continue;
-    if (entry.folder)
-      loaded |= SearchFolder(path, extension, hook);
-    else
-      loaded |= LoadFile(path, hook);
+    paths[i] = path;
+    if (!entry.folder) files.push_back(path);
+  }
+  std::unique_ptr<CFilePrefetch> prefetch;
+  if (files.size() >= kPrefetchFrom) prefetch = std::make_unique<CFilePrefetch>(std::move(files));
+  bool loaded = false;
+  size_t file = 0;
+  for (size_t i = 0; i < entries->size(); ++i) {
+    if (paths[i].empty()) continue;
+    if ((*entries)[i].folder) {
+      loaded |= SearchFolder(paths[i].c_str(), extension, hook);
+    } else {
+      SFileBytes bytes;
+      if (prefetch)
+        prefetch->Take(file++, bytes);
+      else
+        ReadWholeFile(paths[i].c_str(), bytes);
+      loaded |= LoadFile(paths[i].c_str(), bytes, hook);
+    }
   }
   return loaded;
 }
 
-bool CConfigStore::LoadFile(const wchar_t* path, ILoadHook* hook) {
+bool CConfigStore::LoadFile(const wchar_t* path, SFileBytes& bytes, ILoadHook* hook) {
   XmlReader reader(CRefPtr<CConfigStore>(this));
-  return reader.ReadFile(CString(path), m_root, hook);
+  return reader.ReadFile(CString(path), bytes, m_root, hook);
 }
 
 void CConfigStore::FinishLoad() {

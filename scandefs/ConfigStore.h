@@ -13,6 +13,7 @@
 #include "scandefs/XmlNode.h"
 
 struct ILoadHook;
+struct SFileBytes;
 
 // Implemented by the host: builds operations for "clean" kinds it knows.
 struct IScanOperationFactory : public IUnknown {
@@ -111,7 +112,7 @@ class BROOM_API CConfigStore : public IConfig {
     bool folder;
   };
   const std::vector<SEntry>* Listing(const wchar_t* folder);
-  bool LoadFile(const wchar_t* path, ILoadHook* hook);
+  bool LoadFile(const wchar_t* path, SFileBytes& bytes, ILoadHook* hook);
   void FinishLoad();
   void ExpandTree(CScanGroup_imp& group);
   CString Localize(const CString& text) const;

@@ -14,15 +14,12 @@
 
 #include "core/Handles.h"
 #include "scan/StdFileScan.h"
+#include "scandefs/FilePrefetch.h"
 #include "scandefs/NoCase.h"
 
 namespace {
 
 const wchar_t kKindTable[] = L":ram:1:file:2:path:2:trunc:3:file_trunc:3:path_trunc:3:reg:4:registry:4:system:5:";
-
-struct MallocFree {
-  void operator()(void* p) const { free(p); }
-};
 
 // The declaration the files carry and the one the converted text gets.
 const char kUtf8Declaration[] = "<?xml version=\"1.0\" encoding=\"utf-8\"?>";
@@ -333,17 +330,22 @@ bool XmlReader::Reject(const CString& path, int line, const std::wstring& reason
 }
 
 bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook) {
-  auto error = [](const wchar_t* what) { return std::wstring(what) + L" (error " + std::to_wstring(GetLastError()) + L")"; };
-  broom::unique_hfile file(
-      CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!file) return Reject(path, 0, error(L"cannot be opened"));
-  LARGE_INTEGER size;
-  if (!GetFileSizeEx(file.get(), &size)) return Reject(path, 0, error(L"cannot be read"));
-  std::unique_ptr<char, MallocFree> buffer(static_cast<char*>(malloc(size.LowPart ? size.LowPart : 1)));
-  if (!buffer) AtlThrow(E_OUTOFMEMORY);
-  DWORD read = 0;
-  if (!::ReadFile(file.get(), buffer.get(), size.LowPart, &read, nullptr)) return Reject(path, 0, error(L"cannot be read"));
-  if (read == 0) return Reject(path, 0, L"is empty");
+  SFileBytes bytes;
+  ReadWholeFile(path, bytes);
+  return ReadFile(path, bytes, root, hook);
+}
+
+bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& root, ILoadHook* hook) {
+  auto error = [&](const wchar_t* what) { return std::wstring(what) + L" (error " + std::to_wstring(bytes.error) + L")"; };
+  switch (bytes.failure) {
+    case SFileBytes::fNone: break;
+    case SFileBytes::fOpen: return Reject(path, 0, error(L"cannot be opened"));
+    case SFileBytes::fRead: return Reject(path, 0, error(L"cannot be read"));
+    case SFileBytes::fNoMemory: AtlThrow(E_OUTOFMEMORY);
+  }
+  if (bytes.size == 0) return Reject(path, 0, L"is empty");
+  std::unique_ptr<char, SFileBytes::Free> buffer = std::move(bytes.data);
+  DWORD read = bytes.size;
   unsigned long count = read;
   if (hook) {
     if (!hook->OnFileData(buffer.get(), &count, true)) return Reject(path, 0, L"was rejected by the load hook");

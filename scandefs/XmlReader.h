@@ -12,6 +12,8 @@
 #include "scandefs/ScanGroup.h"
 #include "scandefs/XmlNode.h"
 
+struct SFileBytes;
+
 // Implemented by the host for the definition files that pass through it.
 struct ILoadHook {
   virtual void OnLoadComplete() = 0;
@@ -52,6 +54,8 @@ class BROOM_API XmlReader {
   // above); the tree is then untouched and the store gets a note saying why.
   // Throws CAtlException(E_INVALIDARG) when the data holds no '<'.
   bool ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook);
+  // The same for a file already read (or not) by ReadWholeFile; takes its bytes.
+  bool ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& root, ILoadHook* hook);
 
   // Expands %NAME% references in place: bit 1 = changed, bit 2 = a name was unknown.
   static unsigned long ExpandSymbols(std::wstring& text, const ConfigValueMap* scope);

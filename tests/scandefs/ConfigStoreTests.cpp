@@ -179,6 +179,42 @@ TEST_F(ConfigStore, NotesNameEverySkippedFileInLoadOrder) {
   EXPECT_EQ(CConfigStore::Of(m_store), m_store.Get());
 }
 
+TEST_F(ConfigStore, FilesReadAheadKeepTheirOrderAndTheirFailures) {
+  // Enough files for the folder to be read ahead of the merge, with the
+  // failures spread over it: a file another program holds open without
+  // sharing, an empty one, one that does not parse, and a subfolder with
+  // the extension between them, which is searched in its place. The hook
+  // dawdles over the first file, so the files after it are read ahead.
+  const std::pair<const wchar_t*, const char*> files[] = {
+      {L"a.da0", "<ConfigItems><group name=\"G\" desc=\"a\"/></ConfigItems>"},
+      {L"b.da0", "x"},
+      {L"c.da0", ""},
+      {L"d.da0", "<ConfigItems><group name=\"G\" desc=\"d\"/></ConfigItems>"},
+      {L"e.da0\\inner.da0", "<ConfigItems><group name=\"G\" desc=\"e\"/></ConfigItems>"},
+      {L"f.da0", "<ConfigItems><group"},
+      {L"g.da0", "<ConfigItems><group name=\"G\" desc=\"g\"/></ConfigItems>"},
+      {L"h.da0", "<ConfigItems><group name=\"H\"/></ConfigItems>"}};
+  for (const auto& file : files) Write(L"defs\\" + std::wstring(file.first), file.second);
+  broom::unique_hfile held(CreateFileW((m_dir / L"defs\\b.da0").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                                       FILE_ATTRIBUTE_NORMAL, nullptr));
+  ASSERT_TRUE(held);
+  struct SlowHook : RecordingHook {
+    bool OnFileData(char* data, unsigned long* size, bool reading) override {
+      if (seen.empty()) Sleep(200);
+      return RecordingHook::OnFileData(data, size, reading);
+    }
+  } hook;
+  ASSERT_TRUE(Load(L"defs", &hook));
+  EXPECT_EQ(hook.seen.size(), 6u);
+  // the later file's description wins, so G tells the merge order
+  EXPECT_EQ(Groups(), (Names{L"G", L"H"}));
+  EXPECT_EQ(Description(L"G"), L"g");
+  std::vector<std::wstring> seen;
+  for (const SLoadNote& note : m_store->GetLoadNotes()) seen.push_back(note.file.str() + L"|" + note.reason.str());
+  EXPECT_EQ(seen, (Names{m_dir / L"defs\\b.da0|cannot be opened (error 32)", m_dir / L"defs\\c.da0|is empty",
+                         m_dir / L"defs\\f.da0|does not parse: a start tag is malformed at line 1"}));
+}
+
 TEST_F(ConfigStore, EnvironmentExpansionWithin511Characters) {
   // The symbol scope of the reader is filled before these variables exist,
   // so their references reach the store unexpanded. The reader turns "%%"

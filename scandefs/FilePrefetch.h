@@ -1,0 +1,69 @@
+#pragma once
+// Definition files read whole into memory, and a reader that reads the next
+// files of a folder on a thread of its own while the caller builds the tree
+// from the file before. Opening, reading and closing a file costs several
+// round trips to the system (under Wine, to its server) during which the
+// caller would otherwise sit idle.
+#include <windows.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/Handles.h"
+
+struct SFileBytes {
+  enum EFailure { fNone, fOpen, fRead, fNoMemory };
+  struct Free {
+    void operator()(char* p) const { free(p); }
+  };
+  std::unique_ptr<char, Free> data;  // malloc'd, at least one byte once read
+  DWORD size = 0;                    // bytes read
+  EFailure failure = fNone;
+  DWORD error = 0;  // GetLastError of the step that failed
+};
+
+// Opens the file for reading (others may read it meanwhile), takes its size
+// and reads it in one call.
+void ReadWholeFile(const wchar_t* path, SFileBytes& out);
+
+class CFilePrefetch {
+ public:
+  // At most this many files, and this many bytes, are held read ahead of
+  // the caller.
+  static constexpr size_t kFilesAhead = 4;
+  static constexpr size_t kBytesAhead = 8u << 20;
+
+  // Starts reading paths in order. When no thread can be started, every
+  // file is read by Take instead.
+  explicit CFilePrefetch(std::vector<std::wstring> paths);
+  // Stops the thread after the file it is reading, and waits for it.
+  ~CFilePrefetch();
+  CFilePrefetch(const CFilePrefetch&) = delete;
+  CFilePrefetch& operator=(const CFilePrefetch&) = delete;
+
+  const std::wstring& Path(size_t index) const { return m_paths[index]; }
+  // The bytes of the file at index, as ReadWholeFile gives them. Indexes
+  // are taken in increasing order, each at most once; one the thread has
+  // not reached yet is read here, and the thread goes on after it.
+  void Take(size_t index, SFileBytes& out);
+
+ private:
+  enum EState : unsigned char { sWaiting, sReading, sReady, sTaken };
+
+  static DWORD WINAPI ThreadProc(void* self);
+  void Run();
+  bool MayReadAhead() const;
+
+  std::vector<std::wstring> m_paths;
+  std::vector<SFileBytes> m_files;
+  std::vector<EState> m_states;
+  SRWLOCK m_lock = SRWLOCK_INIT;  // everything below, and m_files and m_states
+  CONDITION_VARIABLE m_changed = CONDITION_VARIABLE_INIT;
+  size_t m_next = 0;   // the next file the thread reads
+  size_t m_taken = 0;  // files before this one are the caller's
+  size_t m_bytesAhead = 0;
+  bool m_stop = false;
+  broom::unique_thread m_thread;
+};
