@@ -184,7 +184,9 @@ void CConfigStore::ExpandTree(CScanGroup_imp& top) {
     work.pop_back();
     // only a '%' or a '$' can make a text change
     for (CString* text : {&group.m_name, &group.m_desc}) {
-      if (!wcspbrk(*text, L"%$")) continue;
+      const wchar_t* c = text->GetString();
+      while (*c && *c != L'%' && *c != L'$') ++c;
+      if (!*c) continue;
       CString expanded = ExpandText(*text);
       if (expanded != *text) *text = expanded;
     }

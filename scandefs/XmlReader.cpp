@@ -28,12 +28,19 @@ constexpr size_t kUtf8DeclarationLength = sizeof kUtf8Declaration - 1;
 constexpr size_t kUtf16DeclarationLength = sizeof kUtf16Declaration / sizeof(wchar_t) - 1;
 
 // Appends the bytes [begin, end) converted with the thread's ANSI code page.
-// An ANSI code page never yields more UTF-16 units than it has bytes.
+// An ANSI code page never yields more UTF-16 units than it has bytes, and
+// every one maps the bytes below 0x80 to the same code units, so a leading
+// run of them is widened directly (in a double-byte code page only the
+// bytes after a lead byte can be below 0x80, and none comes before the run).
 void AppendAnsi(std::wstring& out, const char* begin, const char* end) {
   if (begin == end) return;
   size_t at = out.size();
   out.resize(at + static_cast<size_t>(end - begin));
-  int n = MultiByteToWideChar(CP_THREAD_ACP, 0, begin, static_cast<int>(end - begin), &out[at],
+  wchar_t* to = &out[at];
+  while (begin != end && static_cast<unsigned char>(*begin) < 0x80) *to++ = static_cast<wchar_t>(*begin++);
+  at = static_cast<size_t>(to - out.data());
+  if (begin == end) return;
+  int n = MultiByteToWideChar(CP_THREAD_ACP, 0, begin, static_cast<int>(end - begin), to,
                               static_cast<int>(end - begin));
   out.resize(at + static_cast<size_t>(n > 0 ? n : 0));
 }
@@ -311,7 +318,9 @@ EElementType XmlReader::Classify(const wchar_t* name) {
   return etUnknown;
 }
 
-bool XmlReader::TextToBool(const CString& text, bool& value) {
+namespace {
+
+bool WordToBool(const wchar_t* text, bool& value) {
   static const wchar_t* const yes[] = {L"true", L"yes", L"on", L"1"};
   static const wchar_t* const no[] = {L"false", L"no", L"off", L"0"};
   for (const wchar_t* word : yes)
@@ -320,6 +329,10 @@ bool XmlReader::TextToBool(const CString& text, bool& value) {
     if (broom::CompareNoCase(text, word) == 0) return value = false, true;
   return false;
 }
+
+}  // namespace
+
+bool XmlReader::TextToBool(const CString& text, bool& value) { return WordToBool(text, value); }
 
 bool XmlReader::Decrypt(char*&, unsigned long) { return true; }
 bool XmlReader::Encrypt(char*&, unsigned long) { return true; }
@@ -374,7 +387,8 @@ bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& roo
   lines.text = wide.data();
   lines.length = wide.size();
   lines.linesBefore = static_cast<size_t>(std::count(data, first, '\n'));
-  for (size_t at = wide.find(L'\n'); at != std::wstring::npos; at = wide.find(L'\n', at + 1)) lines.breaks.push_back(at);
+  for (size_t at = 0; at < wide.size(); ++at)
+    if (wide[at] == L'\n') lines.breaks.push_back(at);
 
   // parsed in place: the document points into wide, which outlives it
   pugi::xml_document document;
@@ -483,20 +497,47 @@ bool XmlReader::ReadChildren(xml::NodePtr node, CScanGroup_imp& group) {
 }
 
 bool XmlReader::ReadBaseProperties(CScanGroup_imp* group, xml::NodePtr node) {
-  if (const wchar_t* order = node.Attribute(L"order")) group->m_order = _wtoi(order);
-  const std::pair<const wchar_t*, CString*> texts[] = {{L"desc", &group->m_desc},
-                                                       {L"tip", &group->m_tip},
-                                                       {L"tabIcon", &group->m_tabIcon},
-                                                       {L"icon", &group->m_icon},
-                                                       {L"report", &group->m_report}};
+  // One walk over the attributes, each name compared once (an item has a
+  // handful): the first attribute of a name counts, and an empty value
+  // counts as absent, as for Attribute.
+  enum { kOrder, kDesc, kTip, kTabIcon, kIcon, kReport, kScan, kClean, kQScan, kSafe, kCount };
+  static const wchar_t* const names[kCount] = {L"order", L"desc",   L"tip",  L"tabIcon", L"icon",
+                                               L"report", L"scan", L"clean", L"qscan", L"safe"};
+  const wchar_t* values[kCount] = {};
+  bool seen[kCount] = {};
+  for (pugi::xml_attribute a = node.Raw().first_attribute(); a; a = a.next_attribute()) {
+    const wchar_t* name = a.name();
+    int candidates[2] = {-1, -1};
+    switch (name[0]) {
+      case L'o': candidates[0] = kOrder; break;
+      case L'd': candidates[0] = kDesc; break;
+      case L't': candidates[0] = kTip, candidates[1] = kTabIcon; break;
+      case L'i': candidates[0] = kIcon; break;
+      case L'r': candidates[0] = kReport; break;
+      case L's': candidates[0] = kScan, candidates[1] = kSafe; break;
+      case L'c': candidates[0] = kClean; break;
+      case L'q': candidates[0] = kQScan; break;
+      default: continue;
+    }
+    for (int i : candidates) {
+      if (i < 0 || seen[i] || wcscmp(name, names[i]) != 0) continue;
+      seen[i] = true;
+      values[i] = *a.value() ? a.value() : nullptr;
+    }
+  }
+  if (values[kOrder]) group->m_order = _wtoi(values[kOrder]);
+  const std::pair<int, CString*> texts[] = {{kDesc, &group->m_desc},
+                                            {kTip, &group->m_tip},
+                                            {kTabIcon, &group->m_tabIcon},
+                                            {kIcon, &group->m_icon},
+                                            {kReport, &group->m_report}};
   for (const auto& text : texts)
-    if (const wchar_t* value = node.Attribute(text.first)) *text.second = value;
-  const std::pair<const wchar_t*, EBoolProperty> switches[] = {
-      {L"scan", bpDefaultScan}, {L"clean", bpDefaultClean}, {L"qscan", bpQScan}, {L"safe", bpSafe}};
+    if (values[text.first]) *text.second = values[text.first];
+  const std::pair<int, EBoolProperty> switches[] = {
+      {kScan, bpDefaultScan}, {kClean, bpDefaultClean}, {kQScan, bpQScan}, {kSafe, bpSafe}};
   for (const auto& s : switches) {
     bool flag = false;
-    const wchar_t* value = node.Attribute(s.first);
-    bool known = value && TextToBool(value, flag);
+    bool known = values[s.first] && WordToBool(values[s.first], flag);
     group->SetBoolProperty(s.second, CScanGroup::MakeBoolState(known, flag));
   }
   return true;

@@ -145,6 +145,7 @@ TEST_F(Definitions, BasePropertiesAndBooleanWords) {
       <item name="no" scan="false" clean="NO" qscan="Off" safe="0" order="abc"/>
       <item name="odd" scan="maybe" clean="" qscan="2" safe=" true"/>
       <item name="case" Scan="no" DESC="x" tabicon="y" Order="1" Report="z"/>
+      <item name="twice" desc="" desc="second" safe="no" safe="yes" tip="t" tip="u"/>
     </group>)")));
   // the order is read like _wtoi; enabled is never read from an attribute;
   // attribute names are case-sensitive
@@ -154,6 +155,8 @@ TEST_F(Definitions, BasePropertiesAndBooleanWords) {
   EXPECT_EQ(Props(*Child(*g, L"no")), L"order=0 scan=n clean=n qscan=n safe=n");
   EXPECT_EQ(Props(*Child(*g, L"odd")), L"order=999999");
   EXPECT_EQ(Props(*Child(*g, L"case")), L"order=999999");
+  // the first attribute of a name counts, an empty one as absent
+  EXPECT_EQ(Props(*Child(*g, L"twice")), L"order=999999 tip=t safe=n");
 }
 
 TEST_F(Definitions, GroupAndItemPaths) {
