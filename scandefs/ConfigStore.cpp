@@ -147,7 +147,8 @@ bool CConfigStore::SearchFolder(const wchar_t* folder, const wchar_t* extension,
     if (!entry.folder) files.push_back(path);
   }
   std::unique_ptr<CFilePrefetch> prefetch;
-  if (files.size() >= kPrefetchFrom) prefetch = std::make_unique<CFilePrefetch>(std::move(files));
+  if (files.size() >= kPrefetchFrom)
+    prefetch = std::make_unique<CFilePrefetch>(std::move(files), hook ? nullptr : &XmlReader::PrepareText);
   bool loaded = false;
   size_t file = 0;
   for (size_t i = 0; i < entries->size(); ++i) {

@@ -112,12 +112,10 @@ CRefPtr<CScopedMap::ConfigValueMap> CScopedMap::ConfigValueMap::CreateChildScope
 }
 
 CScopedMap::ConfigValueMap* CScopedMap::GetGlobalScope() {
+  // filled once, by whichever thread comes first; read-only from then on
   static GlobalScope scope;
-  static bool built = false;
-  if (!built) {
-    built = true;
-    FillGlobalScope(scope);
-  }
+  static const bool built = (FillGlobalScope(scope), true);
+  (void)built;
   return &scope;
 }
 

@@ -35,8 +35,12 @@ class SrwExclusive {
 
 }  // namespace
 
-CFilePrefetch::CFilePrefetch(std::vector<std::wstring> paths)
-    : m_paths(std::move(paths)), m_files(m_paths.size()), m_states(m_paths.size(), sWaiting) {
+CFilePrefetch::CFilePrefetch(std::vector<std::wstring> paths, Prepare prepare)
+    : m_paths(std::move(paths)),
+      m_prepare(prepare),
+      m_locale(GetThreadLocale()),
+      m_files(m_paths.size()),
+      m_states(m_paths.size(), sWaiting) {
   m_thread.reset(CreateThread(nullptr, 0, &CFilePrefetch::ThreadProc, this, 0, nullptr));
 }
 
@@ -60,6 +64,8 @@ bool CFilePrefetch::MayReadAhead() const {
 }
 
 void CFilePrefetch::Run() {
+  // the code page that converts the text is the thread's
+  SetThreadLocale(m_locale);
   SrwExclusive lock(m_lock);
   for (;;) {
     while (!m_stop && m_next < m_paths.size() && !MayReadAhead())
@@ -70,8 +76,15 @@ void CFilePrefetch::Run() {
     SFileBytes bytes;
     ReleaseSRWLockExclusive(&m_lock);
     ReadWholeFile(m_paths[index].c_str(), bytes);
+    if (m_prepare) {
+      try {
+        m_prepare(bytes);
+      } catch (...) {
+        bytes.prepared.reset();  // the caller does it again, and meets the failure itself
+      }
+    }
     AcquireSRWLockExclusive(&m_lock);
-    m_bytesAhead += bytes.size;
+    m_bytesAhead += Weight(bytes);
     m_files[index] = std::move(bytes);
     m_states[index] = sReady;
     WakeAllConditionVariable(&m_changed);
@@ -89,7 +102,7 @@ void CFilePrefetch::Take(size_t index, SFileBytes& out) {
     } else {
       while (m_states[index] == sReading) SleepConditionVariableSRW(&m_changed, &m_lock, INFINITE, 0);
       out = std::move(m_files[index]);
-      m_bytesAhead -= out.size;
+      m_bytesAhead -= Weight(out);
     }
     m_states[index] = sTaken;
     m_taken = index + 1;

@@ -22,6 +22,12 @@ struct SFileBytes {
   DWORD size = 0;                    // bytes read
   EFailure failure = fNone;
   DWORD error = 0;  // GetLastError of the step that failed
+  // What the reader made of the bytes ahead of their use, when it asked
+  // for that; it points into data.
+  struct Prepared {
+    virtual ~Prepared() = default;
+  };
+  std::unique_ptr<Prepared> prepared;
 };
 
 // Opens the file for reading (others may read it meanwhile), takes its size
@@ -34,10 +40,14 @@ class CFilePrefetch {
   // the caller.
   static constexpr size_t kFilesAhead = 4;
   static constexpr size_t kBytesAhead = 8u << 20;
+  // Work on a file's bytes that the thread does after reading them. It runs
+  // with the thread locale of whoever made the prefetch; what it throws is
+  // dropped with what it made.
+  using Prepare = void (*)(SFileBytes& bytes);
 
   // Starts reading paths in order. When no thread can be started, every
-  // file is read by Take instead.
-  explicit CFilePrefetch(std::vector<std::wstring> paths);
+  // file is read by Take instead (and left unprepared).
+  explicit CFilePrefetch(std::vector<std::wstring> paths, Prepare prepare = nullptr);
   // Stops the thread after the file it is reading, and waits for it.
   ~CFilePrefetch();
   CFilePrefetch(const CFilePrefetch&) = delete;
@@ -55,8 +65,13 @@ class CFilePrefetch {
   static DWORD WINAPI ThreadProc(void* self);
   void Run();
   bool MayReadAhead() const;
+  // What a file held ahead counts against kBytesAhead: a prepared file
+  // holds its text a few times over.
+  static size_t Weight(const SFileBytes& bytes) { return bytes.size * (bytes.prepared ? 4u : 1u); }
 
   std::vector<std::wstring> m_paths;
+  Prepare m_prepare;
+  LCID m_locale;
   std::vector<SFileBytes> m_files;
   std::vector<EState> m_states;
   SRWLOCK m_lock = SRWLOCK_INIT;  // everything below, and m_files and m_states

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cwchar>
 #include <map>
+#include <memory>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -348,6 +349,74 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
   return ReadFile(path, bytes, root, hook);
 }
 
+// A file's text as the reader parses it: from its first '<' up to its first
+// NUL, widened, its line breaks noted and parsed in place; then checked,
+// with the value pass between the checks, which need nothing but the file
+// and the process-wide scope. Made on the read-ahead thread for a file that
+// passes through no hook, by ReadFile otherwise.
+struct XmlReader::ParsedText : SFileBytes::Prepared {
+  const char* first = nullptr;  // into the bytes; null when they hold no '<'
+  const char* last = nullptr;
+  std::wstring wide;
+  FileLines lines;  // all but the path
+  pugi::xml_document document;
+  pugi::xml_parse_result parsed;
+  // What the checks found, each made only when those before it passed.
+  bool checked = false;
+  bool hasRoot = false;  // a "ConfigItems" element
+  size_t elementDepth = 0;
+  pugi::xml_node elementTooDeep;
+  pugi::xml_node overflow;  // where the values inserted too much
+  size_t groupDepth = 0;
+  pugi::xml_node groupTooDeep;
+};
+
+std::unique_ptr<XmlReader::ParsedText> XmlReader::ParseText(const char* data, size_t count) {
+  auto text = std::make_unique<ParsedText>();
+  text->first = static_cast<const char*>(memchr(data, '<', count));
+  if (!text->first) return text;
+  text->last = data + count;
+  if (const void* nul = memchr(text->first, '\0', static_cast<size_t>(text->last - text->first)))
+    text->last = static_cast<const char*>(nul);
+  std::wstring& wide = text->wide;
+  wide = ToWide(text->first, text->last);
+  FileLines& lines = text->lines;
+  lines.text = wide.data();
+  lines.length = wide.size();
+  lines.linesBefore = static_cast<size_t>(std::count(data, text->first, '\n'));
+  for (size_t at = 0; at < wide.size(); ++at)
+    if (wide[at] == L'\n') lines.breaks.push_back(at);
+  text->parsed = text->document.load_buffer_inplace(&wide[0], wide.size() * sizeof(wchar_t), pugi::parse_default,
+                                                    pugi::encoding_utf16_le);
+  return text;
+}
+
+void XmlReader::CheckText(ParsedText& text) {
+  text.checked = true;
+  if (!text.parsed) return;
+  xml::NodePtr top(text.document.first_child());
+  text.hasRoot = top && top.IsElement() && broom::CompareNoCase(top.Name(), L"ConfigItems") == 0;
+  if (!text.hasRoot) return;
+  // Nesting is checked before the value pass, which removes "value"
+  // elements, and the parser frees an element's subtree recursively.
+  text.elementDepth = ElementDepth(top.Raw(), kMaxElementDepth, text.elementTooDeep);
+  if (text.elementTooDeep) return;
+  CRefPtr<ConfigValueMap> fileScope = CScopedMap::GetGlobalScope()->CreateChildScope();
+  ValuePass pass{{}, kMaxInsertedText, {}};
+  DecodeNode(top.Raw(), fileScope, pass);
+  text.overflow = pass.overflow;
+  if (text.overflow) return;
+  // group paths are checked once their values are in
+  text.groupDepth = GroupDepth(top.Raw(), kMaxGroupDepth, text.groupTooDeep);
+}
+
+void XmlReader::PrepareText(SFileBytes& bytes) {
+  if (bytes.failure != SFileBytes::fNone || bytes.size == 0) return;
+  std::unique_ptr<ParsedText> text = ParseText(bytes.data.get(), bytes.size);
+  if (text->first) CheckText(*text);
+  bytes.prepared = std::move(text);
+}
+
 bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& root, ILoadHook* hook) {
   auto error = [&](const wchar_t* what) { return std::wstring(what) + L" (error " + std::to_wstring(bytes.error) + L")"; };
   switch (bytes.failure) {
@@ -358,23 +427,24 @@ bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& roo
   }
   if (bytes.size == 0) return Reject(path, 0, L"is empty");
   std::unique_ptr<char, SFileBytes::Free> buffer = std::move(bytes.data);
+  std::unique_ptr<ParsedText> text(static_cast<ParsedText*>(bytes.prepared.release()));
   DWORD read = bytes.size;
   unsigned long count = read;
   if (hook) {
+    text.reset();  // made of the bytes before the hook saw them
     if (!hook->OnFileData(buffer.get(), &count, true)) return Reject(path, 0, L"was rejected by the load hook");
     hook->OnLoadComplete();
     // A hook may only lower the count: the buffer holds the bytes read.
     if (count > read) count = read;
   }
-  const char* data = buffer.get();
-  const char* first = static_cast<const char*>(memchr(data, '<', count));
-  if (!first) AtlThrow(E_INVALIDARG);
-  // the text ends at the first NUL
-  const char* last = data + count;
-  if (const void* nul = memchr(first, '\0', static_cast<size_t>(last - first))) last = static_cast<const char*>(nul);
-  std::wstring wide = ToWide(first, last);
+  if (!text) text = ParseText(buffer.get(), count);
+  if (!text->first) AtlThrow(E_INVALIDARG);
   // The bytes stay until the checks below are done: a rejection names the
-  // line, and the parser changes the text it is given.
+  // line, and the parser changed the text it was given.
+  const char* data = buffer.get();
+  const char* first = text->first;
+  const char* last = text->last;
+  const std::wstring& wide = text->wide;
   auto lineOf = [&](pugi::xml_node node) {
     auto name = reinterpret_cast<uintptr_t>(node.name()), begin = reinterpret_cast<uintptr_t>(wide.data());
     if (name < begin || name >= begin + wide.size() * sizeof(wchar_t)) return 0;
@@ -382,52 +452,35 @@ bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& roo
   };
   auto at = [](int line) { return line ? L" at line " + std::to_wstring(line) : std::wstring(); };
 
-  FileLines lines;
+  FileLines& lines = text->lines;
   lines.path = &path;
-  lines.text = wide.data();
-  lines.length = wide.size();
-  lines.linesBefore = static_cast<size_t>(std::count(data, first, '\n'));
-  for (size_t at = 0; at < wide.size(); ++at)
-    if (wide[at] == L'\n') lines.breaks.push_back(at);
-
-  // parsed in place: the document points into wide, which outlives it
-  pugi::xml_document document;
-  pugi::xml_parse_result parsed = document.load_buffer_inplace(&wide[0], wide.size() * sizeof(wchar_t),
-                                                               pugi::parse_default, pugi::encoding_utf16_le);
+  // the document points into the text, which outlives it
+  pugi::xml_document& document = text->document;
+  const pugi::xml_parse_result& parsed = text->parsed;
   if (!parsed) {
     if (parsed.status == pugi::status_no_document_element) return Reject(path, 0, L"holds no element");
     int line = LineOf(data, first, last, static_cast<size_t>(parsed.offset));
     return Reject(path, line, std::wstring(L"does not parse: ") + ParseError(parsed.status) + at(line));
   }
-  xml::NodePtr top(document.first_child());
-  if (!top || !top.IsElement() || broom::CompareNoCase(top.Name(), L"ConfigItems") != 0)
-    return Reject(path, 0, L"has no ConfigItems root element");
-  CRefPtr<ConfigValueMap> fileScope = CScopedMap::GetGlobalScope()->CreateChildScope();
-
-  // Nesting is checked before the value pass, which removes "value"
-  // elements, and the parser frees an element's subtree recursively.
-  pugi::xml_node tooDeep;
-  size_t depth = ElementDepth(top.Raw(), kMaxElementDepth, tooDeep);
-  if (tooDeep) {
-    int line = lineOf(tooDeep);
-    return Reject(path, line, L"nests " + std::to_wstring(depth) + L" levels deep" + at(line) + L"; at most " +
-                                  std::to_wstring(kMaxElementDepth) + L" are read");
+  if (!text->checked) CheckText(*text);
+  if (!text->hasRoot) return Reject(path, 0, L"has no ConfigItems root element");
+  if (text->elementTooDeep) {
+    int line = lineOf(text->elementTooDeep);
+    return Reject(path, line, L"nests " + std::to_wstring(text->elementDepth) + L" levels deep" + at(line) +
+                                  L"; at most " + std::to_wstring(kMaxElementDepth) + L" are read");
   }
-  ValuePass pass{{}, kMaxInsertedText, {}};
-  DecodeNode(top.Raw(), fileScope, pass);
-  if (pass.overflow) {
-    int line = lineOf(pass.overflow);
+  if (text->overflow) {
+    int line = lineOf(text->overflow);
     return Reject(path, line, L"has %NAME% references that insert more than " + std::to_wstring(kMaxInsertedText) +
                                   L" characters" + at(line) + L"; at most that many are read");
   }
-  // group paths are checked once their values are in
-  depth = GroupDepth(top.Raw(), kMaxGroupDepth, tooDeep);
-  if (tooDeep) {
-    int line = lineOf(tooDeep);
-    return Reject(path, line, L"nests its groups " + std::to_wstring(depth) + L" levels deep" + at(line) +
+  if (text->groupTooDeep) {
+    int line = lineOf(text->groupTooDeep);
+    return Reject(path, line, L"nests its groups " + std::to_wstring(text->groupDepth) + L" levels deep" + at(line) +
                                   L"; at most " + std::to_wstring(kMaxGroupDepth) + L" are read");
   }
   buffer.reset();
+  xml::NodePtr top(document.first_child());
 
   auto& tree = static_cast<CScanGroup_imp&>(root);
   ChildIndex index;

@@ -1,6 +1,7 @@
 #pragma once
 // Reads one definition file and merges its groups, items, operations and
 // checks into a tree of scan groups.
+#include <memory>
 #include <string>
 
 #include "atl/CString.h"
@@ -56,6 +57,9 @@ class BROOM_API XmlReader {
   bool ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook);
   // The same for a file already read (or not) by ReadWholeFile; takes its bytes.
   bool ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& root, ILoadHook* hook);
+  // Widens and parses the bytes of a file that will pass through no hook,
+  // ahead of ReadFile; touches nothing but the bytes.
+  static void PrepareText(SFileBytes& bytes);
 
   // Expands %NAME% references in place: bit 1 = changed, bit 2 = a name was unknown.
   static unsigned long ExpandSymbols(std::wstring& text, const ConfigValueMap* scope);
@@ -74,6 +78,10 @@ class BROOM_API XmlReader {
   static bool DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope);
   static bool ReadValue(xml::NodePtr node, ConfigValueMap* scope);
   struct ValuePass;
+  // A file's text, parsed and checked on its own, ahead of the merge.
+  struct ParsedText;
+  static std::unique_ptr<ParsedText> ParseText(const char* data, size_t count);
+  static void CheckText(ParsedText& text);
   static bool DecodeNode(pugi::xml_node node, ConfigValueMap* scope, ValuePass& pass);
   bool Reject(const CString& path, int line, const std::wstring& reason) const;
 

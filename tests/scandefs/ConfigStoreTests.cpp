@@ -180,39 +180,51 @@ TEST_F(ConfigStore, NotesNameEverySkippedFileInLoadOrder) {
 }
 
 TEST_F(ConfigStore, FilesReadAheadKeepTheirOrderAndTheirFailures) {
-  // Enough files for the folder to be read ahead of the merge, with the
+  // Enough files for a folder to be read ahead of the merge, with the
   // failures spread over it: a file another program holds open without
   // sharing, an empty one, one that does not parse, and a subfolder with
-  // the extension between them, which is searched in its place. The hook
-  // dawdles over the first file, so the files after it are read ahead.
-  const std::pair<const wchar_t*, const char*> files[] = {
-      {L"a.da0", "<ConfigItems><group name=\"G\" desc=\"a\"/></ConfigItems>"},
-      {L"b.da0", "x"},
-      {L"c.da0", ""},
-      {L"d.da0", "<ConfigItems><group name=\"G\" desc=\"d\"/></ConfigItems>"},
-      {L"e.da0\\inner.da0", "<ConfigItems><group name=\"G\" desc=\"e\"/></ConfigItems>"},
-      {L"f.da0", "<ConfigItems><group"},
-      {L"g.da0", "<ConfigItems><group name=\"G\" desc=\"g\"/></ConfigItems>"},
-      {L"h.da0", "<ConfigItems><group name=\"H\"/></ConfigItems>"}};
-  for (const auto& file : files) Write(L"defs\\" + std::wstring(file.first), file.second);
-  broom::unique_hfile held(CreateFileW((m_dir / L"defs\\b.da0").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-  ASSERT_TRUE(held);
+  // the extension between them, which is searched in its place. Hooked
+  // files are read ahead (the hook dawdles over the first, so the others
+  // are); plain ones are parsed ahead too (many fillers come first, so the
+  // thread gets ahead of the merge).
   struct SlowHook : RecordingHook {
     bool OnFileData(char* data, unsigned long* size, bool reading) override {
       if (seen.empty()) Sleep(200);
       return RecordingHook::OnFileData(data, size, reading);
     }
-  } hook;
-  ASSERT_TRUE(Load(L"defs", &hook));
-  EXPECT_EQ(hook.seen.size(), 6u);
-  // the later file's description wins, so G tells the merge order
-  EXPECT_EQ(Groups(), (Names{L"G", L"H"}));
-  EXPECT_EQ(Description(L"G"), L"g");
-  std::vector<std::wstring> seen;
-  for (const SLoadNote& note : m_store->GetLoadNotes()) seen.push_back(note.file.str() + L"|" + note.reason.str());
-  EXPECT_EQ(seen, (Names{m_dir / L"defs\\b.da0|cannot be opened (error 32)", m_dir / L"defs\\c.da0|is empty",
-                         m_dir / L"defs\\f.da0|does not parse: a start tag is malformed at line 1"}));
+  };
+  for (const wchar_t* kind : {L"da0", L"xml"}) {
+    SCOPED_TRACE(testing::Message() << kind);
+    const std::wstring ext = std::wstring(L".") + kind, folder = std::wstring(L"defs-") + kind + L"\\";
+    if (ext == L".xml")
+      for (int i = 0; i < 24; ++i) Write(folder + L"0" + std::to_wstring(10 + i) + ext, Group("F"));
+    const std::pair<std::wstring, const char*> files[] = {
+        {L"a", "<ConfigItems><group name=\"G\" desc=\"a\"/></ConfigItems>"},
+        {L"b", "x"},
+        {L"c", ""},
+        {L"d", "<ConfigItems><group name=\"G\" desc=\"d\"/></ConfigItems>"},
+        {L"e" + ext + L"\\inner", "<ConfigItems><group name=\"G\" desc=\"e\"/></ConfigItems>"},
+        {L"f", "<ConfigItems>\r\n<group"},
+        {L"g", "<ConfigItems><value name=\"V\">g</value><group name=\"G\" desc=\"%V%\"/></ConfigItems>"},
+        {L"h", "<ConfigItems><group name=\"H\"/></ConfigItems>"}};
+    for (const auto& file : files) Write(folder + file.first + ext, file.second);
+    broom::unique_hfile held(CreateFileW((m_dir / (folder + L"b" + ext)).c_str(), GENERIC_READ, 0, nullptr,
+                                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(held);
+    m_store = CConfigStore::Of(IConfig::NewConfig());
+    SlowHook hook;
+    ASSERT_TRUE(Load(folder, &hook));
+    EXPECT_EQ(hook.seen.size(), ext == L".da0" ? 6u : 0u);
+    // the later file's description wins, so G tells the merge order
+    EXPECT_EQ(Description(L"G"), L"g");
+    EXPECT_EQ(Groups().back(), L"H");
+    std::vector<std::wstring> seen;
+    for (const SLoadNote& note : m_store->GetLoadNotes())
+      seen.push_back(note.file.str() + L"|" + std::to_wstring(note.line) + L"|" + note.reason.str());
+    const std::wstring at = m_dir / folder;
+    EXPECT_EQ(seen, (Names{at + L"b" + ext + L"|0|cannot be opened (error 32)", at + L"c" + ext + L"|0|is empty",
+                           at + L"f" + ext + L"|2|does not parse: a start tag is malformed at line 2"}));
+  }
 }
 
 TEST_F(ConfigStore, EnvironmentExpansionWithin511Characters) {
