@@ -65,6 +65,9 @@ bool CConfigStore::Load(const wchar_t* folder, ILoadHook* hook, ILocalizeStrings
   Listings* outer = std::exchange(m_listings, &listings);
   auto restore = broom::scope_exit([&] { m_listings = outer; });
   try {
+    // sorting the tree at the end would confuse the index: it goes first
+    std::unique_ptr<XmlReader::SharedIndex> index;
+    if (m_loadDepth == 1) index = std::make_unique<XmlReader::SharedIndex>(m_root);
     for (const auto& kind : kinds) loaded |= SearchFolder(folder, kind.first, kind.second ? hook : nullptr);
   } catch (...) {
     if (m_loadDepth == 1) FinishLoad();

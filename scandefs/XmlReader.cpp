@@ -146,6 +146,11 @@ class ChildIndex {
 // The index of the file being read on this thread, if any.
 thread_local ChildIndex* t_index = nullptr;
 
+// The index a SharedIndex on this thread keeps for the files read into its
+// tree, and that tree.
+thread_local ChildIndex* t_sharedIndex = nullptr;
+thread_local const CScanGroup* t_sharedRoot = nullptr;
+
 // The file being read on this thread: its path, and where its lines start,
 // so that an operation can be told the line of the element that made it.
 struct FileLines {
@@ -417,6 +422,22 @@ void XmlReader::PrepareText(SFileBytes& bytes) {
   bytes.prepared = std::move(text);
 }
 
+struct XmlReader::SharedIndex::State {
+  ChildIndex index;
+  ChildIndex* outerIndex;
+  const CScanGroup* outerRoot;
+};
+
+XmlReader::SharedIndex::SharedIndex(const CScanGroup& root) : m_state(new State{{}, t_sharedIndex, t_sharedRoot}) {
+  t_sharedIndex = &m_state->index;
+  t_sharedRoot = &root;
+}
+
+XmlReader::SharedIndex::~SharedIndex() {
+  t_sharedIndex = m_state->outerIndex;
+  t_sharedRoot = m_state->outerRoot;
+}
+
 bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& root, ILoadHook* hook) {
   auto error = [&](const wchar_t* what) { return std::wstring(what) + L" (error " + std::to_wstring(bytes.error) + L")"; };
   switch (bytes.failure) {
@@ -483,10 +504,10 @@ bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& roo
   xml::NodePtr top(document.first_child());
 
   auto& tree = static_cast<CScanGroup_imp&>(root);
-  ChildIndex index;
+  ChildIndex ownIndex;
   ChildIndex* outer = t_index;  // a factory may load another file meanwhile
   const FileLines* outerLines = t_lines;
-  t_index = &index;
+  t_index = &root == t_sharedRoot ? t_sharedIndex : &ownIndex;
   t_lines = &lines;
   auto restore = broom::scope_exit([&] {
     t_index = outer;
@@ -873,9 +894,12 @@ bool XmlReader::ReadAge(xml::NodePtr node, unsigned long& days, bool& byAccess) 
   byAccess = false;
   pugi::xml_attribute olderThan = node.Raw().attribute(L"olderThan");
   pugi::xml_attribute ageBy = node.Raw().attribute(L"ageBy");
-  int line = t_lines ? t_lines->LineOf(node.Name()) : 0;
   auto skip = [&](const std::wstring& why) {
-    if (m_store && t_lines) m_store->AddLoadNote(*t_lines->path, line, CString((why + L"; that rule is skipped").c_str()));
+    if (!m_store || !t_lines) return false;
+    // the line only for a note: most rules have no age
+    int line = t_lines->LineOf(node.Name());
+    std::wstring where = line ? L" (line " + std::to_wstring(line) + L")" : L"";
+    m_store->AddLoadNote(*t_lines->path, line, CString((why + where + L"; that rule is skipped").c_str()));
     return false;
   };
   if (olderThan) {
@@ -888,15 +912,14 @@ bool XmlReader::ReadAge(xml::NodePtr node, unsigned long& days, bool& byAccess) 
     }
     if (!digits || value == 0 || value > kMaxAgeDays)
       return skip(L"olderThan=\"" + std::wstring(text) + L"\" is not a number of days from 1 to " +
-                  std::to_wstring(kMaxAgeDays) + (line ? L" (line " + std::to_wstring(line) + L")" : L""));
+                  std::to_wstring(kMaxAgeDays));
     days = value;
   }
   if (ageBy) {
     if (broom::CompareNoCase(ageBy.value(), L"accessed") == 0)
       byAccess = true;
     else if (broom::CompareNoCase(ageBy.value(), L"modified") != 0)
-      return skip(L"ageBy=\"" + std::wstring(ageBy.value()) + L"\" is neither \"modified\" nor \"accessed\"" +
-                  (line ? L" (line " + std::to_wstring(line) + L")" : L""));
+      return skip(L"ageBy=\"" + std::wstring(ageBy.value()) + L"\" is neither \"modified\" nor \"accessed\"");
   }
   return true;
 }

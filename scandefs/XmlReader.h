@@ -61,6 +61,23 @@ class BROOM_API XmlReader {
   // ahead of ReadFile; touches nothing but the bytes.
   static void PrepareText(SFileBytes& bytes);
 
+  // While one lives, the files read on its thread into its tree share one
+  // index of group children instead of building one each, so merging many
+  // files into the same large groups costs no more than merging one. The
+  // tree must only grow meanwhile (reading only appends groups): not be
+  // sorted, nor lose a group.
+  class SharedIndex {
+   public:
+    explicit SharedIndex(const CScanGroup& root);
+    ~SharedIndex();
+    SharedIndex(const SharedIndex&) = delete;
+    SharedIndex& operator=(const SharedIndex&) = delete;
+
+   private:
+    struct State;
+    std::unique_ptr<State> m_state;
+  };
+
   // Expands %NAME% references in place: bit 1 = changed, bit 2 = a name was unknown.
   static unsigned long ExpandSymbols(std::wstring& text, const ConfigValueMap* scope);
   static EElementType Classify(const wchar_t* name);
