@@ -40,7 +40,7 @@ CFilePrefetch::CFilePrefetch(std::vector<std::wstring> paths, Prepare prepare)
       m_prepare(prepare),
       m_locale(GetThreadLocale()),
       m_files(m_paths.size()),
-      m_states(m_paths.size(), sWaiting) {
+      m_ready(m_paths.size(), 0) {
   m_thread.reset(CreateThread(nullptr, 0, &CFilePrefetch::ThreadProc, this, 0, nullptr));
 }
 
@@ -72,7 +72,6 @@ void CFilePrefetch::Run() {
       SleepConditionVariableSRW(&m_changed, &m_lock, INFINITE, 0);
     if (m_stop || m_next >= m_paths.size()) return;
     size_t index = m_next++;
-    m_states[index] = sReading;
     SFileBytes bytes;
     ReleaseSRWLockExclusive(&m_lock);
     ReadWholeFile(m_paths[index].c_str(), bytes);
@@ -86,7 +85,7 @@ void CFilePrefetch::Run() {
     AcquireSRWLockExclusive(&m_lock);
     m_bytesAhead += Weight(bytes);
     m_files[index] = std::move(bytes);
-    m_states[index] = sReady;
+    m_ready[index] = 1;
     WakeAllConditionVariable(&m_changed);
   }
 }
@@ -100,11 +99,10 @@ void CFilePrefetch::Take(size_t index, SFileBytes& out) {
       m_next = index + 1;
       readHere = true;
     } else {
-      while (m_states[index] == sReading) SleepConditionVariableSRW(&m_changed, &m_lock, INFINITE, 0);
+      while (!m_ready[index]) SleepConditionVariableSRW(&m_changed, &m_lock, INFINITE, 0);
       out = std::move(m_files[index]);
       m_bytesAhead -= Weight(out);
     }
-    m_states[index] = sTaken;
     m_taken = index + 1;
   }
   WakeAllConditionVariable(&m_changed);

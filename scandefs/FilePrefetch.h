@@ -53,15 +53,12 @@ class CFilePrefetch {
   CFilePrefetch(const CFilePrefetch&) = delete;
   CFilePrefetch& operator=(const CFilePrefetch&) = delete;
 
-  const std::wstring& Path(size_t index) const { return m_paths[index]; }
   // The bytes of the file at index, as ReadWholeFile gives them. Indexes
   // are taken in increasing order, each at most once; one the thread has
   // not reached yet is read here, and the thread goes on after it.
   void Take(size_t index, SFileBytes& out);
 
  private:
-  enum EState : unsigned char { sWaiting, sReading, sReady, sTaken };
-
   static DWORD WINAPI ThreadProc(void* self);
   void Run();
   bool MayReadAhead() const;
@@ -73,8 +70,8 @@ class CFilePrefetch {
   Prepare m_prepare;
   LCID m_locale;
   std::vector<SFileBytes> m_files;
-  std::vector<EState> m_states;
-  SRWLOCK m_lock = SRWLOCK_INIT;  // everything below, and m_files and m_states
+  std::vector<char> m_ready;  // the thread has put the file in m_files
+  SRWLOCK m_lock = SRWLOCK_INIT;  // everything below, and m_files and m_ready
   CONDITION_VARIABLE m_changed = CONDITION_VARIABLE_INIT;
   size_t m_next = 0;   // the next file the thread reads
   size_t m_taken = 0;  // files before this one are the caller's

@@ -624,12 +624,15 @@ class CLoad {
     std::vector<SOp> ops;
     std::wstring firstRoot;
     unsigned files = 0, keys = 0;
+    // a rule of a kind whose exclusions cannot all be read would delete what they keep
+    auto excludeBroken = [&](const SLine* broken, const SLine& rule) {
+      if (!broken) return false;
+      Skip(rule, L"skipped with ExcludeKey line " + std::to_wstring(broken->line) +
+                     L", which cannot be read: this rule would delete what it keeps");
+      return true;
+    };
     for (const SFileRule& rule : p.fileRules) {
-      if (p.brokenFileExclude) {
-        Skip(*rule.line, L"skipped with ExcludeKey line " + std::to_wstring(p.brokenFileExclude->line) +
-                             L", which cannot be read: this rule would delete what it keeps");
-        continue;
-      }
+      if (excludeBroken(p.brokenFileExclude, *rule.line)) continue;
       CRefPtr<CWinapp2FileScan> scan(new IUnknownNoQIImp<CWinapp2FileScan>());
       scan->SetWhiteListTestBits(1);
       for (const std::wstring& root : rule.roots) scan->AddPath(CPathString(root.c_str()));
@@ -640,11 +643,7 @@ class CLoad {
       ++files;
     }
     for (const SRegRule& rule : p.regRules) {
-      if (p.brokenRegExclude) {
-        Skip(*rule.line, L"skipped with ExcludeKey line " + std::to_wstring(p.brokenRegExclude->line) +
-                             L", which cannot be read: this rule would delete what it keeps");
-        continue;
-      }
+      if (excludeBroken(p.brokenRegExclude, *rule.line)) continue;
       CRefPtr<CRegistryScan> scan(new IUnknownNoQIImp<CRegistryScan>());
       scan->AddPath(rule.path.Text().c_str());
       bool kept = false;

@@ -164,4 +164,27 @@ std::string Narrow(const std::wstring& text) {
   return out;
 }
 
+std::wstring ExeFolder() {
+  wchar_t buffer[MAX_PATH + 1];
+  DWORD n = GetModuleFileNameW(nullptr, buffer, MAX_PATH + 1);
+  std::wstring path(buffer, n);
+  return path.substr(0, path.find_last_of(L'\\'));
+}
+
+std::vector<wchar_t> EnvironmentWith(const std::wstring& name, const std::wstring& value) {
+  std::vector<wchar_t> block;
+  wchar_t* env = GetEnvironmentStringsW();
+  std::wstring prefix = name + L"=";
+  for (const wchar_t* p = env; *p; p += wcslen(p) + 1) {
+    if (_wcsnicmp(p, prefix.c_str(), prefix.size()) == 0) continue;
+    block.insert(block.end(), p, p + wcslen(p) + 1);
+  }
+  FreeEnvironmentStringsW(env);
+  std::wstring entry = prefix + value;
+  block.insert(block.end(), entry.begin(), entry.end());
+  block.push_back(0);
+  block.push_back(0);
+  return block;
+}
+
 }  // namespace broomtest

@@ -2,6 +2,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 namespace broomtest {
 
@@ -36,5 +37,12 @@ void RemoveTree(const std::wstring& path);
 bool MakeUnixSymlink(const std::wstring& target, const std::wstring& linkPath);
 
 std::string Narrow(const std::wstring& text);  // UTF-8, for messages
+
+// The folder of the running test program (the build's bin folder), without
+// a trailing separator.
+std::wstring ExeFolder();
+// This process's environment block with name set to value (replacing any
+// entry of that name, whatever its case), for CREATE_UNICODE_ENVIRONMENT.
+std::vector<wchar_t> EnvironmentWith(const std::wstring& name, const std::wstring& value);
 
 }  // namespace broomtest

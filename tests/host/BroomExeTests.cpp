@@ -16,6 +16,8 @@
 #include "core/Handles.h"
 #include "registry/RegTestTree.h"
 
+using broomtest::EnvironmentWith;
+using broomtest::ExeFolder;
 using broomtest::Exists;
 using broomtest::Narrow;
 using broomtest::ReadFile;
@@ -29,13 +31,6 @@ struct RunResult {
   std::string out;
   std::string err;
 };
-
-std::wstring ExeFolder() {
-  wchar_t buffer[MAX_PATH + 1];
-  DWORD n = GetModuleFileNameW(nullptr, buffer, MAX_PATH + 1);
-  std::wstring path(buffer, n);
-  return path.substr(0, path.find_last_of(L'\\'));
-}
 
 std::wstring Quote(const std::wstring& arg) {
   // Backslashes only need doubling in front of a quote, which here is the
@@ -53,22 +48,6 @@ std::wstring Quote(const std::wstring& arg) {
   }
   out.append(slashes, L'\\');
   return out + L"\"";
-}
-
-std::vector<wchar_t> EnvironmentWith(const std::wstring& name, const std::wstring& value) {
-  std::vector<wchar_t> block;
-  wchar_t* env = GetEnvironmentStringsW();
-  std::wstring prefix = name + L"=";
-  for (const wchar_t* p = env; *p; p += wcslen(p) + 1) {
-    if (_wcsnicmp(p, prefix.c_str(), prefix.size()) == 0) continue;
-    block.insert(block.end(), p, p + wcslen(p) + 1);
-  }
-  FreeEnvironmentStringsW(env);
-  std::wstring entry = prefix + value;
-  block.insert(block.end(), entry.begin(), entry.end());
-  block.push_back(0);
-  block.push_back(0);
-  return block;
 }
 
 void Drain(HANDLE pipe, std::string* into) {

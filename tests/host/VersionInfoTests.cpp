@@ -7,14 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "common/TestFiles.h"
+
 namespace {
 
-std::wstring Beside(const wchar_t* name) {
-  wchar_t buffer[MAX_PATH + 1];
-  DWORD n = GetModuleFileNameW(nullptr, buffer, MAX_PATH + 1);
-  std::wstring path(buffer, n);
-  return path.substr(0, path.find_last_of(L'\\') + 1) + name;
-}
+std::wstring Beside(const wchar_t* name) { return broomtest::ExeFolder() + L"\\" + name; }
 
 std::wstring Text(std::vector<BYTE>& data, const wchar_t* key) {
   void* value = nullptr;

@@ -25,13 +25,6 @@ using broomtest::WriteFile;
 
 namespace {
 
-std::wstring BinFolder() {
-  wchar_t buffer[MAX_PATH + 1];
-  DWORD n = GetModuleFileNameW(nullptr, buffer, MAX_PATH + 1);
-  std::wstring path(buffer, n);
-  return path.substr(0, path.find_last_of(L'\\'));
-}
-
 bool WaitFor(const std::function<bool()>& done, DWORD timeout = 30000) {
   for (DWORD start = GetTickCount(); GetTickCount() - start < timeout; Sleep(20))
     if (done()) return true;
@@ -101,7 +94,7 @@ void Screenshot(HWND window, const wchar_t* name, bool settle = true) {
   DeleteDC(memory);
   ReleaseDC(nullptr, screen);
 
-  std::wstring folder = BinFolder() + L"\\..\\screenshots";
+  std::wstring folder = broomtest::ExeFolder() + L"\\..\\screenshots";
   CreateDirectoryW(folder.c_str(), nullptr);
   std::wstring path = folder + L"\\" + name + L".png";
   IWICImagingFactory* factory = nullptr;
@@ -133,16 +126,9 @@ void Screenshot(HWND window, const wchar_t* name, bool settle = true) {
 class CBroomw {
  public:
   CBroomw(const std::vector<std::wstring>& args, const std::wstring& appData) {
-    std::wstring command = L"\"" + BinFolder() + L"\\broomw.exe\"";
+    std::wstring command = L"\"" + broomtest::ExeFolder() + L"\\broomw.exe\"";
     for (const std::wstring& a : args) command += L" \"" + a + L"\"";
-    std::vector<wchar_t> env;
-    wchar_t* block = GetEnvironmentStringsW();
-    for (const wchar_t* p = block; *p; p += wcslen(p) + 1)
-      if (_wcsnicmp(p, L"LOCALAPPDATA=", 13) != 0) env.insert(env.end(), p, p + wcslen(p) + 1);
-    FreeEnvironmentStringsW(block);
-    std::wstring entry = L"LOCALAPPDATA=" + appData;
-    env.insert(env.end(), entry.begin(), entry.end());
-    env.insert(env.end(), {0, 0});
+    std::vector<wchar_t> env = broomtest::EnvironmentWith(L"LOCALAPPDATA", appData);
     STARTUPINFOW si = {};
     si.cb = sizeof si;
     EXPECT_TRUE(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT, env.data(),
