@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <cwchar>
 #include <map>
 #include <memory>
@@ -28,41 +29,99 @@ const wchar_t kUtf16Declaration[] = L"<?xml version=\"1.0\" encoding=\"utf-16\"?
 constexpr size_t kUtf8DeclarationLength = sizeof kUtf8Declaration - 1;
 constexpr size_t kUtf16DeclarationLength = sizeof kUtf16Declaration / sizeof(wchar_t) - 1;
 
-// Appends the bytes [begin, end) converted with the thread's ANSI code page.
-// An ANSI code page never yields more UTF-16 units than it has bytes, and
-// every one maps the bytes below 0x80 to the same code units, so a leading
-// run of them is widened directly (in a double-byte code page only the
-// bytes after a lead byte can be below 0x80, and none comes before the run).
-void AppendAnsi(std::wstring& out, const char* begin, const char* end) {
-  if (begin == end) return;
-  size_t at = out.size();
-  out.resize(at + static_cast<size_t>(end - begin));
-  wchar_t* to = &out[at];
-  while (begin != end && static_cast<unsigned char>(*begin) < 0x80) *to++ = static_cast<wchar_t>(*begin++);
-  at = static_cast<size_t>(to - out.data());
-  if (begin == end) return;
-  int n = MultiByteToWideChar(CP_THREAD_ACP, 0, begin, static_cast<int>(end - begin), to,
+// Eight bytes at a time: the runtime's memchr goes byte by byte, and a
+// file's text is scanned a few times over before it is parsed.
+constexpr uint64_t kLowBits = 0x0101010101010101ull;
+constexpr uint64_t kHighBits = 0x8080808080808080ull;
+
+uint64_t Word(const char* at) {
+  uint64_t word;
+  memcpy(&word, at, sizeof word);
+  return word;
+}
+
+// Whether a byte of word equals the byte that repeated is.
+bool HasByte(uint64_t word, uint64_t repeated) {
+  uint64_t x = word ^ repeated;
+  return ((x - kLowBits) & ~x & kHighBits) != 0;
+}
+
+const char* FindByte(const char* from, const char* end, char c) {
+  const uint64_t repeated = kLowBits * static_cast<unsigned char>(c);
+  while (end - from >= 8 && !HasByte(Word(from), repeated)) from += 8;
+  while (from != end && *from != c) ++from;
+  return from;
+}
+
+// Converts [begin, end) with the thread's ANSI code page to out + at, which
+// has room for end - begin more units (an ANSI code page never yields more
+// UTF-16 units than it has bytes), and returns the new length; the offsets
+// of its line feeds go to breaks. Every ANSI code page maps the bytes below
+// 0x80 to the same code units, so a leading run of them is widened directly
+// (in a double-byte code page only the bytes after a lead byte can be below
+// 0x80, and none comes before the run).
+size_t AppendAnsi(wchar_t* out, size_t at, const char* begin, const char* end, std::vector<size_t>& breaks) {
+  const uint64_t lineFeeds = kLowBits * '\n';
+  for (uint64_t word; end - begin >= 8 && !((word = Word(begin)) & kHighBits); begin += 8, at += 8) {
+    for (int i = 0; i < 8; ++i) out[at + i] = static_cast<wchar_t>(begin[i]);
+    if (HasByte(word, lineFeeds))
+      for (int i = 0; i < 8; ++i)
+        if (begin[i] == '\n') breaks.push_back(at + i);
+  }
+  for (; begin != end && static_cast<unsigned char>(*begin) < 0x80; ++begin, ++at) {
+    if (*begin == '\n') breaks.push_back(at);
+    out[at] = static_cast<wchar_t>(*begin);
+  }
+  if (begin == end) return at;
+  int n = MultiByteToWideChar(CP_THREAD_ACP, 0, begin, static_cast<int>(end - begin), out + at,
                               static_cast<int>(end - begin));
-  out.resize(at + static_cast<size_t>(n > 0 ? n : 0));
+  for (size_t i = at, stop = at + static_cast<size_t>(n > 0 ? n : 0); i < stop; ++i)
+    if (out[i] == L'\n') breaks.push_back(i);
+  return at + static_cast<size_t>(n > 0 ? n : 0);
+}
+
+// The first UTF-8 declaration in [from, end), or end. A '?' is rare in
+// definition text, so the search goes from one to the next.
+const char* FindUtf8Declaration(const char* from, const char* end) {
+  if (from == end) return end;
+  for (const char* mark = from + 1; (mark = FindByte(mark, end, '?')) != end; ++mark) {
+    const char* start = mark - 1;
+    if (static_cast<size_t>(end - start) >= kUtf8DeclarationLength &&
+        memcmp(start, kUtf8Declaration, kUtf8DeclarationLength) == 0)
+      return start;
+  }
+  return end;
 }
 
 // The 8-bit text [begin, end) as UTF-16, every UTF-8 declaration relabelled
-// as UTF-16. The declaration is plain ASCII, which every ANSI code page maps
-// one to one, and it starts with '<' and ends with '>', which are never the
-// second byte of a double-byte character: for any well-formed text,
-// converting around it gives what replacing the bytes first and converting
-// the whole would.
-std::wstring ToWide(const char* begin, const char* end) {
-  std::wstring out;
-  out.reserve(static_cast<size_t>(end - begin) + 16);
+// as UTF-16, with the offsets of its line feeds. The declaration is plain
+// ASCII, which every ANSI code page maps one to one, and it starts with '<'
+// and ends with '>', which are never the second byte of a double-byte
+// character: for any well-formed text, converting around it gives what
+// replacing the bytes first and converting the whole would.
+struct WideText {
+  std::unique_ptr<wchar_t[]> data;
+  size_t length = 0;
+  std::vector<size_t> breaks;
+};
+
+void ToWide(const char* begin, const char* end, WideText& out) {
+  std::vector<const char*> declarations;
+  for (const char* at = begin; (at = FindUtf8Declaration(at, end)) != end; at += kUtf8DeclarationLength)
+    declarations.push_back(at);
+  out.data.reset(new wchar_t[static_cast<size_t>(end - begin) +
+                             declarations.size() * (kUtf16DeclarationLength - kUtf8DeclarationLength) + 1]);
+  out.breaks.clear();
+  out.breaks.reserve(static_cast<size_t>(std::count(begin, end, '\n')));
+  size_t length = 0;
   const char* from = begin;
-  for (;;) {
-    const char* found = std::search(from, end, kUtf8Declaration, kUtf8Declaration + kUtf8DeclarationLength);
-    AppendAnsi(out, from, found);
-    if (found == end) return out;
-    out.append(kUtf16Declaration, kUtf16DeclarationLength);
+  for (const char* found : declarations) {
+    length = AppendAnsi(out.data.get(), length, from, found, out.breaks);
+    wmemcpy(out.data.get() + length, kUtf16Declaration, kUtf16DeclarationLength);
+    length += kUtf16DeclarationLength;
     from = found + kUtf8DeclarationLength;
   }
+  out.length = AppendAnsi(out.data.get(), length, from, end, out.breaks);
 }
 
 // Finds the children of large groups by name without walking the sibling
@@ -158,13 +217,18 @@ struct FileLines {
   const wchar_t* text = nullptr;  // the parsed text; element names point into it
   size_t length = 0;
   size_t linesBefore = 0;         // lines of the bytes before the first '<'
-  std::vector<size_t> breaks;     // offsets of the line feeds of the text, before parsing
+  const std::vector<size_t>* breaks = nullptr;  // offsets of the line feeds of the text, before parsing
 
+  // The line (from 1) of the character at offset in the text.
+  int LineAt(size_t offset) const {
+    size_t line = 1 + linesBefore;
+    if (breaks) line += static_cast<size_t>(std::lower_bound(breaks->begin(), breaks->end(), offset) - breaks->begin());
+    return line > INT_MAX ? INT_MAX : static_cast<int>(line);
+  }
+  // The line of an element or attribute name in the text; 0 for a name from elsewhere.
   int LineOf(const wchar_t* name) const {
     if (!text || name < text || name >= text + length) return 0;
-    size_t offset = static_cast<size_t>(name - text);
-    size_t line = 1 + linesBefore + static_cast<size_t>(std::upper_bound(breaks.begin(), breaks.end(), offset) - breaks.begin());
-    return line > INT_MAX ? INT_MAX : static_cast<int>(line);
+    return LineAt(static_cast<size_t>(name - text));
   }
 };
 thread_local const FileLines* t_lines = nullptr;
@@ -203,16 +267,6 @@ const wchar_t* ParseError(pugi::xml_parse_status status) {
     case pugi::status_end_element_mismatch: return L"an end tag does not match its start tag";
     default: return L"the parser failed";
   }
-}
-
-// The line (from 1) of a character of the parsed text: the lines of the
-// bytes before the first '<', then those of the text up to it. Parsing
-// changed the text in place, so the bytes are converted once more.
-int LineOf(const char* data, const char* first, const char* last, size_t offset) {
-  size_t lines = 1 + static_cast<size_t>(std::count(data, first, '\n'));
-  std::wstring text = ToWide(first, last);
-  lines += static_cast<size_t>(std::count(text.begin(), text.begin() + std::min(offset, text.size()), L'\n'));
-  return lines > INT_MAX ? INT_MAX : static_cast<int>(lines);
 }
 
 // The deepest nesting of elements from top (level 1), and the first element
@@ -360,9 +414,8 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
 // and the process-wide scope. Made on the read-ahead thread for a file that
 // passes through no hook, by ReadFile otherwise.
 struct XmlReader::ParsedText : SFileBytes::Prepared {
-  const char* first = nullptr;  // into the bytes; null when they hold no '<'
-  const char* last = nullptr;
-  std::wstring wide;
+  bool markup = false;  // the bytes hold a '<'
+  WideText wide;
   FileLines lines;  // all but the path
   pugi::xml_document document;
   pugi::xml_parse_result parsed;
@@ -378,21 +431,19 @@ struct XmlReader::ParsedText : SFileBytes::Prepared {
 
 std::unique_ptr<XmlReader::ParsedText> XmlReader::ParseText(const char* data, size_t count) {
   auto text = std::make_unique<ParsedText>();
-  text->first = static_cast<const char*>(memchr(data, '<', count));
-  if (!text->first) return text;
-  text->last = data + count;
-  if (const void* nul = memchr(text->first, '\0', static_cast<size_t>(text->last - text->first)))
-    text->last = static_cast<const char*>(nul);
-  std::wstring& wide = text->wide;
-  wide = ToWide(text->first, text->last);
+  const char* first = FindByte(data, data + count, '<');
+  if (first == data + count) return text;
+  text->markup = true;
+  const char* last = FindByte(first, data + count, '\0');
+  WideText& wide = text->wide;
+  ToWide(first, last, wide);
   FileLines& lines = text->lines;
-  lines.text = wide.data();
-  lines.length = wide.size();
-  lines.linesBefore = static_cast<size_t>(std::count(data, text->first, '\n'));
-  for (size_t at = 0; at < wide.size(); ++at)
-    if (wide[at] == L'\n') lines.breaks.push_back(at);
-  text->parsed = text->document.load_buffer_inplace(&wide[0], wide.size() * sizeof(wchar_t), pugi::parse_default,
-                                                    pugi::encoding_utf16_le);
+  lines.text = wide.data.get();
+  lines.length = wide.length;
+  lines.linesBefore = static_cast<size_t>(std::count(data, first, '\n'));
+  lines.breaks = &wide.breaks;
+  text->parsed = text->document.load_buffer_inplace(wide.data.get(), wide.length * sizeof(wchar_t),
+                                                    pugi::parse_default, pugi::encoding_utf16_le);
   return text;
 }
 
@@ -418,7 +469,7 @@ void XmlReader::CheckText(ParsedText& text) {
 void XmlReader::PrepareText(SFileBytes& bytes) {
   if (bytes.failure != SFileBytes::fNone || bytes.size == 0) return;
   std::unique_ptr<ParsedText> text = ParseText(bytes.data.get(), bytes.size);
-  if (text->first) CheckText(*text);
+  if (text->markup) CheckText(*text);
   bytes.prepared = std::move(text);
 }
 
@@ -459,28 +510,20 @@ bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& roo
     if (count > read) count = read;
   }
   if (!text) text = ParseText(buffer.get(), count);
-  if (!text->first) AtlThrow(E_INVALIDARG);
-  // The bytes stay until the checks below are done: a rejection names the
-  // line, and the parser changed the text it was given.
-  const char* data = buffer.get();
-  const char* first = text->first;
-  const char* last = text->last;
-  const std::wstring& wide = text->wide;
-  auto lineOf = [&](pugi::xml_node node) {
-    auto name = reinterpret_cast<uintptr_t>(node.name()), begin = reinterpret_cast<uintptr_t>(wide.data());
-    if (name < begin || name >= begin + wide.size() * sizeof(wchar_t)) return 0;
-    return LineOf(data, first, last, (name - begin) / sizeof(wchar_t));
-  };
-  auto at = [](int line) { return line ? L" at line " + std::to_wstring(line) : std::wstring(); };
-
+  if (!text->markup) AtlThrow(E_INVALIDARG);
+  // the text holds all that is needed from here on, line breaks included
+  buffer.reset();
   FileLines& lines = text->lines;
   lines.path = &path;
+  auto lineOf = [&](pugi::xml_node node) { return lines.LineOf(node.name()); };
+  auto at = [](int line) { return line ? L" at line " + std::to_wstring(line) : std::wstring(); };
+
   // the document points into the text, which outlives it
   pugi::xml_document& document = text->document;
   const pugi::xml_parse_result& parsed = text->parsed;
   if (!parsed) {
     if (parsed.status == pugi::status_no_document_element) return Reject(path, 0, L"holds no element");
-    int line = LineOf(data, first, last, static_cast<size_t>(parsed.offset));
+    int line = lines.LineAt(static_cast<size_t>(parsed.offset));
     return Reject(path, line, std::wstring(L"does not parse: ") + ParseError(parsed.status) + at(line));
   }
   if (!text->checked) CheckText(*text);
@@ -500,7 +543,6 @@ bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& roo
     return Reject(path, line, L"nests its groups " + std::to_wstring(text->groupDepth) + L" levels deep" + at(line) +
                                   L"; at most " + std::to_wstring(kMaxGroupDepth) + L" are read");
   }
-  buffer.reset();
   xml::NodePtr top(document.first_child());
 
   auto& tree = static_cast<CScanGroup_imp&>(root);

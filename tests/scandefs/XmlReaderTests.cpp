@@ -64,6 +64,9 @@ TEST_F(Definitions, BadFilesAreRejectedAndLeaveTheTreeAlone) {
       {"", L"0: is empty"},
       {"\xEF\xBB\xBF\r\n\r\n<ConfigItems>\n<group name=\"x\">\n</ConfigItems>",
        L"5: does not parse: an end tag does not match its start tag at line 5"},
+      // lines counted past 8-bit text, which the code page converts
+      {"<ConfigItems>\n<group name=\"caf\xE9\">\n\n<x>\n</ConfigItems>",
+       L"5: does not parse: an end tag does not match its start tag at line 5"},
       {"<Config><group name=\"Other\"/></Config>", L"0: has no ConfigItems root element"},
       {utf16, L"1: does not parse: a tag is not recognised at line 1"},  // UTF-16 is not decoded
       {"<?xml version=\"1.0\"?><!-- c --><Config/>", L"0: has no ConfigItems root element"},
