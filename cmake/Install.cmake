@@ -17,6 +17,7 @@ include(CMakePackageConfigHelpers)
 set(BROOM_INTERNAL_HEADERS
   clean/FileOpsServer.h    # the fallback server's interface and identifiers
   scandefs/FilePrefetch.h  # definition files read ahead of the load
+  scandefs/FileScopes.h    # the value scopes of one file's value pass
   settings/TempBuffer.h
   winapp2/NameMask.h       # the masks and path parts winapp2 rules use
   winapp2/Winapp2Detect.h) # the detection cache of a winapp2 load

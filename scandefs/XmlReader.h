@@ -94,12 +94,10 @@ class BROOM_API XmlReader {
 
   static bool DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope);
   static bool ReadValue(xml::NodePtr node, ConfigValueMap* scope);
-  struct ValuePass;
   // A file's text, parsed and checked on its own, ahead of the merge.
   struct ParsedText;
   static std::unique_ptr<ParsedText> ParseText(const char* data, size_t count);
   static void CheckText(ParsedText& text);
-  static bool DecodeNode(pugi::xml_node node, ConfigValueMap* scope, ValuePass& pass);
   bool Reject(const CString& path, int line, const std::wstring& reason) const;
 
   bool ReadCleaning(xml::NodePtr node, CScanGroup_imp& group);

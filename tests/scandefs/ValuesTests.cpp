@@ -192,6 +192,27 @@ TEST_F(Definitions, ValuesAreScopedAndNotExpandedThemselves) {
   EXPECT_EQ(Description(L"Next"), L"%LIT%");
 }
 
+TEST_F(Definitions, InnerValuesHideOuterOnesUntilTheirElementEnds) {
+  ASSERT_TRUE(Read(Xml(R"(
+    <value name="X">outer</value>
+    <group name="A" desc="%x%">
+      <value name="X">first</value>
+      <value name="x">second</value>
+      <value name="BROOMTEST_TMP" type="regVal"/>
+      <item name="i" desc="%X%|%BROOMTEST_TMP%"><value name="X">item</value><clean kind="file">%X%</clean></item>
+      <item name="j" desc="%X%"/>
+    </group>
+    <group name="B" desc="%X%|%BROOMTEST_TMP%"/>)")));
+  CScanGroup* a = Child(Root(), L"A");
+  ASSERT_NE(a, nullptr);
+  EXPECT_STREQ(a->GetDescription(), L"outer");
+  // the later of two definitions in one scope counts; one defined as nothing hides the environment's
+  EXPECT_STREQ(Child(*a, L"i")->GetDescription(), L"second|%BROOMTEST_TMP%");
+  EXPECT_EQ(Ops(*Child(*a, L"i")), (Names{L"file:item"}));
+  EXPECT_STREQ(Child(*a, L"j")->GetDescription(), L"second");
+  EXPECT_EQ(Description(L"B"), L"outer|C:\\Tmp");
+}
+
 TEST_F(Definitions, ValuesCutAtDelimiters) {
   ASSERT_TRUE(Read(Xml(R"(
     <value name="I1" delimiter=";" index="1">a;b;c</value>
