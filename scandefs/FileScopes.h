@@ -2,9 +2,11 @@
 // The names a definition file defines with "value" elements, while its
 // value pass runs: one stack for the whole file, the names of an element
 // above those of the elements around it and taken off again when the
-// element is done, in front of the process-wide scope. Once a file's names
-// have been seen, defining and finding them allocate nothing; a counted map
-// per element did, on a heap that serialises every thread of the process.
+// element is done, in front of the process-wide scope. A slot of the stack
+// keeps its text's buffer for the next name defined there, so once a
+// file's names have been seen, defining and finding them allocate nothing;
+// a counted map per element did, on a heap that serialises every thread of
+// the process.
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -25,15 +27,16 @@ class CFileScopes {
   // The scope of one element's "value" children, open while it lives.
   class Inner {
    public:
-    explicit Inner(CFileScopes* scopes) : m_scopes(scopes), m_mark(scopes->m_entries.size()) {}
+    explicit Inner(CFileScopes* scopes) : m_scopes(scopes), m_mark(scopes->m_open) {}
     ~Inner() { m_scopes->CloseTo(m_mark); }
     Inner(const Inner&) = delete;
     Inner& operator=(const Inner&) = delete;
     // Where the children look names up.
     CFileScopes* Current() const { return m_scopes; }
-    // Defines name in this scope with a copy of value; a null value defines
-    // it as nothing, which hides it in the enclosing scopes.
-    void Define(const wchar_t* name, const wchar_t* value) { m_scopes->Define(name, value); }
+    // Defines name in this scope with a copy of value, in place of what this
+    // scope defined it as before; a null value defines it as nothing, which
+    // hides it in the enclosing scopes.
+    void Define(const wchar_t* name, const wchar_t* value) { m_scopes->Define(name, value, m_mark); }
 
    private:
     CFileScopes* m_scopes;
@@ -43,20 +46,21 @@ class CFileScopes {
  private:
   static constexpr size_t kNone = static_cast<size_t>(-1);
   struct Entry {
-    size_t* newest;   // the name's slot in m_newest
-    size_t previous;  // the entry of the name this one hides, or kNone
-    size_t value;     // offset of the text in m_text, or kNone for nothing
-    size_t textSize;  // m_text's size before this entry
+    size_t* newest = nullptr;  // the name's slot in m_newest
+    size_t previous = kNone;   // the entry of the name this one hides, or kNone
+    bool nothing = false;      // defined as nothing
+    std::wstring text;
   };
 
-  void Define(const wchar_t* name, const wchar_t* value);
+  // scope: the first entry of the scope that defines the name.
+  void Define(const wchar_t* name, const wchar_t* value, size_t scope);
   void CloseTo(size_t mark);
   // The name folded as the maps compare names, in m_key.
   const std::wstring& Key(const wchar_t* name, size_t length) const;
 
   const CScopedMap::ConfigValueMap* m_global;
-  std::vector<Entry> m_entries;
-  std::wstring m_text;                                // the defined texts, each ended by a NUL
+  std::vector<Entry> m_entries;  // those before m_open are defined
+  size_t m_open = 0;
   std::unordered_map<std::wstring, size_t> m_newest;  // folded name -> its innermost entry, or kNone
   mutable std::wstring m_key;
 };
