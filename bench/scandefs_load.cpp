@@ -4,7 +4,9 @@
 // costs at most 1.5 times the parse.
 //
 // A second folder holds the same items without their "clean" elements, to
-// show how much of the load goes into building the scan operations.
+// show how much of the load goes into building the scan operations. Each
+// round also builds the same tree straight from texts in memory, which is
+// what the tree's layout costs by itself, nothing read or parsed.
 #include <windows.h>
 
 #include <algorithm>
@@ -15,7 +17,9 @@
 
 #include <pugixml.hpp>
 
+#include "scan/StdFileScan.h"
 #include "scandefs/ConfigStore.h"
+#include "scandefs/ScanGroup.h"
 
 namespace {
 
@@ -78,13 +82,62 @@ struct Result {
   // from about 60 to 400 us depending on how quickly its server answers,
   // which moves the floor itself between runs.
   double medianParse = 0, worstParse = 0;
+  // The same groups, items and operations made straight from memory:
+  // what the tree's own layout costs, with nothing read or parsed.
+  double tree = 1e9, medianTree = 0;
   int items = 0, operations = 0;
 };
+
+// The tree a load of the generated files makes, built directly from texts
+// made beforehand: each operation a file scan holding its root pattern,
+// each item a group with its name and description.
+struct TreeTexts {
+  std::vector<std::wstring> groups, names, descs, paths;  // per file, per item, per operation
+  explicit TreeTexts(bool cleans) {
+    for (int f = 0; f < kFiles; ++f) {
+      std::wstring base = L"C:\\Bench\\Data" + std::to_wstring(f);
+      groups.push_back(L"Group " + std::to_wstring(f % 7));
+      for (int i = 0; i < kItemsPerFile; ++i) {
+        std::wstring n = std::to_wstring(f) + L"_" + std::to_wstring(i);
+        names.push_back(L"Item " + n);
+        descs.push_back(L"Cache of " + base + L" number " + n);
+        if (!cleans) continue;
+        paths.push_back(base + L"\\sub" + n + L"\\*.tmp");
+        paths.push_back(L"C:\\Temp\\sub" + n + L"\\*.log");
+      }
+    }
+  }
+};
+
+double BuildTree(const TreeTexts& texts) {
+  CScanGroup_imp root;
+  auto t0 = std::chrono::steady_clock::now();
+  size_t item = 0, path = 0;
+  for (const std::wstring& groupName : texts.groups) {
+    CScanGroup_imp* group = CScanGroup_imp::FindOrAddGroupPath(groupName.c_str(), groupName.size(), root);
+    for (int i = 0; i < kItemsPerFile; ++i, ++item) {
+      group->m_children.emplace_back();
+      CScanGroup_imp& child = group->m_children.back();
+      child.m_name = texts.names[item].c_str();
+      child.m_parent = group;
+      child.m_desc = texts.descs[item].c_str();
+      for (int k = 0; k < 2 && path < texts.paths.size(); ++k, ++path) {
+        auto* scan = new IUnknownNoQIImp<CStdFileScan>();
+        CRefPtr<IScanOperation> op(scan);
+        scan->SetWhiteListTestBits(1);
+        scan->AddPath(CPathString(texts.paths[path].c_str()));
+        CScanGroup_imp::AddScanOp(child, op);
+      }
+    }
+  }
+  return Seconds(t0);
+}
 
 // Parse and load alternate, so that both see the same state of the machine.
 Result Measure(const Folder& folder) {
   Result r;
-  std::vector<double> ratios, parses;
+  std::vector<double> ratios, parses, trees;
+  const TreeTexts texts(folder.path.find(L"noclean") == std::wstring::npos);
   for (int round = 0; round < kRounds; ++round) {
     auto t0 = std::chrono::steady_clock::now();
     for (const auto& path : folder.files) {
@@ -97,8 +150,11 @@ Result Measure(const Folder& folder) {
     auto t1 = std::chrono::steady_clock::now();
     config->Load(folder.path.c_str(), nullptr, nullptr);
     double load = Seconds(t1);
+    double tree = BuildTree(texts);
     r.parse = std::min(r.parse, parse);
     r.load = std::min(r.load, load);
+    r.tree = std::min(r.tree, tree);
+    trees.push_back(tree);
     ratios.push_back(load / parse);
     parses.push_back(parse);
 
@@ -119,6 +175,8 @@ Result Measure(const Folder& folder) {
   std::sort(parses.begin(), parses.end());
   r.medianParse = parses[parses.size() / 2];
   r.worstParse = parses.back();
+  std::sort(trees.begin(), trees.end());
+  r.medianTree = trees[trees.size() / 2];
   return r;
 }
 
@@ -151,6 +209,8 @@ int main() {
          withOps.medianParse * 1000, withOps.worstParse * 1000);
   printf("ratio load/parse: %.2f of the best times, %.2f median of the rounds (goal <= 1.5)\n",
          withOps.load / withOps.parse, withOps.medianRatio);
+  printf("the same tree built from memory, nothing read or parsed: best %.2f ms, median %.2f ms (%.2f of the best parse)\n",
+         withOps.tree * 1000, withOps.medianTree * 1000, withOps.tree / withOps.parse);
   printf("same items without clean elements: parse %.2f ms, load %.2f ms, ratio %.2f, median %.2f\n",
          withoutOps.parse * 1000, withoutOps.load * 1000, withoutOps.load / withoutOps.parse, withoutOps.medianRatio);
   return 0;
