@@ -471,6 +471,25 @@ const wchar_t* ValueText(xml::NodePtr node, std::wstring& registry) {
   return source;
 }
 
+// Reads one "value" element into scope (anything that can Define a name):
+// without a name it defines nothing; otherwise the name gets its text, or
+// nothing when the text cannot be had. True when the name received a text.
+template <class Scope>
+bool DefineValue(xml::NodePtr node, Scope& scope) {
+  const wchar_t* name = node.Attribute(L"name");
+  if (!name) return false;
+  std::wstring registry;
+  const wchar_t* value = ValueText(node, registry);
+  scope.Define(name, value);
+  return value != nullptr;
+}
+
+// One counted map as a scope to define names in.
+struct MapScope {
+  CScopedMap::ConfigValueMap* map;
+  void Define(const wchar_t* name, const wchar_t* value) { map->Set(name, value); }
+};
+
 struct ValuePass {
   std::wstring scratch;     // keeps its capacity from one text to the next
   size_t insertable;        // characters references may still insert
@@ -521,13 +540,7 @@ bool DecodeNode(pugi::xml_node node, Scope* scope, ValuePass& pass) {
   for (pugi::xml_node child = node.first_child(); child && !pass.overflow; child = next) {
     next = child.next_sibling();
     if (child.type() == pugi::node_element && broom::CompareNoCase(child.name(), L"value") == 0) {
-      xml::NodePtr element(child);
-      if (const wchar_t* name = element.Attribute(L"name")) {
-        std::wstring registry;
-        const wchar_t* value = ValueText(element, registry);
-        inner.Define(name, value);
-        readAny |= value != nullptr;
-      }
+      readAny |= DefineValue(xml::NodePtr(child), inner);
       node.remove_child(child);  // nothing visits it again
     } else {
       DecodeNode(child, inner.Current(), pass);
@@ -856,12 +869,8 @@ bool XmlReader::DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope) {
 }
 
 bool XmlReader::ReadValue(xml::NodePtr node, ConfigValueMap* scope) {
-  const wchar_t* name = node.Attribute(L"name");
-  if (!name) return false;
-  std::wstring registry;
-  const wchar_t* value = ValueText(node, registry);
-  scope->Set(name, value);
-  return value != nullptr;
+  MapScope target{scope};
+  return DefineValue(node, target);
 }
 
 // ---- operations and checks ----

@@ -57,8 +57,9 @@ class BROOM_API XmlReader {
   bool ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook);
   // The same for a file already read (or not) by ReadWholeFile; takes its bytes.
   bool ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& root, ILoadHook* hook);
-  // Widens and parses the bytes of a file that will pass through no hook,
-  // ahead of ReadFile; touches nothing but the bytes.
+  // Widens, parses and checks the bytes of a file that will pass through no
+  // hook, ahead of ReadFile, value pass included: it reads the process-wide
+  // scope and the registry paths of "regVal" values, and touches no store.
   static void PrepareText(SFileBytes& bytes);
 
   // While one lives, the files read on its thread into its tree share one
