@@ -22,19 +22,36 @@ out=
 if [ -n "$capture" ]; then
   out=$(mktemp "${TMPDIR:-/tmp}/broom-wine.XXXXXX") || exit 1
   trap 'rm -f "$out"' EXIT
-  trap 'exit 130' INT TERM
+  trap 'echo "wine-run.sh: stopped by a signal" >&2; exit 130' INT TERM
 fi
 
 # Runs a command with its output captured or not, as asked.
+#
+# Every program the tests run prints something, so one that fails within a
+# second having printed nothing most likely never ran under Wine (once on
+# CI, a program ended after 0.01 s with nothing to show). Such a start is
+# reported and made once more; a program that fails that way twice fails.
 run() {
   if [ -z "$capture" ]; then
     "$@" </dev/null
     return
   fi
-  status=0
-  "$@" </dev/null >"$out" 2>&1 || status=$?
-  cat "$out"
-  return $status
+  for attempt in 1 2; do
+    status=0
+    started=$(cut -d' ' -f1 /proc/uptime)
+    "$@" </dev/null >"$out" 2>&1 || status=$?
+    cat "$out"
+    if [ $status -eq 0 ] || [ -s "$out" ]; then
+      return $status
+    fi
+    took=$(awk -v from="$started" '{ printf "%.2f", $1 - from }' /proc/uptime)
+    echo "wine-run.sh: $* ended with status $status after $took s and printed nothing" >&2
+    df -h "${TMPDIR:-/tmp}" "$prefix" >&2 2>/dev/null
+    if [ $attempt -eq 2 ] || ! awk -v t="$took" 'BEGIN { exit !(t < 1) }'; then
+      return $status
+    fi
+    echo "wine-run.sh: too soon for Wine to have run it; starting it once more" >&2
+  done
 }
 
 # A prefix is complete once its registry is on disk: the server writes it
