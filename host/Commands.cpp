@@ -25,8 +25,18 @@ void LoadDefinitions(CSession& session, const SOptions& options) {
   std::vector<std::wstring> folders;
   for (const std::wstring& folder : WideList(options.defs)) folders.push_back(FullPath(folder));
   if (folders.empty()) folders.push_back(ExeFolder() + L"\\defs");
-  session.LoadDefinitions(folders);
-  LoadWinapp2Files(session, options);
+  // what was left out comes before the error that may end the load
+  auto show = [&session] {
+    for (const std::wstring& note : session.TakeLoadNotes()) CConsole::Err(L"broom: " + note + L"\n");
+  };
+  try {
+    session.LoadDefinitions(folders);
+    LoadWinapp2Files(session, options);
+  } catch (...) {
+    show();
+    throw;
+  }
+  show();
 }
 
 bool Confirm(const std::wstring& question) {

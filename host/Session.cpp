@@ -441,7 +441,7 @@ void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
   auto showSkipped = [this] {
     if (CConfigStore* store = CConfigStore::Of(m_config))
       for (const SLoadNote& note : store->TakeLoadNotes())
-        CConsole::Err(L"broom: skipped " + note.file.str() + L": " + note.reason.str() + L"\n");
+        NoteLoad(L"skipped " + note.file.str() + L": " + note.reason.str());
   };
   for (const std::wstring& folder : folders) {
     DWORD attributes = GetFileAttributesW(folder.c_str());

@@ -120,8 +120,13 @@ class CSession {
 
   // Loads every folder (absolute paths); throws CHostError(exitUsage) for a
   // missing folder, one without definition files, or definitions that break.
+  // Every file left out is noted, with the reason, also when it throws.
   void LoadDefinitions(const std::vector<std::wstring>& folders);
   IConfig* Config() const { return m_config; }
+  // What the loads left out ("skipped FILE: REASON"), once, for the host to
+  // show: the console on standard error, the window in a message.
+  void NoteLoad(std::wstring note) { m_loadNotes.push_back(std::move(note)); }
+  std::vector<std::wstring> TakeLoadNotes() { return std::move(m_loadNotes); }
 
   std::wstring WhiteListFile() const;
   // Loads the whitelist whole or not at all: a file that the engine's
@@ -165,6 +170,7 @@ class CSession {
     int line;
   };
   std::vector<SUnstorableLine> m_unstorable;  // loaded lines whose stored form the file cannot hold
+  std::vector<std::wstring> m_loadNotes;
   std::wstring m_userData;
   bool m_started = false;
 };

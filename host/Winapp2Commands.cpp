@@ -29,8 +29,8 @@ void LoadWinapp2Files(CSession& session, const SOptions& options) {
     store->TakeLoadNotes();  // one line here; 'broom winapp2 check' lists them
     if (!report.read) throw Unreadable(file, report);
     if (!report.skipped.empty())
-      CConsole::Err(L"broom: " + file + L": " + Plural(report.skipped.size(), L"line was", L"lines were") +
-                    L" skipped; 'broom winapp2 check' lists them\n");
+      session.NoteLoad(file + L": " + Plural(report.skipped.size(), L"line was", L"lines were") +
+                       L" skipped; 'broom winapp2 check' lists them");
   }
 }
 

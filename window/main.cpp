@@ -75,6 +75,15 @@ broomw::SSources Remembered(std::vector<std::wstring>& dropped) {
   return sources;
 }
 
+// The notes of what a load left out, one per line, the first few of many.
+std::wstring Listed(const std::vector<std::wstring>& notes) {
+  constexpr size_t kShown = 12;
+  std::wstring text;
+  for (size_t i = 0; i < notes.size() && i < kShown; ++i) text += L"\n" + host::Printable(notes[i]);
+  if (notes.size() > kShown) text += L"\nand " + host::FormatCount(notes.size() - kShown) + L" more";
+  return text;
+}
+
 int Run(int show) {
   SArguments args = Parse();
   std::vector<std::wstring> dropped;
@@ -85,10 +94,19 @@ int Run(int show) {
   session.Start(args.noLog);
   std::vector<std::wstring> folders = sources.defs;
   if (folders.empty()) folders.push_back(host::ExeFolder() + L"\\defs");
-  session.LoadDefinitions(folders);
-  host::SOptions options;
-  for (const std::wstring& file : sources.winapp2) options.winapp2.push_back(host::Utf8(file));
-  host::LoadWinapp2Files(session, options);
+  // A window has no standard error: what was left out is shown with the
+  // error that ends the start, or once the window is up.
+  try {
+    session.LoadDefinitions(folders);
+    host::SOptions options;
+    for (const std::wstring& file : sources.winapp2) options.winapp2.push_back(host::Utf8(file));
+    host::LoadWinapp2Files(session, options);
+  } catch (host::CHostError& e) {
+    std::vector<std::wstring> notes = session.TakeLoadNotes();
+    if (!notes.empty()) e.message += L"\n" + Listed(notes);
+    throw;
+  }
+  const std::vector<std::wstring> leftOut = session.TakeLoadNotes();
 
   std::wstring whiteListError;
   try {
@@ -98,11 +116,14 @@ int Run(int show) {
   }
   broomw::CMainWindow window(session, whiteListError);
   if (!window.Create(show)) throw host::CHostError{host::exitUsage, L"the window could not be created"};
+  std::wstring text;
   if (!dropped.empty()) {
-    std::wstring text = L"These definitions from an earlier start are gone and were left out:\n";
+    text = L"These definitions from an earlier start are gone and were left out:\n";
     for (const std::wstring& path : dropped) text += L"\n" + path;
-    MessageBoxW(nullptr, text.c_str(), L"Broom", MB_OK | MB_ICONINFORMATION);
   }
+  if (!leftOut.empty())
+    text += (text.empty() ? L"" : L"\n\n") + std::wstring(L"Some definitions could not be used:\n") + Listed(leftOut);
+  if (!text.empty()) MessageBoxW(nullptr, text.c_str(), L"Broom", MB_OK | MB_ICONINFORMATION);
   MSG message;
   while (GetMessageW(&message, nullptr, 0, 0) > 0) {
     if (window.PreTranslate(message)) continue;

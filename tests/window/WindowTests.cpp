@@ -125,7 +125,7 @@ void Screenshot(HWND window, const wchar_t* name, bool settle = true) {
 // One run of broomw.exe with its own LOCALAPPDATA.
 class CBroomw {
  public:
-  CBroomw(const std::vector<std::wstring>& args, const std::wstring& appData) {
+  CBroomw(const std::vector<std::wstring>& args, const std::wstring& appData, bool starts = true) {
     std::wstring command = L"\"" + broomtest::ExeFolder() + L"\\broomw.exe\"";
     for (const std::wstring& a : args) command += L" \"" + a + L"\"";
     std::vector<wchar_t> env = broomtest::EnvironmentWith(L"LOCALAPPDATA", appData);
@@ -133,7 +133,7 @@ class CBroomw {
     si.cb = sizeof si;
     EXPECT_TRUE(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT, env.data(),
                                nullptr, &si, &m_process));
-    WaitFor([&] { return (m_main = Find(L"BroomMainWindow", nullptr)) && IsWindowVisible(m_main); }, 15000);
+    if (starts) WaitFor([&] { return (m_main = Find(L"BroomMainWindow", nullptr)) && IsWindowVisible(m_main); }, 15000);
   }
   ~CBroomw() {
     if (m_main) PostMessageW(m_main, WM_CLOSE, 0, 0);
@@ -439,6 +439,33 @@ TEST_F(Window, MovesToQuarantineAndRestores) {
   EXPECT_EQ(ReadFile(file), "precious");
   EXPECT_TRUE(w.Rows(GetDlgItem(dialog, IDC_Q_LIST), 3).empty());  // an emptied quarantine goes
   PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+}
+
+// A window has no standard error: the files a load left out are named in a
+// message, beside the error when nothing could be loaded.
+TEST_F(Window, NamesTheDefinitionFilesItLeftOut) {
+  const struct {
+    bool good;
+    const wchar_t* heading;
+  } cases[] = {{true, L"Some definitions could not be used:\n\nskipped "}, {false, L"could be read"}};
+  for (const auto& c : cases) {
+    TempDir dir;
+    if (c.good) Defs(dir, L"<group name=\"Demo\" scan=\"yes\"><item name=\"Backups\"><clean kind=\"file\">C:\\x\\*.bak</clean></item></group>\n");
+    WriteFile(dir / L"defs\\broken.xml", "<ConfigItems><group name=\"G\">");
+    CBroomw w({L"--defs", dir / L"defs", L"--no-log"}, dir / L"appdata", c.good);
+    HWND box = nullptr;
+    ASSERT_TRUE(WaitFor([&] { return (box = w.Find(L"#32770", L"Broom")) && IsWindowVisible(box); })) << c.good;
+    const std::wstring text = WindowText(GetDlgItem(box, 0xFFFF));
+    EXPECT_NE(text.find(c.heading), std::wstring::npos) << broomtest::Narrow(text);
+    EXPECT_NE(text.find(L"broken.xml"), std::wstring::npos) << broomtest::Narrow(text);
+    PostMessageW(box, WM_COMMAND, IDOK, 0);
+    if (c.good) {
+      EXPECT_TRUE(WaitFor([&] { return !IsWindow(box); }));
+      EXPECT_EQ(w.State(L"Backups"), 2);  // the sound file is loaded all the same
+    } else {
+      EXPECT_EQ(WaitForSingleObject(w.Process(), 20000), WAIT_OBJECT_0);
+    }
+  }
 }
 
 }  // namespace
