@@ -3,6 +3,9 @@
 #include <shlobj.h>
 #include <shobjidl.h>
 
+#include <system_error>
+#include <thread>
+
 #include "core/Handles.h"
 #include "host/Commands.h"
 #include "host/Console.h"
@@ -200,9 +203,17 @@ INT_PTR CALLBACK ProtectedProc(HWND dialog, UINT message, WPARAM wParam, LPARAM 
 
 // ---- quarantines ----
 
+// Posted to the dialog when a restore or purge has ended.
+constexpr UINT WM_QUARANTINE_DONE = WM_APP + 20;
+
+// A restore or purge moves every file back or deletes it, which can take
+// long: it runs on a thread of its own while the dialog keeps drawing, with
+// its buttons off, and the dialog is not closed until it has ended.
 struct SQuarantines {
-  host::CSession* session;
+  host::CSession* session = nullptr;
   std::vector<host::SManagedQuarantine> list;
+  std::thread work;
+  std::wstring outcome;  // written by the work, read once it has ended
 };
 
 void FillQuarantines(HWND dialog, SQuarantines& state) {
@@ -231,48 +242,72 @@ const host::SManagedQuarantine* SelectedQuarantine(HWND dialog, const SQuarantin
   return row >= 0 && static_cast<size_t>(row) < state.list.size() ? &state.list[static_cast<size_t>(row)] : nullptr;
 }
 
-void RestoreQuarantine(HWND dialog, SQuarantines& state) {
-  const host::SManagedQuarantine* q = SelectedQuarantine(dialog, state);
-  if (!q) return;
-  std::wstring status;
+std::wstring Restore(const host::SManagedQuarantine& q) {
   try {
-    host::CQuarantine quarantine(q->folder, false);
+    host::CQuarantine quarantine(q.folder, false);
     host::CQuarantine::SRestoreResult result = quarantine.RestoreAll();
-    status = L"Restored " + host::Plural(result.files, L"file", L"files") + L" (" + host::FormatSize(result.bytes) +
-             L") from " + q->name + L".";
+    std::wstring status = L"Restored " + host::Plural(result.files, L"file", L"files") + L" (" +
+                          host::FormatSize(result.bytes) + L") from " + q.name + L".";
     if (!result.failures.empty())
       status += L" " + host::Plural(result.failures.size(), L"file stays", L"files stay") + L": " +
                 result.failures.front().entry.original + L": " + result.failures.front().reason;
     if (!result.stopped.empty()) status += L" Stopped: " + result.stopped;
+    return status;
   } catch (const host::CHostError& e) {
-    status = L"Nothing was restored: " + e.message;
+    return L"Nothing was restored: " + e.message;
   }
-  SetDlgItemTextW(dialog, IDC_Q_STATUS, status.c_str());
-  FillQuarantines(dialog, state);
 }
 
-void PurgeQuarantine(HWND dialog, SQuarantines& state) {
-  const host::SManagedQuarantine* q = SelectedQuarantine(dialog, state);
-  if (!q) return;
-  if (!q->damaged.empty()) {
-    SetDlgItemTextW(dialog, IDC_Q_STATUS,
-                    (L"Kept " + q->name + L": its manifest is damaged, so what it holds is unknown.").c_str());
-    return;
-  }
-  std::wstring question = L"Delete the quarantine " + q->name + L" (" + host::Plural(q->entries, L"item", L"items") +
-                          L", " + host::FormatSize(q->size) + L") for good?";
-  if (MessageBoxW(dialog, question.c_str(), L"Quarantine", MB_YESNO | MB_ICONWARNING | MB_DEFBUTTON2) != IDYES) return;
-  std::wstring reason, name = q->name;
-  bool deleted = false;
+std::wstring Purge(const host::SManagedQuarantine& q) {
+  std::wstring reason;
   try {
-    host::CQuarantine quarantine(q->folder, false);  // only a sound manifest says what may go
-    deleted = quarantine.DeleteAll(reason);
+    host::CQuarantine quarantine(q.folder, false);  // only a sound manifest says what may go
+    if (quarantine.DeleteAll(reason)) return L"Deleted " + q.name + L".";
   } catch (const host::CHostError& e) {
     reason = e.message;
   }
-  SetDlgItemTextW(dialog, IDC_Q_STATUS,
-                  (deleted ? L"Deleted " + name + L"." : L"Not deleted: " + name + L": " + reason).c_str());
+  return L"Not deleted: " + q.name + L": " + reason;
+}
+
+// Runs one restore or purge on the selected quarantine, off this thread.
+void Start(HWND dialog, SQuarantines& state, bool restore) {
+  const host::SManagedQuarantine* selected = SelectedQuarantine(dialog, state);
+  if (!selected || state.work.joinable()) return;
+  const host::SManagedQuarantine q = *selected;
+  if (!restore) {
+    if (!q.damaged.empty()) {
+      SetDlgItemTextW(dialog, IDC_Q_STATUS,
+                      (L"Kept " + q.name + L": its manifest is damaged, so what it holds is unknown.").c_str());
+      return;
+    }
+    std::wstring question = L"Delete the quarantine " + q.name + L" (" + host::Plural(q.entries, L"item", L"items") +
+                            L", " + host::FormatSize(q.size) + L") for good?";
+    if (MessageBoxW(dialog, question.c_str(), L"Quarantine", MB_YESNO | MB_ICONWARNING | MB_DEFBUTTON2) != IDYES)
+      return;
+  }
+  for (int id : {IDC_Q_RESTORE, IDC_Q_PURGE, IDCANCEL, IDC_Q_LIST}) EnableWindow(GetDlgItem(dialog, id), FALSE);
+  SetDlgItemTextW(dialog, IDC_Q_STATUS, ((restore ? L"Restoring " : L"Deleting ") + q.name + L"...").c_str());
+  auto run = [dialog, &state, q, restore] {
+    try {
+      state.outcome = restore ? Restore(q) : Purge(q);
+    } catch (const std::exception& e) {
+      state.outcome = L"Stopped: " + host::Printable(host::Wide(e.what()));
+    }
+    PostMessageW(dialog, WM_QUARANTINE_DONE, 0, 0);
+  };
+  try {
+    state.work = std::thread(run);
+  } catch (const std::system_error&) {
+    run();  // no thread to be had: here, then
+  }
+}
+
+void Finish(HWND dialog, SQuarantines& state) {
+  if (state.work.joinable()) state.work.join();
+  for (int id : {IDCANCEL, IDC_Q_LIST}) EnableWindow(GetDlgItem(dialog, id), TRUE);
+  SetDlgItemTextW(dialog, IDC_Q_STATUS, state.outcome.c_str());
   FillQuarantines(dialog, state);
+  SetFocus(GetDlgItem(dialog, IDCANCEL));
 }
 
 INT_PTR CALLBACK QuarantineProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
@@ -300,16 +335,20 @@ INT_PTR CALLBACK QuarantineProc(HWND dialog, UINT message, WPARAM wParam, LPARAM
                       (L"In " + state->session->QuarantineRoot() + L"; restore never replaces a file.").c_str());
       return TRUE;
     }
+    case WM_QUARANTINE_DONE:
+      Finish(dialog, *state);
+      return TRUE;
+    case WM_DESTROY:  // the owner may go while the work runs: it ends first
+      if (state && state->work.joinable()) state->work.join();
+      break;
     case WM_COMMAND:
       switch (LOWORD(wParam)) {
         case IDC_Q_RESTORE:
-          RestoreQuarantine(dialog, *state);
-          return TRUE;
         case IDC_Q_PURGE:
-          PurgeQuarantine(dialog, *state);
+          Start(dialog, *state, LOWORD(wParam) == IDC_Q_RESTORE);
           return TRUE;
-        case IDCANCEL:
-          EndDialog(dialog, IDCANCEL);
+        case IDCANCEL:  // Esc and the title bar's close as well as the button
+          if (!state->work.joinable()) EndDialog(dialog, IDCANCEL);
           return TRUE;
       }
       break;
@@ -320,7 +359,8 @@ INT_PTR CALLBACK QuarantineProc(HWND dialog, UINT message, WPARAM wParam, LPARAM
 }  // namespace
 
 void ShowQuarantines(HWND owner, host::CSession& session) {
-  SQuarantines state{&session, {}};
+  SQuarantines state;
+  state.session = &session;
   DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_QUARANTINE), owner, QuarantineProc,
                   reinterpret_cast<LPARAM>(&state));
 }
