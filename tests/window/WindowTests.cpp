@@ -414,21 +414,26 @@ TEST_F(Window, MovesToQuarantineAndRestores) {
                                   L"<clean kind=\"file\">" + m_dir.Path() + L"\\work\\*.bak</clean></item></group>\n");
   CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
   ASSERT_TRUE(w.Main());
-  w.Click(IDC_SCAN);
-  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found 1 file", 0) == 0; }));
-  w.Click(IDC_CLEAN);
-  HWND confirm = nullptr;
-  ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
-  PostMessageW(GetDlgItem(confirm, IDC_CONFIRM_QUARANTINE), BM_CLICK, 0, 0);
-  ASSERT_TRUE(WaitFor([&] { return WindowText(GetDlgItem(confirm, IDC_CONFIRM_TEXT)).rfind(L"Move 1 file", 0) == 0; }));
-  PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
-  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Moved", 0) == 0; })) << broomtest::Narrow(w.Status());
-  EXPECT_EQ(w.Status(), L"Moved 1 file (8 bytes) to the quarantine.");
-  EXPECT_FALSE(Exists(file));
-
-  w.Click(IDC_QUARANTINE);
+  auto moveAside = [&] {
+    w.Click(IDC_SCAN);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found 1 file", 0) == 0; }));
+    w.Click(IDC_CLEAN);
+    HWND confirm = nullptr;
+    ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+    PostMessageW(GetDlgItem(confirm, IDC_CONFIRM_QUARANTINE), BM_CLICK, 0, 0);
+    ASSERT_TRUE(WaitFor([&] { return WindowText(GetDlgItem(confirm, IDC_CONFIRM_TEXT)).rfind(L"Move 1 file", 0) == 0; }));
+    PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Moved", 0) == 0; })) << broomtest::Narrow(w.Status());
+    EXPECT_EQ(w.Status(), L"Moved 1 file (8 bytes) to the quarantine.");
+    EXPECT_FALSE(Exists(file));
+  };
   HWND dialog = nullptr;
-  ASSERT_TRUE(WaitFor([&] { return (dialog = w.Find(L"#32770", L"Quarantine")) && IsWindowVisible(dialog); }));
+  auto openQuarantines = [&] {
+    w.Click(IDC_QUARANTINE);
+    ASSERT_TRUE(WaitFor([&] { return (dialog = w.Find(L"#32770", L"Quarantine")) && IsWindowVisible(dialog); }));
+  };
+  ASSERT_NO_FATAL_FAILURE(moveAside());
+  ASSERT_NO_FATAL_FAILURE(openQuarantines());
   std::vector<std::wstring> rows = w.Rows(GetDlgItem(dialog, IDC_Q_LIST), 3);
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_NE(rows[0].find(L"|1|8 bytes"), std::wstring::npos) << broomtest::Narrow(rows[0]);
@@ -438,6 +443,26 @@ TEST_F(Window, MovesToQuarantineAndRestores) {
       << broomtest::Narrow(WindowText(GetDlgItem(dialog, IDC_Q_STATUS)));
   EXPECT_EQ(ReadFile(file), "precious");
   EXPECT_TRUE(w.Rows(GetDlgItem(dialog, IDC_Q_LIST), 3).empty());  // an emptied quarantine goes
+  PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+  ASSERT_TRUE(WaitFor([&] { return !IsWindow(dialog); }));
+
+  // Purge asks first (a box of the same title, owned by the dialog), then deletes.
+  ASSERT_NO_FATAL_FAILURE(moveAside());
+  ASSERT_NO_FATAL_FAILURE(openQuarantines());
+  PostMessageW(GetDlgItem(dialog, IDC_Q_PURGE), BM_CLICK, 0, 0);
+  HWND question = nullptr;
+  ASSERT_TRUE(WaitFor([&] {
+    question = FindWindowExW(nullptr, nullptr, L"#32770", L"Quarantine");
+    while (question && GetWindow(question, GW_OWNER) != dialog)
+      question = FindWindowExW(nullptr, question, L"#32770", L"Quarantine");
+    return question && IsWindowVisible(question);
+  }));
+  PostMessageW(question, WM_COMMAND, IDYES, 0);
+  ASSERT_TRUE(WaitFor([&] { return WindowText(GetDlgItem(dialog, IDC_Q_STATUS)).rfind(L"Deleted ", 0) == 0; }))
+      << broomtest::Narrow(WindowText(GetDlgItem(dialog, IDC_Q_STATUS)));
+  EXPECT_TRUE(w.Rows(GetDlgItem(dialog, IDC_Q_LIST), 3).empty());
+  EXPECT_FALSE(Exists(file));
+  EXPECT_TRUE(IsWindowEnabled(GetDlgItem(dialog, IDCANCEL)));
   PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
 }
 
