@@ -19,7 +19,7 @@ set(BROOM_INTERNAL_HEADERS
   scandefs/FilePrefetch.h  # definition files read ahead of the load
   scandefs/FileScopes.h    # the value scopes of one file's value pass
   settings/TempBuffer.h
-  winapp2/NameMask.h       # the masks and path parts winapp2 rules use
+  core/NameMask.h          # name masks and path parts of rules and the guard
   winapp2/Winapp2Detect.h) # the detection cache of a winapp2 load
 
 foreach(dir IN LISTS BROOM_FOLDERS)

@@ -2,33 +2,30 @@
 
 #include <cwchar>
 #include <cwctype>
+#include <mutex>
+#include <unordered_map>
 
 #include "core/Handles.h"
+#include "core/NameMask.h"
 #include "scandefs/ConfigValues.h"
-#include "whitelist/WhiteListTree.h"
+#include "settings/AppInfo.h"
 
 namespace {
-
-// Upper-cased as the whitelist compares names, without a trailing
-// separator: "C:\" becomes "C:".
-std::wstring Normal(const wchar_t* path) {
-  std::wstring out = path ? path : L"";
-  while (out.size() > 2 && out.back() == L'\\') out.pop_back();
-  if (out.size() == 3 && out[1] == L':' && out[2] == L'\\') out.pop_back();
-  if (!out.empty()) CWhiteListTree::UpperCase(&out[0], static_cast<int>(out.size()));
-  return out;
-}
 
 bool IsDriveRoot(const std::wstring& path) { return path.size() == 2 && path[1] == L':'; }
 
 // True when inner lies below outer (not equal).
 bool IsBelow(const std::wstring& inner, const std::wstring& outer) {
-  return inner.size() > outer.size() + 1 && inner.compare(0, outer.size(), outer) == 0 && inner[outer.size()] == L'\\';
+  return !outer.empty() && inner.size() > outer.size() + 1 && inner.compare(0, outer.size(), outer) == 0 &&
+         inner[outer.size()] == L'\\';
+}
+bool AtOrBelow(const std::wstring& inner, const std::wstring& outer) {
+  return (!outer.empty() && inner == outer) || IsBelow(inner, outer);
 }
 
 std::wstring ParentOf(const std::wstring& path) {
   size_t slash = path.find_last_of(L'\\');
-  return slash == std::wstring::npos ? std::wstring() : path.substr(0, slash);
+  return slash == std::wstring::npos || slash < 2 ? std::wstring() : path.substr(0, slash);
 }
 
 std::wstring Environment(const wchar_t* name) {
@@ -53,17 +50,87 @@ std::wstring ReadString(HKEY key, const wchar_t* name) {
   return type == REG_EXPAND_SZ ? Expand(buffer) : std::wstring(buffer);
 }
 
+bool StartsWith(const std::wstring& text, const wchar_t* prefix) {
+  size_t length = wcslen(prefix);
+  return text.size() >= length && _wcsnicmp(text.c_str(), prefix, length) == 0;
+}
+
+// "\\?\C:\x" and "\??\C:\x" name C:\x, "\\?\UNC\server\share" names
+// \\server\share; '/' separates as '\' does.
+std::wstring Plain(const wchar_t* path) {
+  std::wstring text = path ? path : L"";
+  for (wchar_t& c : text)
+    if (c == L'/') c = L'\\';
+  if (StartsWith(text, L"\\\\?\\UNC\\") || StartsWith(text, L"\\??\\UNC\\")) return L"\\" + text.substr(7);
+  if (StartsWith(text, L"\\\\?\\") || StartsWith(text, L"\\??\\") || StartsWith(text, L"\\\\.\\")) return text.substr(4);
+  return text;
+}
+
+// Every component without the trailing dots and spaces the system drops
+// when it opens a path, empty and "." components left out.
+std::wstring TrimComponents(const std::wstring& path) {
+  std::wstring out;
+  size_t at = 0;
+  if (path.size() >= 2 && path[0] == L'\\' && path[1] == L'\\') {
+    out = L"\\\\";
+    at = 2;
+  }
+  while (at < path.size()) {
+    size_t end = path.find(L'\\', at);
+    if (end == std::wstring::npos) end = path.size();
+    size_t last = end;
+    while (last > at && (path[last - 1] == L'.' || path[last - 1] == L' ')) --last;
+    if (last > at) {
+      if (!out.empty() && out.back() != L'\\') out += L'\\';
+      out.append(path, at, last - at);
+    }
+    at = end + 1;
+  }
+  return out;
+}
+
+// Short components made long, through the longest part of the path that exists.
+std::wstring LongForm(const std::wstring& path) {
+  std::wstring prefix = path, rest;
+  wchar_t buffer[2 * MAX_PATH];
+  while (prefix.find(L'~') != std::wstring::npos) {
+    DWORD n = GetLongPathNameW(prefix.c_str(), buffer, 2 * MAX_PATH);
+    if (n > 0 && n < 2 * MAX_PATH) return TrimComponents(std::wstring(buffer, n)) + rest;
+    size_t slash = prefix.find_last_of(L'\\');
+    if (slash == std::wstring::npos || slash < 3) break;
+    rest = prefix.substr(slash) + rest;
+    prefix.resize(slash);
+  }
+  return path;
+}
+
+// Whether the extension of the path's last component, upper-cased with its dot, is one of the list's.
+template <size_t N>
+const wchar_t* ExtensionIn(const std::wstring& path, const wchar_t* const (&list)[N]) {
+  size_t dot = path.find_last_of(L".\\");
+  if (dot == std::wstring::npos || path[dot] != L'.') return nullptr;
+  for (const wchar_t* extension : list)
+    if (path.compare(dot, std::wstring::npos, extension) == 0) return extension;
+  return nullptr;
+}
+
 // Whether the pattern names the extension (".EXE", upper case) itself: as a
 // whole extension, not as the start of a longer one.
 bool NamesExtension(const wchar_t* pattern, const wchar_t* extension) {
   if (!pattern) return false;
-  std::wstring upper = Normal(pattern);
+  std::wstring upper = pattern;
+  broom::UpperName(upper);
   size_t length = wcslen(extension);
   for (size_t at = upper.find(extension); at != std::wstring::npos; at = upper.find(extension, at + 1)) {
     size_t after = at + length;
     if (after >= upper.size() || !iswalnum(upper[after])) return true;
   }
   return false;
+}
+
+std::wstring Lower(std::wstring text) {
+  for (wchar_t& c : text) c = static_cast<wchar_t>(towlower(c));
+  return text;
 }
 
 std::wstring Thousands(unsigned __int64 value) {
@@ -88,18 +155,122 @@ CBlastGuard::SVerdict Refuse(const std::wstring& reason) {
   return verdict;
 }
 
+std::wstring Named(const CBlastGuard::SFolder& folder) { return folder.name + L" (" + folder.shown + L")"; }
+
+// Both forms of a protected folder: as spelled, and through its links.
+template <class Test>
+bool AnyForm(const CBlastGuard::SFolder& folder, Test test) {
+  return test(folder.path) || (!folder.real.empty() && folder.real != folder.path && test(folder.real));
+}
+
+const wchar_t* const kPrograms[] = {L".EXE", L".DLL", L".SYS"};
+// Below the Windows folder these are never cleaned, whatever a rule names.
+const wchar_t* const kSystemPrograms[] = {L".EXE", L".DLL", L".SYS", L".DRV", L".OCX",
+                                          L".CPL", L".SCR", L".MSI", L".MSP"};
+
+// One form of a hit (as spelled, or through the links of its folder).
+CBlastGuard::SVerdict CheckForm(const std::wstring& form, bool isFolder, const wchar_t* pattern,
+                                const std::vector<CBlastGuard::SFolder>& ownData,
+                                const std::vector<CBlastGuard::SFolder>& protectedFolders,
+                                const std::vector<CBlastGuard::SFolder>& profiles,
+                                const std::vector<CBlastGuard::SFolder>& windows) {
+  if (IsDriveRoot(form)) return Refuse(L"it is the drive root " + form + L"\\");
+  for (const auto& data : ownData) {
+    if (AnyForm(data, [&](const std::wstring& p) { return AtOrBelow(form, p); }))
+      return Refuse(L"it is in Broom's own data folder (" + data.shown + L"), which no rule cleans");
+    if (isFolder && AnyForm(data, [&](const std::wstring& p) { return IsBelow(p, form); }))
+      return Refuse(L"removing it would remove Broom's own data folder (" + data.shown + L")");
+  }
+  if (isFolder) {
+    for (const auto& folder : protectedFolders)
+      if (AnyForm(folder, [&](const std::wstring& p) { return p == form; }))
+        return Refuse(L"it is " + Named(folder) + L", which is never removed");
+    for (const auto& folder : protectedFolders)
+      if (AnyForm(folder, [&](const std::wstring& p) { return IsBelow(p, form); }))
+        return Refuse(L"removing it would remove " + Named(folder));
+  }
+  std::wstring parent = ParentOf(form);
+  if (IsDriveRoot(parent)) return Refuse(L"it lies directly in the drive root " + parent + L"\\");
+  for (const auto& profile : profiles)
+    if (AnyForm(profile, [&](const std::wstring& p) { return p == parent; }))
+      return Refuse(L"it lies directly in " + Named(profile));
+  if (isFolder) return CBlastGuard::SVerdict();
+  if (const wchar_t* extension = ExtensionIn(form, kSystemPrograms)) {
+    for (const auto& folder : windows)
+      if (AnyForm(folder, [&](const std::wstring& p) { return IsBelow(form, p); }))
+        return Refuse(L"it is a program file (" + Lower(extension) + L") in " + Named(folder) +
+                      L", which no rule may delete");
+  }
+  if (const wchar_t* extension = ExtensionIn(form, kPrograms)) {
+    if (!NamesExtension(pattern, extension)) {
+      std::wstring lower = Lower(extension);
+      return Refuse(L"it is a program file (" + lower + L") and the rule that found it does not name " + lower);
+    }
+  }
+  return CBlastGuard::SVerdict();
+}
+
 }  // namespace
+
+struct CBlastGuard::SCache {
+  std::mutex lock;
+  std::unordered_map<std::wstring, std::wstring> real;  // normal form of a folder: its resolved form
+};
+
+std::wstring CBlastGuard::Normalize(const wchar_t* path) {
+  std::wstring text = Plain(path);
+  if (text.empty()) return text;
+  if (text.size() == 2 && text[1] == L':') text += L'\\';  // "C:" alone would be that drive's current folder
+  wchar_t buffer[2 * MAX_PATH];
+  DWORD n = GetFullPathNameW(text.c_str(), 2 * MAX_PATH, buffer, nullptr);
+  if (n > 0 && n < 2 * MAX_PATH) text.assign(buffer, n);
+  text = TrimComponents(text);
+  if (text.find(L'~') != std::wstring::npos) text = LongForm(text);
+  broom::UpperName(text);
+  return text;
+}
+
+std::wstring CBlastGuard::Resolve(const std::wstring& folder) const {
+  if (!m_cache || folder.empty()) return std::wstring();
+  {
+    std::lock_guard<std::mutex> hold(m_cache->lock);
+    auto known = m_cache->real.find(folder);
+    if (known != m_cache->real.end()) return known->second;
+  }
+  std::wstring real;
+  const std::wstring open = IsDriveRoot(folder) ? folder + L"\\" : folder;
+  broom::unique_hfile handle(CreateFileW(open.c_str(), FILE_READ_ATTRIBUTES,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  if (handle) {
+    wchar_t buffer[2 * MAX_PATH];
+    DWORD n = GetFinalPathNameByHandleW(handle.get(), buffer, 2 * MAX_PATH, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    if (n > 0 && n < 2 * MAX_PATH) real = Normalize(buffer);
+  } else {
+    // gone or not made yet: where its parent really is
+    std::wstring parent = ParentOf(folder);
+    std::wstring up = parent.empty() ? std::wstring() : Resolve(parent);
+    if (!up.empty()) real = up + folder.substr(parent.size());
+  }
+  std::lock_guard<std::mutex> hold(m_cache->lock);
+  if (m_cache->real.size() >= 4096) m_cache->real.clear();
+  m_cache->real.emplace(folder, real);
+  return real;
+}
 
 void CBlastGuard::Add(std::vector<SFolder>& list, const wchar_t* name, const wchar_t* path) {
   if (!path || !*path) return;
-  SFolder folder{name, path, Normal(path)};
-  while (folder.shown.size() > 3 && folder.shown.back() == L'\\') folder.shown.pop_back();
+  SFolder folder{name, path, Normalize(path), std::wstring()};
+  if (folder.path.empty()) return;
+  folder.real = Resolve(folder.path);
+  while (folder.shown.size() > 3 && (folder.shown.back() == L'\\' || folder.shown.back() == L'/'))
+    folder.shown.pop_back();
   for (const SFolder& known : list)
     if (known.path == folder.path) return;
   list.push_back(folder);
 }
 
-CBlastGuard::CBlastGuard() {
+CBlastGuard::CBlastGuard() : m_cache(new SCache) {
   CScopedMap::ConfigValueMap* scope = CScopedMap::GetGlobalScope();
   auto symbol = [scope](const wchar_t* name) { return scope->Find(name, wcslen(name)); };
 
@@ -115,8 +286,12 @@ CBlastGuard::CBlastGuard() {
                                                              {L"Program Files", L"ProgramFiles"},
                                                              {L"the Windows folder", L"SystemRoot"}};
   for (const auto& folder : native) Add(m_protected, folder.first, Environment(folder.second).c_str());
-  if (!Environment(L"SystemRoot").empty())
-    Add(m_protected, L"SysWOW64", (Environment(L"SystemRoot") + L"\\SysWOW64").c_str());
+  const std::wstring systemRoot = Environment(L"SystemRoot");
+  if (!systemRoot.empty()) Add(m_protected, L"SysWOW64", (systemRoot + L"\\SysWOW64").c_str());
+  Add(m_windows, L"the Windows folder", symbol(L"WINDOWS"));
+  Add(m_windows, L"the Windows folder", systemRoot.c_str());
+  Add(m_windows, L"System32", symbol(L"SYSTEM"));
+  Add(m_windows, L"SysWOW64", symbol(L"SYSTEMX86"));
 
   // Every profile the system knows (the user's own first, for its name),
   // the folder that holds them, and Public.
@@ -150,7 +325,12 @@ CBlastGuard::CBlastGuard() {
   const std::pair<const wchar_t*, const wchar_t*> appData[] = {
       {L"AppData\\Roaming", L"APPDATA"}, {L"AppData\\Local", L"LOCALAPPDATA"}, {L"AppData\\LocalLow", L"LOCALLOWAPPDATA"}};
   for (const auto& folder : appData) Add(m_protected, folder.first, symbol(folder.second));
+  Add(m_ownData, L"Broom's data folder", CAppInfo::GetUserDataPath());
 }
+
+CBlastGuard::~CBlastGuard() = default;
+CBlastGuard::CBlastGuard(CBlastGuard&&) noexcept = default;
+CBlastGuard& CBlastGuard::operator=(CBlastGuard&&) noexcept = default;
 
 CBlastGuard::SVerdict CBlastGuard::Check(ICleanableItem* item, const wchar_t* pattern) const {
   auto* file = dynamic_cast<CCleanableFile*>(item);
@@ -159,35 +339,66 @@ CBlastGuard::SVerdict CBlastGuard::Check(ICleanableItem* item, const wchar_t* pa
 }
 
 CBlastGuard::SVerdict CBlastGuard::CheckPath(const wchar_t* path, bool isFolder, const wchar_t* pattern) const {
-  std::wstring normal = Normal(path);
+  const std::wstring normal = Normalize(path);
   if (normal.empty()) return Refuse(L"it has no path");
-  if (IsDriveRoot(normal)) return Refuse(L"it is the drive root " + normal + L"\\");
-  if (isFolder) {
-    for (const SFolder& folder : m_protected) {
-      if (folder.path == normal) return Refuse(L"it is " + folder.name + L" (" + folder.shown + L"), which is never removed");
-      if (IsBelow(folder.path, normal))
-        return Refuse(L"removing it would remove " + folder.name + L" (" + folder.shown + L")");
-    }
+  // The hit itself is taken as named (removing a link removes the link);
+  // the folder it lies in, through its links.
+  std::wstring real;
+  const std::wstring parent = ParentOf(normal);
+  if (!parent.empty()) {
+    std::wstring up = Resolve(parent);
+    if (!up.empty()) real = up + normal.substr(parent.size());
   }
-  std::wstring parent = ParentOf(normal);
-  if (IsDriveRoot(parent)) return Refuse(L"it lies directly in the drive root " + parent + L"\\");
-  for (const SFolder& profile : m_profiles)
-    if (profile.path == parent) return Refuse(L"it lies directly in " + profile.name + L" (" + profile.shown + L")");
-  if (!isFolder) {
-    for (const wchar_t* extension : {L".EXE", L".DLL", L".SYS"}) {
-      size_t length = wcslen(extension);
-      if (normal.size() > length && normal.compare(normal.size() - length, length, extension) == 0 &&
-          !NamesExtension(pattern, extension)) {
-        std::wstring lower = extension;
-        for (auto& c : lower) c = static_cast<wchar_t>(towlower(c));
-        return Refuse(L"it is a program file (" + lower + L") and the rule that found it does not name " + lower);
-      }
-    }
+  const std::wstring* forms[] = {&normal, &real};
+  for (const std::wstring* form : forms) {
+    if (form->empty() || (form == &real && real == normal)) continue;
+    SVerdict verdict = CheckForm(*form, isFolder, pattern, m_ownData, m_protected, m_profiles, m_windows);
+    if (!verdict.allowed) return verdict;
   }
+  // The user folder the path names, before one its links lead into (under
+  // Wine they all lead to the same Unix home).
   SVerdict verdict;
   for (const SFolder& folder : m_userFolders)
-    if (IsBelow(normal, folder.path)) verdict.userFolder = folder.name.c_str();
+    if (IsBelow(normal, folder.path)) return verdict.userFolder = folder.name.c_str(), verdict;
+  for (const SFolder& folder : m_userFolders)
+    if (AnyForm(folder, [&](const std::wstring& p) { return IsBelow(normal, p) || IsBelow(real, p); }))
+      return verdict.userFolder = folder.name.c_str(), verdict;
   return verdict;
+}
+
+CBlastGuard::SVerdict CBlastGuard::CheckRule(const wchar_t* folder, bool recurse, bool everyName) const {
+  const std::wstring pattern = Normalize(folder);
+  if (pattern.empty()) return Refuse(L"the rule has no folder");
+  const std::vector<std::wstring> parts = broom::SplitPath(pattern.c_str(), pattern.size());
+  // Whether a folder the pattern matches is the target or holds it.
+  auto reaches = [&](const std::wstring& target) {
+    std::vector<std::wstring> targetParts = broom::SplitPath(target.c_str(), target.size());
+    if (parts.size() > targetParts.size()) return false;
+    for (size_t i = 0; i < parts.size(); ++i)
+      if (!broom::MatchUpper(parts[i], targetParts[i])) return false;
+    return true;
+  };
+  // A rule that starts in Broom's data folder is refused whole; one whose
+  // wildcards may lead there finds nothing there, as scans never enter it.
+  size_t fixed = 0;
+  while (fixed < parts.size() && !broom::HasWildcard(parts[fixed])) ++fixed;
+  const std::wstring literal = pattern.substr(0, fixed == parts.size() ? pattern.size() : pattern.find(parts[fixed]) - 1);
+  for (const SFolder& data : m_ownData)
+    if (AnyForm(data, [&](const std::wstring& p) { return fixed > 0 && AtOrBelow(literal, p); }))
+      return Refuse(L"its folder lies in Broom's own data folder (" + data.shown + L"), which no rule cleans");
+  if (!recurse && !everyName) return SVerdict();
+  const std::wstring limits =
+      L": a rule there may name files, but not take every name (*, *.*), walk its subfolders or remove itself";
+  if (parts.size() == 1) return Refuse(L"its folder is the drive root " + parts[0] + L"\\" + limits);
+  const bool wild = broom::HasWildcard(pattern);
+  auto depth = [](const std::wstring& p) { return broom::SplitPath(p.c_str(), p.size()).size(); };
+  for (const SFolder& target : m_protected)
+    if (AnyForm(target, [&](const std::wstring& p) { return depth(p) == parts.size() && reaches(p); }))
+      return Refuse(std::wstring(wild ? L"its folder may be " : L"its folder is ") + Named(target) + limits);
+  for (const SFolder& target : m_protected)
+    if (AnyForm(target, [&](const std::wstring& p) { return reaches(p); }))
+      return Refuse(std::wstring(wild ? L"its folder may hold " : L"its folder holds ") + Named(target) + limits);
+  return SVerdict();
 }
 
 CBlastGuard::SVerdict CBlastGuard::CheckTotals(unsigned __int64 files, unsigned __int64 bytes) const {

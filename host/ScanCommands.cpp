@@ -19,9 +19,11 @@ void PrintNotes(const std::vector<std::wstring>& notes) {
 }
 
 void PrintScanErrors(const SScanResults& results) {
-  for (const SItemResult& r : results.items)
+  for (const SItemResult& r : results.items) {
     for (const std::wstring& e : r.errors)
       CConsole::Err(L"broom: warning: an operation of '" + r.item.path + L"' failed: " + e + L"\n");
+    for (const std::wstring& n : r.notes) CConsole::Err(L"broom: note: '" + r.item.path + L"': " + n + L"\n");
+  }
 }
 
 // "defs\system.xml:12: file C:\Windows\Temp\*.tmp", or empty when unknown.
@@ -100,6 +102,9 @@ void PrintJson(const CSession& session, const SScanResults& results, bool files)
     nlohmann::json errors = nlohmann::json::array();
     for (const std::wstring& e : r.errors) errors.push_back(Utf8(e));
     item["errors"] = errors;
+    nlohmann::json notes = nlohmann::json::array();
+    for (const std::wstring& n : r.notes) notes.push_back(Utf8(n));
+    item["notes"] = notes;
     items.push_back(item);
   }
   nlohmann::json doc = {{"items", items},

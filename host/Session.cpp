@@ -16,6 +16,7 @@
 #include "host/WhiteListFile.h"
 #include "registry/RegistryScanFactory.h"
 #include "scan/BaseFileScan.h"
+#include "scan/OperationNotes.h"
 #include "scan/OperationNotify.h"
 #include "scan/ScanOperation.h"
 #include "settings/AppInfo.h"
@@ -628,18 +629,19 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
   collector.SetObserver(options.observer);
   collector.SetEveryItem(options.everyItem);
   CRunAgeFilters ages(options.olderThanDays, options.withoutAgeFilters);
-  // The managed quarantines are never scanned; the guard lasts for this scan
+  // Broom's own data folder (the managed quarantines, the whitelist, the
+  // logs being written) is never scanned; the guard lasts for this scan
   // only, so it is never saved or listed with the protected paths.
-  const std::wstring quarantines = QuarantineRoot();
-  const bool guard = !(m_whiteList.CheckProtection(quarantines.c_str()) & 0x1);
-  if (guard) m_whiteList.SafeGuardPath(quarantines.c_str(), 0x1);
+  const std::wstring ownData = m_userData;
+  const bool guard = !ownData.empty() && !(m_whiteList.CheckProtection(ownData.c_str()) & 0x1);
+  if (guard) m_whiteList.SafeGuardPath(ownData.c_str(), 0x1);
   auto unguard = broom::scope_exit([&] {
-    if (guard) m_whiteList.RemovePath(quarantines.c_str(), 0x1);
+    if (guard) m_whiteList.RemovePath(ownData.c_str(), 0x1);
   });
 
   for (size_t i = 0; i < items.size(); ++i) {
     if (notify.IsCancelled()) break;
-    results.items.push_back(SItemResult{items[i], {}, 0, 0, {}, {}});
+    results.items.push_back(SItemResult{items[i], {}, 0, 0, {}, {}, {}});
     SItemResult& current = results.items.back();
     collector.SetTarget(&current);
     notify.Begin(items[i].path, i, items.size());
@@ -657,6 +659,8 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
       } catch (...) {
         current.errors.push_back(ExceptionText());
       }
+      if (auto* notes = dynamic_cast<IOperationNotes*>(op))
+        for (const CString& note : notes->TakeScanNotes()) current.notes.emplace_back(note.GetString());
     }
   }
   collector.SetTarget(nullptr);

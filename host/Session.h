@@ -58,6 +58,7 @@ struct SItemResult {
   unsigned __int64 size = 0;
   std::vector<std::wstring> errors;  // operations that failed to run
   std::wstring refusal;              // why none of its hits may be cleaned (past the runaway limits)
+  std::vector<std::wstring> notes;   // what its operations left alone on purpose (a link on a rule's path)
 };
 
 // What a scan keeps of each hit: only the totals (a scan that reports

@@ -3,7 +3,7 @@
 #include <cwchar>
 
 #include "scandefs/ConfigValues.h"
-#include "winapp2/NameMask.h"
+#include "core/NameMask.h"
 
 namespace broom {
 namespace winapp2 {
@@ -31,20 +31,45 @@ bool ClassesKeys(const CRegistryPath& key, CRegistryPath (&out)[2]) {
 
 }  // namespace
 
+// ---- the plan ----
+
+void CDetector::CPlan::Key(std::wstring& key, uint32_t node, const wchar_t* name, size_t length) {
+  key.assign(1, static_cast<wchar_t>(node >> 16));
+  key += static_cast<wchar_t>(node & 0xFFFF);
+  key.append(name, length);
+}
+
+uint32_t CDetector::CPlan::Add(uint32_t node, const std::wstring& name) {
+  std::wstring key;
+  Key(key, node, name.data(), name.size());
+  auto added = m_edges.emplace(std::move(key), static_cast<uint32_t>(m_nodes.size()));
+  if (added.second) {
+    ++m_nodes[node].children;
+    m_nodes.emplace_back();
+  }
+  return added.first->second;
+}
+
+uint32_t CDetector::CPlan::Child(uint32_t node, const wchar_t* name, size_t length) const {
+  if (node == kNone) return kNone;
+  std::wstring key;
+  Key(key, node, name, length);
+  auto found = m_edges.find(key);
+  return found == m_edges.end() ? kNone : found->second;
+}
+
 // ---- files ----
 
 void CDetector::PlanFile(const std::wstring& path) {
   std::vector<std::wstring> parts = Upper(SplitPath(path.c_str(), path.size()));
   if (parts.empty()) return;
-  std::wstring folder = parts[0];
+  uint32_t node = m_files.Add(0, parts[0]);
   for (size_t i = 1; i < parts.size(); ++i) {
     if (HasWildcard(parts[i])) {
-      m_wildFolders.insert(folder);
+      m_files.SetWild(node);
       return;
     }
-    m_fileQueries[folder].insert(parts[i]);
-    folder += L'\\';
-    folder += parts[i];
+    node = m_files.Add(node, parts[i]);
   }
 }
 
@@ -56,14 +81,14 @@ bool CDetector::FileExists(const std::wstring& path) {
                                                                     : path.find(L'\\');
   if (root == std::wstring::npos) root = path.size();
   std::wstring folder = path.substr(0, root), upperFolder = upper.substr(0, root);
-  return WalkFile(path, upper, root, folder, upperFolder);
+  return WalkFile(path, upper, root, folder, upperFolder, m_files.Child(0, upperFolder));
 }
 
 // folder exists; the components of path from at on are still to be found
 // in it. folder and upperFolder grow as the walk goes down and are given
 // back as they came.
 bool CDetector::WalkFile(const std::wstring& path, const std::wstring& upper, size_t at, std::wstring& folder,
-                         std::wstring& upperFolder) {
+                         std::wstring& upperFolder, uint32_t plan) {
   while (at < path.size() && path[at] == L'\\') ++at;
   if (at >= path.size()) return true;
   size_t end = path.find(L'\\', at);
@@ -73,7 +98,7 @@ bool CDetector::WalkFile(const std::wstring& path, const std::wstring& upper, si
   auto descend = [&](const wchar_t* name, size_t nameLength, const wchar_t* upperName, size_t upperNameLength) {
     folder.append(1, L'\\').append(name, nameLength);
     upperFolder.append(1, L'\\').append(upperName, upperNameLength);
-    bool found = WalkFile(path, upper, end, folder, upperFolder);
+    bool found = WalkFile(path, upper, end, folder, upperFolder, m_files.Child(plan, upperName, upperNameLength));
     folder.resize(length);
     upperFolder.resize(upperLength);
     return found;
@@ -89,7 +114,7 @@ bool CDetector::WalkFile(const std::wstring& path, const std::wstring& upper, si
     }
     return false;
   }
-  DWORD attributes = Attributes(folder, upperFolder, path.data() + at, upper.data() + at, end - at);
+  DWORD attributes = Attributes(folder, upperFolder, plan, path.data() + at, upper.data() + at, end - at);
   if (attributes == INVALID_FILE_ATTRIBUTES) return false;
   if (last) return true;
   return (attributes & FILE_ATTRIBUTE_DIRECTORY) && descend(path.data() + at, end - at, upper.data() + at, end - at);
@@ -97,7 +122,7 @@ bool CDetector::WalkFile(const std::wstring& path, const std::wstring& upper, si
 
 // The attributes of one entry of a folder, asked once: from the folder's
 // listing when the folder is listed, else from the system.
-DWORD CDetector::Attributes(std::wstring& folder, std::wstring& upperFolder, const wchar_t* name,
+DWORD CDetector::Attributes(std::wstring& folder, std::wstring& upperFolder, uint32_t plan, const wchar_t* name,
                             const wchar_t* upperName, size_t nameLength) {
   const size_t length = folder.size(), upperLength = upperFolder.size();
   upperFolder.append(1, L'\\').append(upperName, nameLength);
@@ -105,9 +130,7 @@ DWORD CDetector::Attributes(std::wstring& folder, std::wstring& upperFolder, con
   upperFolder.resize(upperLength);
   if (known != m_attributes.end()) return known->second;
   DWORD attributes = INVALID_FILE_ATTRIBUTES;
-  auto queries = m_fileQueries.find(upperFolder);
-  if (m_listings.count(upperFolder) || m_wildFolders.count(upperFolder) ||
-      (queries != m_fileQueries.end() && queries->second.size() >= kListAt)) {
+  if (m_listings.count(upperFolder) || m_files.Wild(plan) || m_files.Names(plan) >= kListAt) {
     const SListing& listing = List(folder, upperFolder);
     auto found = listing.attributes.find(std::wstring(upperName, nameLength));
     if (found != listing.attributes.end()) attributes = found->second;
@@ -150,12 +173,8 @@ void CDetector::PlanKey(const CRegistryPath& key) {
   }
   const wchar_t* hive = RegistryHiveShortName(key.Hive());
   if (!hive) return;
-  std::wstring path = hive;
-  for (std::wstring& part : Upper(CRegistryPath::Components(key.Subkey()))) {
-    m_keyQueries[path].insert(part);
-    path += L'\\';
-    path += part;
-  }
+  uint32_t node = m_keysPlanned.Add(0, hive);
+  for (const std::wstring& part : Upper(CRegistryPath::Components(key.Subkey()))) node = m_keysPlanned.Add(node, part);
 }
 
 bool CDetector::KeyExists(const CRegistryPath& key) {
@@ -182,13 +201,14 @@ HKEY CDetector::OpenKey(const CRegistryPath& key, REGSAM view) {
   HKEY parent = key.Hive();
   SKey* parentState = &keys[upperPath];
   parentState->exists = true;
+  uint32_t plan = m_keysPlanned.Child(0, upperPath);
   for (const std::wstring& part : CRegistryPath::Components(key.Subkey())) {
     std::wstring upperPart = part;
     UpperName(upperPart);
     std::wstring childPath = upperPath + L'\\' + upperPart;
     auto known = keys.find(childPath);
     if (known == keys.end()) {
-      const Names* listed = Subkeys(*parentState, parent, upperPath);
+      const Names* listed = Subkeys(*parentState, parent, plan);
       SKey child;
       if (!listed || listed->count(upperPart)) {
         ++m_keyCalls;
@@ -201,6 +221,7 @@ HKEY CDetector::OpenKey(const CRegistryPath& key, REGSAM view) {
     parent = known->second.handle.get();
     parentState = &known->second;
     upperPath = std::move(childPath);
+    plan = m_keysPlanned.Child(plan, upperPart);
   }
   return parent;
 }
@@ -210,16 +231,16 @@ HKEY CDetector::OpenKey(const CRegistryPath& key, REGSAM view) {
 // that names the same key in both views is listed once for both. Names the
 // system redirects below a shared key (CLSID below Classes, for one) are
 // taken as listed.
-const CDetector::Names* CDetector::Subkeys(SKey& key, HKEY handle, const std::wstring& upperPath) {
+const CDetector::Names* CDetector::Subkeys(SKey& key, HKEY handle, uint32_t plan) {
   if (key.listed) return key.subkeys.get();
   key.listed = true;
-  auto queries = m_keyQueries.find(upperPath);
-  if (queries == m_keyQueries.end() || queries->second.size() < kListAt) return nullptr;
+  const size_t asked = m_keysPlanned.Names(plan);
+  if (asked < kListAt) return nullptr;
   DWORD count = 0, longest = 0;
   ++m_keyCalls;
   if (RegQueryInfoKeyW(handle, nullptr, nullptr, nullptr, &count, &longest, nullptr, nullptr, nullptr, nullptr,
                        nullptr, nullptr) != ERROR_SUCCESS ||
-      count + 1 >= queries->second.size())
+      count + 1 >= asked)
     return nullptr;
   std::wstring kernelName = CRegistryPath::KernelName(handle);
   ++m_keyCalls;

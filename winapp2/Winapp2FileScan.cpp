@@ -6,12 +6,12 @@
 #include "clean/CleanableFolder.h"
 #include "core/Handles.h"
 #include "guard/BlastGuard.h"
-#include "winapp2/NameMask.h"
+#include "core/NameMask.h"
 
-using broom::winapp2::HasWildcard;
-using broom::winapp2::MatchUpper;
-using broom::winapp2::SplitPath;
-using broom::winapp2::UpperName;
+using broom::HasWildcard;
+using broom::MatchUpper;
+using broom::SplitPath;
+using broom::UpperName;
 
 namespace {
 
@@ -56,16 +56,27 @@ bool ListFolder(const CPathString& folder, bool system, std::vector<WIN32_FIND_D
   return true;
 }
 
-const CBlastGuard& Guard() {
-  static const CBlastGuard guard;  // the protected folders do not move while the process runs
-  return guard;
-}
-
 }  // namespace
 
 struct CWinapp2FileScan::SWalk {
   std::vector<std::wstring> parts;
 };
+
+CWinapp2FileScan::CWinapp2FileScan() = default;
+CWinapp2FileScan::~CWinapp2FileScan() = default;
+
+std::vector<CString> CWinapp2FileScan::TakeScanNotes() { return std::move(m_notes); }
+
+bool CWinapp2FileScan::NotThroughLink(const CPathString& path) {
+  // asked without the trailing separator, which would make the system look through a link
+  CString folder = path.ToCString();
+  if (folder.GetLength() > 3 && folder[folder.GetLength() - 1] == L'\\') folder.Truncate(folder.GetLength() - 1);
+  DWORD attributes = GetFileAttributesW(folder.GetString());
+  if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_REPARSE_POINT)) return true;
+  m_notes.push_back(folder + L" is a link (a junction or symbolic link); a rule never reaches anything through a "
+                             L"link, so this one finds nothing there");
+  return false;
+}
 
 void CWinapp2FileScan::SetRule(std::vector<std::wstring> masks, ERecurse recurse) {
   m_masks = std::move(masks);
@@ -77,8 +88,12 @@ void CWinapp2FileScan::StartScan() {
   m_progress->SetTotal(static_cast<int>(m_paths.size()));
   m_progressPos = 0;
   m_stopped = false;
+  m_notes.clear();
   m_log = CScanLogThread::GetCurrentScanLog(!m_title.IsEmpty());
-  auto release = broom::scope_exit([this] { m_log.Reset(); });
+  auto release = broom::scope_exit([this] {
+    m_log.Reset();
+    m_guard.reset();
+  });
   if (!m_title.IsEmpty()) m_log->WriteEntry(m_title, true);
   for (const CPathString& root : m_paths) {
     if (m_stopped || m_status->IsCancelled()) break;
@@ -98,8 +113,11 @@ void CWinapp2FileScan::ScanRoot(const CPathString& root) {
   while (fixed < walk.parts.size() && !HasWildcard(walk.parts[fixed])) ++fixed;
   if (fixed == 0) return;
   CPathString path;
-  for (size_t i = 0; i < fixed; ++i) AppendFolder(path, walk.parts[i].c_str());
-  // the fixed part is asked as a whole and followed even when it is a link, as the engine's walk does
+  for (size_t i = 0; i < fixed; ++i) {
+    AppendFolder(path, walk.parts[i].c_str());
+    // every folder after the drive root, asked on its own: none may be a link
+    if (i > 0 && !NotThroughLink(path)) return;
+  }
   unsigned long flags = 0;
   CWhiteListTree::Folder node = m_whiteList->GetFolder(path.c_str(), flags);
   if (flags & m_whiteListTestBits) return;
@@ -112,12 +130,14 @@ void CWinapp2FileScan::Descend(SWalk& walk, CPathString& path, CWhiteListTree::F
       node = node.GetSubFolder(walk.parts[part].c_str());
       if (node.GetFlags() & m_whiteListTestBits) return;
       AppendFolder(path, walk.parts[part].c_str());
+      if (!NotThroughLink(path)) return;
       Descend(walk, path, node, part + 1);
       return;
     }
+    // every folder of the root was asked on the way down: none is a link
     DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY))
-      ScanFolder(path, node, attributes);
+      ScanFolder(path, node, attributes & ~FILE_ATTRIBUTE_REPARSE_POINT);
     return;
   }
   std::wstring mask = walk.parts[part];
@@ -202,7 +222,8 @@ bool CWinapp2FileScan::ReportFolder(const CPathString& path, DWORD attributes) {
   // a link is left alone: removing it would not remove what was cleaned
   if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) return false;
   if (IsKeptFolder(UpperParts(path.c_str()))) return false;
-  if (!Guard().CheckPath(path.c_str(), true, nullptr).allowed) return false;
+  if (!m_guard) m_guard.reset(new CBlastGuard());
+  if (!m_guard->CheckPath(path.c_str(), true, nullptr).allowed) return false;
   CRefPtr<CCleanableEmptyFolder> item(new IUnknownNoQIImp<CCleanableEmptyFolder>());
   item->InitFolder(path, attributes);
   m_log->WriteEntry(item->GetLogEntry(), false);
@@ -231,7 +252,9 @@ bool CWinapp2FileScan::IsExcluded(const wchar_t* folder, const wchar_t* name) co
   std::wstring upper(name);
   UpperName(upper);
   for (const SExclude& exclude : *m_excludes)
-    if (MatchFolder(exclude.folder, parts, exclude.below) && MatchUpper(exclude.mask, upper)) return true;
+    if (MatchFolder(exclude.folder, parts, exclude.below))
+      for (const std::wstring& mask : exclude.masks)
+        if (MatchUpper(mask, upper)) return true;
   return false;
 }
 

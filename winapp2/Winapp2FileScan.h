@@ -6,9 +6,12 @@
 // line, the folders CCleanableEmptyFolder items, reported after everything
 // in them, deepest first.
 //
-// The walk is the engine's in everything but matching: folder wildcards in
-// any component of a root expand at scan time, reparse points found by a
-// listing are never followed, system entries are skipped unless SetSystem,
+// The walk is the engine's in everything but matching and links: folder
+// wildcards in any component of a root expand at scan time, a rule never
+// reaches anything through a link (a junction or symbolic link anywhere on
+// its folder's path after the drive root finds nothing there, with a note;
+// links a listing meets are never followed), system entries are skipped
+// unless SetSystem,
 // the whitelist is asked at every folder and file, cancellation before each
 // file and folder, and the host's filters (AddFilter) decide last. A folder
 // is reported for removal only when everything in it was reported, nothing
@@ -20,18 +23,24 @@
 #include <vector>
 
 #include "core/Export.h"
+#include "scan/OperationNotes.h"
 #include "scan/StdFileScan.h"
 
-class BROOM_API CWinapp2FileScan : public CStdFileScan {
+class CBlastGuard;
+
+class BROOM_API CWinapp2FileScan : public CStdFileScan, public IOperationNotes {
  public:
   enum ERecurse { recurseNone = 0, recurseAll = 1, recurseRemoveSelf = 2 };
+  CWinapp2FileScan();
+  ~CWinapp2FileScan() override;
 
   // What an ExcludeKey keeps out of its entry's rules: files whose name
-  // matches mask in a folder matching folder (components upper-cased, '*'
-  // and '?' matching within one component), or anywhere below it with below.
+  // matches one of masks in a folder matching folder (components
+  // upper-cased, '*' and '?' matching within one component), or anywhere
+  // below it with below.
   struct SExclude {
     std::vector<std::wstring> folder;
-    std::wstring mask;
+    std::vector<std::wstring> masks;
     bool below = false;
   };
   using Excludes = std::shared_ptr<const std::vector<SExclude>>;
@@ -51,12 +60,16 @@ class BROOM_API CWinapp2FileScan : public CStdFileScan {
   // notifiers, whitelist or root, as every file scan does.
   void StartScan() override;
 
+  std::vector<CString> TakeScanNotes() override;
+
  protected:
   void ProcessHit(const CPathString& folder, const WIN32_FIND_DATAW& entry, unsigned int extra) override;
 
  private:
   struct SWalk;
   void ScanRoot(const CPathString& root);
+  // False, with a note, when the folder just appended to path is a link.
+  bool NotThroughLink(const CPathString& path);
   void Descend(SWalk& walk, CPathString& path, CWhiteListTree::Folder node, size_t part);
   // rootAttributes: 0 below the rule's folder, its attributes for the folder itself.
   bool ScanFolder(CPathString& path, CWhiteListTree::Folder node, DWORD rootAttributes);
@@ -69,4 +82,6 @@ class BROOM_API CWinapp2FileScan : public CStdFileScan {
   Excludes m_excludes;
   bool m_reported = false;  // the last file handed to the filters became an item
   bool m_stopped = false;   // cancelled: no folder is reported any more
+  std::vector<CString> m_notes;
+  std::unique_ptr<CBlastGuard> m_guard;  // made for the first folder a scan would remove
 };

@@ -15,18 +15,19 @@
 #include <unordered_set>
 
 #include "core/Handles.h"
+#include "guard/BlastGuard.h"
 #include "registry/RegistryPath.h"
 #include "registry/RegistryScan.h"
 #include "scandefs/ConfigValues.h"
 #include "scandefs/NoCase.h"
-#include "winapp2/NameMask.h"
+#include "core/NameMask.h"
 #include "winapp2/Winapp2Detect.h"
 #include "winapp2/Winapp2FileScan.h"
 
 using broom::winapp2::CDetector;
-using broom::winapp2::HasWildcard;
-using broom::winapp2::SplitPath;
-using broom::winapp2::UpperName;
+using broom::HasWildcard;
+using broom::SplitPath;
+using broom::UpperName;
 
 namespace {
 
@@ -47,6 +48,8 @@ const std::pair<int, const wchar_t*> kCategories[] = {
     {3021, L"Applications"}, {3022, L"Internet"}, {3023, L"Multimedia"}, {3024, L"Utilities"}, {3025, L"Windows"}};
 const wchar_t* const kOther = L"Other";
 
+// DET_WINDOWS holds on every Windows: it has no folder to look for.
+const wchar_t* const kDetWindows = L"DET_WINDOWS";
 const std::pair<const wchar_t*, const wchar_t*> kSpecialDetects[] = {
     {L"DET_CHROME", L"%LocalAppData%\\Google\\Chrome\\User Data"},
     {L"DET_MOZILLA", L"%AppData%\\Mozilla\\Firefox"},
@@ -192,6 +195,8 @@ class CVariables {
   // Every path the text stands for (two when it names the Program Files
   // folders of a 64-bit Windows), in normal form; false with the reason.
   bool Expand(Text text, std::vector<std::wstring>& out, std::wstring& reason) const {
+    // a text that cannot be read whole stands for no path at all, never for the part read so far
+    auto fail = broom::scope_exit([&out] { out.clear(); });
     out.assign(1, std::wstring());
     out[0].reserve(text.size() + 64);
     for (size_t at = 0; at < text.size();) {
@@ -234,6 +239,7 @@ class CVariables {
         if (seen.insert(Upper(path)).second) unique.push_back(std::move(path));
       out.swap(unique);
     }
+    fail.release();
     return true;
   }
 
@@ -340,6 +346,7 @@ class CLoad {
     std::wstring category;
     Text warning;
     bool detection = false;  // a Detect, DetectFile or SpecialDetect key, readable or not
+    bool detectWindows = false;  // SpecialDetect=DET_WINDOWS: holds
     bool osHolds = true;
     std::vector<std::wstring> files;
     std::vector<CRegistryPath> keys;
@@ -439,6 +446,8 @@ class CLoad {
           CRegistryPath key;
           if (!key.Parse(line.value.data(), line.value.size()) || line.value.empty())
             Skip(line, L"not a registry key: it must start with HKCU, HKLM, HKU or HKCR");
+          else if (BeyondRegistryLimits(key))
+            Skip(line, L"no registry key can be deeper than 512 levels or have a name over 255 characters");
           else
             AddKey(p, key);
           break;
@@ -448,12 +457,16 @@ class CLoad {
           ++m_report.detectionKeys;
           p.detection = true;
           Text path = line.value;
+          if (line.kind == kSpecialDetect && Equal(line.value, kDetWindows)) {
+            p.detectWindows = true;
+            break;
+          }
           if (line.kind == kSpecialDetect) {
             path = Text();
             for (const auto& special : kSpecialDetects)
               if (Equal(line.value, special.first)) path = special.second;
             if (path.empty()) {
-              Skip(line, L"unknown SpecialDetect (DET_CHROME, DET_MOZILLA, DET_THUNDERBIRD or DET_OPERA)");
+              Skip(line, L"unknown SpecialDetect (DET_CHROME, DET_MOZILLA, DET_THUNDERBIRD, DET_OPERA or DET_WINDOWS)");
               break;
             }
           }
@@ -489,6 +502,8 @@ class CLoad {
           CRegistryPath path;
           if (line.value.empty() || !path.Parse(line.value.data(), line.value.size()))
             Skip(line, L"not a registry path: it must start with HKCU, HKLM, HKU or HKCR");
+          else if (BeyondRegistryLimits(path))
+            Skip(line, L"no registry key can be deeper than 512 levels or have a name over 255 characters");
           else
             p.regRules.push_back(SRegRule{&line, path});
           break;
@@ -545,7 +560,29 @@ class CLoad {
     }
     if (rule.masks.empty()) return Skip(line, L"no file mask");
     if (!m_variables.Expand(fields[0], rule.roots, reason)) return Skip(line, reason);
+    bool everyName = false;
+    for (const std::wstring& mask : rule.masks)
+      everyName = everyName || mask == L"*.*" || mask.find_first_not_of(L'*') == std::wstring::npos;
+    for (const std::wstring& root : rule.roots) {
+      CBlastGuard::SVerdict verdict = Guard().CheckRule(root.c_str(), rule.recurse != CWinapp2FileScan::recurseNone,
+                                                        everyName);
+      if (!verdict.allowed) return Skip(line, L"refused: " + std::wstring(verdict.reason.GetString()));
+    }
     p.fileRules.push_back(std::move(rule));
+  }
+
+  const CBlastGuard& Guard() {
+    if (!m_guard) m_guard.reset(new CBlastGuard());
+    return *m_guard;
+  }
+
+  // A registry path no system can hold: deeper than 512 levels, or a name over 255 characters.
+  static bool BeyondRegistryLimits(const CRegistryPath& key) {
+    std::vector<std::wstring> parts = CRegistryPath::Components(key.Subkey());
+    if (parts.size() > 512) return true;
+    for (const std::wstring& part : parts)
+      if (part.size() > 255) return true;
+    return false;
   }
 
   void PrepareExclude(const SLine& line, SPrepared& p) {
@@ -579,8 +616,15 @@ class CLoad {
       mask = slash == Text::npos ? rest : rest.substr(slash + 1);
     }
     if (folder.empty()) return broken(L"empty path", true, false);
-    if (mask.empty() || mask.find_first_of(L"\\/:|") != Text::npos)
-      return broken(file ? L"no file name after the folder" : L"the mask holds a folder separator", true, false);
+    std::vector<std::wstring> masks;
+    for (Text one : Fields(mask, L';')) {
+      if (one.empty()) continue;
+      if (one.find_first_of(L"\\/:|") != Text::npos)
+        return broken(file ? L"a file name holds a folder separator" : L"the mask holds a folder separator", true,
+                      false);
+      masks.push_back(Upper(one));
+    }
+    if (masks.empty()) return broken(file ? L"no file name after the folder" : L"no mask after the folder", true, false);
     std::vector<std::wstring> folders;
     std::wstring reason;
     if (!m_variables.Expand(folder, folders, reason)) return broken(reason, true, false);
@@ -589,7 +633,7 @@ class CLoad {
       CWinapp2FileScan::SExclude exclude;
       exclude.folder = SplitPath(one.c_str(), one.size());
       for (std::wstring& part : exclude.folder) UpperName(part);
-      exclude.mask = Upper(mask);
+      exclude.masks = masks;
       exclude.below = !file;
       p.fileExcludes->push_back(std::move(exclude));
     }
@@ -598,7 +642,7 @@ class CLoad {
 
   bool Applies(const SPrepared& p) {
     if (!p.osHolds) return false;
-    if (!p.detection) return true;
+    if (!p.detection || p.detectWindows) return true;
     // files first: they cost no trip to the Wine server
     for (const std::wstring& file : p.files)
       if (m_detector.FileExists(file)) return true;
@@ -730,6 +774,7 @@ class CLoad {
   std::vector<SEntry> m_entries;
   CVariables m_variables;
   CDetector m_detector;
+  std::unique_ptr<CBlastGuard> m_guard;  // made for the first FileKey
   std::unordered_map<std::wstring, SCategory> m_categories;
 };
 

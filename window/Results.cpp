@@ -37,6 +37,7 @@ void AddColumns(HWND list, std::initializer_list<std::pair<const wchar_t*, bool>
 std::wstring ItemNote(const host::SItemResult& r, const std::vector<std::wstring>* outcome) {
   std::wstring note = r.refusal.empty() ? std::wstring() : L"refused: " + r.refusal;
   for (const std::wstring& e : r.errors) note += (note.empty() ? L"" : L"; ") + e;
+  for (const std::wstring& n : r.notes) note += (note.empty() ? L"" : L"; ") + n;
   if (outcome) {
     size_t failed = 0, done = 0;
     for (const std::wstring& o : *outcome)

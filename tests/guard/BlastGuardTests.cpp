@@ -6,11 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "clean/CleanableFile.h"
 #include "common/TestFiles.h"
 #include "guard/BlastGuard.h"
 #include "scandefs/ConfigValues.h"
+#include "settings/AppInfo.h"
 
 namespace {
 
@@ -94,3 +96,143 @@ TEST(BlastGuard, ItemsAreJudgedByTheirPathAndRunawayLimitsByTheirTotals) {
 }
 
 }  // namespace
+
+namespace {
+
+// The ways a path may spell the same folder: the system drops trailing dots
+// and spaces, takes '/' for '\', short names and any case, and "\\?\" forms.
+std::vector<std::wstring> Spellings(const std::wstring& path) {
+  std::vector<std::wstring> out = {path + L".", path + L" ", path + L". .", L"\\\\?\\" + path, path + L"\\"};
+  std::wstring slashes = path, lower = path;
+  for (wchar_t& c : slashes)
+    if (c == L'\\') c = L'/';
+  CharLowerBuffW(&lower[0], static_cast<DWORD>(lower.size()));
+  out.push_back(slashes);
+  out.push_back(lower);
+  size_t slash = path.find_last_of(L'\\');
+  if (slash != std::wstring::npos && slash > 2) out.push_back(path.substr(0, slash) + L"." + path.substr(slash));
+  wchar_t shortPath[MAX_PATH];
+  DWORD n = GetShortPathNameW(path.c_str(), shortPath, MAX_PATH);
+  if (n > 0 && n < MAX_PATH && std::wstring(shortPath) != path) out.push_back(shortPath);
+  return out;
+}
+
+}  // namespace
+
+TEST(BlastGuard, EverySpellingOfAProtectedFolderMeetsTheSameRule) {
+  CBlastGuard guard;
+  ASSERT_GE(guard.ProtectedFolders().size(), 10u);
+  size_t shortNames = 0;
+  for (const CBlastGuard::SFolder& folder : guard.ProtectedFolders()) {
+    for (const std::wstring& spelling : Spellings(folder.shown)) {
+      SCOPED_TRACE(broomtest::Narrow(spelling));
+      CBlastGuard::SVerdict verdict = guard.CheckPath(spelling.c_str(), true, nullptr);
+      EXPECT_FALSE(verdict.allowed);
+      EXPECT_NE(std::wstring::npos, std::wstring(verdict.reason.GetString()).find(L"never removed"))
+          << broomtest::Narrow(verdict.reason.GetString());
+      shortNames += spelling.find(L'~') != std::wstring::npos;
+    }
+  }
+  EXPECT_GT(shortNames, 0u);  // the prefix gives Program Files a short name
+  const std::wstring profile = Symbol(L"PROFILE");
+  for (const std::wstring& spelling : Spellings(profile)) {
+    SCOPED_TRACE(broomtest::Narrow(spelling));
+    EXPECT_FALSE(guard.CheckPath((spelling + L"\\notes.txt").c_str(), false, L"*").allowed);
+    EXPECT_FALSE(guard.CheckPath((spelling + L"\\AppData").c_str(), true, nullptr).allowed);
+  }
+  const std::wstring drive = Symbol(L"WINDOWS").substr(0, 2);
+  for (const std::wstring& root : {drive, drive + L"\\.", drive + L"/", L"\\\\?\\" + drive + L"\\"})
+    EXPECT_FALSE(guard.CheckPath(root.c_str(), true, nullptr).allowed) << broomtest::Narrow(root);
+}
+
+TEST(BlastGuard, AFolderReachedThroughALinkIsJudgedWhereItReallyIs) {
+  broomtest::TempDir dir;
+  const std::wstring profile = Symbol(L"PROFILE");
+  ASSERT_TRUE(broomtest::MakeUnixSymlink(profile, dir / L"alias"));
+  CBlastGuard guard;
+  EXPECT_FALSE(guard.CheckPath((dir / L"alias\\notes.txt").c_str(), false, L"*").allowed);
+  EXPECT_FALSE(guard.CheckPath((dir / L"alias\\AppData").c_str(), true, nullptr).allowed);
+  EXPECT_TRUE(guard.CheckPath((dir / L"alias\\AppData\\Local\\Vendor\\x.tmp").c_str(), false, L"*").allowed);
+  // the link itself: removing it removes a name, not what it leads to
+  EXPECT_TRUE(guard.CheckPath((dir / L"alias").c_str(), true, nullptr).allowed);
+}
+
+TEST(BlastGuard, NothingInBroomsOwnDataFolderIsCleaned) {
+  broomtest::TempDir dir;
+  const std::wstring data = dir / L"Broom";
+  broomtest::MakeDirs(data + L"\\Logs");
+  CAppInfo::Init(nullptr, data.c_str());
+  CBlastGuard guard;
+  CAppInfo::Init(nullptr, L"");
+  const struct {
+    std::wstring path;
+    bool folder, allowed;
+  } cases[] = {
+      {data + L"\\whitelist.txt", false, false}, {data + L".\\Logs\\scan1.log", false, false},
+      {data + L"\\Logs", true, false},           {data, true, false},
+      {dir.Path(), true, false},                 {dir / L"Broom2\\x.txt", false, true},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(c.allowed, guard.CheckPath(c.path.c_str(), c.folder, L"*").allowed) << broomtest::Narrow(c.path);
+  EXPECT_FALSE(guard.CheckRule(data.c_str(), false, false).allowed);
+  EXPECT_FALSE(guard.CheckRule((data + L"\\L*").c_str(), false, false).allowed);
+  EXPECT_TRUE(guard.CheckRule((dir / L"Other").c_str(), true, true).allowed);
+}
+
+TEST(BlastGuard, ProgramFilesBelowTheWindowsFolderAreRefusedWhateverTheRuleNames) {
+  CBlastGuard guard;
+  const std::wstring windows = Symbol(L"WINDOWS"), system = Symbol(L"SYSTEM"), local = Symbol(L"LOCALAPPDATA");
+  const struct {
+    std::wstring path;
+    const wchar_t* pattern;
+    bool allowed;
+  } cases[] = {
+      {system + L"\\x.dll", L"%WinDir%\\System32|*.dll", false},
+      {system + L"\\drivers\\x.sys", L"*.sys", false},
+      {windows + L"\\Fonts\\x.drv", L"*.drv", false},
+      {windows + L"\\Installer\\x.msi", L"*.msi", false},
+      {windows + L"\\Installer\\x.MSP", L"*", false},
+      {windows + L"\\x.scr", L"*.scr", false},
+      {windows + L"\\system32.\\x.cpl", L"*.cpl", false},
+      {windows + L"\\Temp\\x.ocx", L"*.ocx", false},
+      {windows + L"\\Temp\\x.log", L"*", true},
+      {local + L"\\Vendor\\setup.msi", L"*.msi", true},
+      {local + L"\\Vendor\\x.ocx", L"*", true},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(c.allowed, guard.CheckPath(c.path.c_str(), false, c.pattern).allowed) << broomtest::Narrow(c.path);
+}
+
+TEST(BlastGuard, RulesRootedAtProtectedFoldersMayOnlyNameFiles) {
+  CBlastGuard guard;
+  const std::wstring windows = Symbol(L"WINDOWS"), profile = Symbol(L"PROFILE"), local = Symbol(L"LOCALAPPDATA");
+  const std::wstring drive = windows.substr(0, 2);
+  const struct {
+    std::wstring folder;
+    bool recurse, everyName, allowed;
+    const wchar_t* reason;
+  } cases[] = {
+      {drive, true, false, false, L"drive root"},
+      {drive + L"\\", false, true, false, L"drive root"},
+      {drive, false, false, true, L""},  // %SystemDrive%|AdwCleaner*.txt
+      {windows, false, false, true, L""},  // %WinDir%|EPMBatch.ept;OutLog.txt
+      {windows, false, true, false, L"is the Windows folder"},
+      {windows + L".", true, false, false, L"the Windows folder"},
+      {windows + L"\\System32", false, false, true, L""},
+      {windows + L"\\Temp", true, true, true, L""},
+      {profile.substr(0, profile.find_last_of(L'\\')) + L"\\*", true, false, false, L"may be"},
+      {profile, true, false, false, L"profile"},
+      {profile + L"\\*\\Cache", true, true, true, L""},
+      {Symbol(L"PERSONAL"), true, false, false, L"Documents"},
+      {local, false, true, false, L"AppData\\Local"},
+      {local + L"\\Vendor", true, true, true, L""},
+      {drive + L"\\*\\System32", true, false, false, L"may be System32"},
+  };
+  for (const auto& c : cases) {
+    CBlastGuard::SVerdict verdict = guard.CheckRule(c.folder.c_str(), c.recurse, c.everyName);
+    SCOPED_TRACE(broomtest::Narrow(c.folder));
+    EXPECT_EQ(c.allowed, verdict.allowed) << broomtest::Narrow(verdict.reason.GetString());
+    EXPECT_NE(std::wstring::npos, std::wstring(verdict.reason.GetString()).find(c.reason))
+        << broomtest::Narrow(verdict.reason.GetString());
+  }
+}

@@ -1,6 +1,7 @@
 // winapp2.ini loading, detection and the FileKey scan, on folder trees and
 // registry keys made per test, and the whole shared file.
 #include <windows.h>
+#include <psapi.h>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,7 @@
 #include "common/TestFiles.h"
 #include "common/TestRegistry.h"
 #include "registry/CleanableRegistry.h"
+#include "scan/OperationNotes.h"
 #include "settings/AppInfo.h"
 #include "winapp2/Winapp2FileScan.h"
 #include "winapp2/Winapp2Loader.h"
@@ -314,14 +316,19 @@ TEST(Winapp2File, TheWholeSharedFileLoadsWithExactlyItsUnreadableLinesSkipped) {
   SWinapp2Report report = CWinapp2Loader(*CConfigStore::Of(config)).Load(path.c_str());
   ASSERT_TRUE(report.read) << Narrow(report.error.str());
   EXPECT_EQ(4067u, report.entries);
-  EXPECT_EQ(4065u, report.items);
-  EXPECT_EQ(14111u, report.fileRules);
+  // three rules walk the subfolders of a user's own folders, which the guard refuses
+  EXPECT_EQ(4064u, report.items);
+  EXPECT_EQ(14108u, report.fileRules);
   EXPECT_EQ(3677u, report.registryRules);
   EXPECT_EQ(86u, report.excludes);
   EXPECT_EQ(4763u, report.detectionKeys);
   const std::pair<int, const char*> golden[] = {
+      {7700, "[Canon Zoom Browser *]"},
+      {7706, "FileKey1=%UserProfile%\\Pictures|ZbThumbnail.info|RECURSE"},
       {11029, "FileKey5=%Package\\LocalCache|*.log"},
       {11252, "FileKey7=%LocalAppData%\\Dropbox\\"},
+      {14560, "FileKey1=%UserProfile%\\*|*.gnucash.*.gnucash;*.gnucash.*.log;translog.*.log|RECURSE"},
+      {20018, "FileKey65=%UserProfile%\\Documents|~*.doc*;~*.ppt*|RECURSE"},
       {21515, "[Moonlighter *]"},
       {21517, "DetectFile=%UserProfile%\\AppData%\\LocalLow\\11BitStudios\\Moonlighter"},
       {21518, "FileKey1=%UserProfile%\\AppData%\\LocalLow\\11BitStudios\\Moonlighter|*.log"},
@@ -342,4 +349,139 @@ TEST(Winapp2File, TheWholeSharedFileLoadsWithExactlyItsUnreadableLinesSkipped) {
   CScanGroup_imp* shell = windows->FindChild(L"Windows Shell - Folder/Dialog Box View Settings");
   ASSERT_TRUE(shell);
   EXPECT_EQ(14, shell->GetScanOpCount());
+}
+
+TEST_F(Winapp2, ARuleNeverReachesAnythingThroughALinkAndSaysSo) {
+  broomtest::AllowHandleGrowth();  // cleaning starts the STA thread
+  for (const wchar_t* file : {L"precious\\a.txt", L"precious\\sub\\b.txt", L"real\\c.tmp"}) WriteFile(m_dir / file, 3);
+  MakeDirs(m_dir / L"links");
+  ASSERT_TRUE(broomtest::MakeUnixSymlink(m_dir / L"precious", m_dir / L"links\\to_docs"));
+  ASSERT_TRUE(broomtest::MakeUnixSymlink(m_dir.Path(), m_dir / L"links\\to_top"));
+  const std::wstring v = Var();
+  const std::wstring rules[] = {
+      L"\\links\\to_docs|*|REMOVESELF",        // the rule's folder is a link
+      L"\\links\\to_docs\\sub|*.*|RECURSE",    // a link on its path
+      L"\\links\\to_top\\real|*.tmp",          // a link on its path to a real folder
+      L"\\links\\to_*|*.*|RECURSE",            // a wildcard matching links
+      L"\\links\\*\\precious|*|REMOVESELF",    // wildcard then a link on the path
+  };
+  std::wstring ini;
+  for (size_t i = 0; i < std::size(rules); ++i)
+    ini += L"[Link " + std::to_wstring(i) + L" *]\nFileKey1=" + v + rules[i] + L"\n";
+  ASSERT_TRUE(Load(ini).skipped.empty());
+  for (size_t i = 0; i < std::size(rules); ++i) {
+    CScanGroup_imp* item = Item(L"Other", (L"Link " + std::to_wstring(i)).c_str());
+    ASSERT_TRUE(item);
+    EXPECT_EQ(Paths(), Scan(item)) << "rule " << i;
+    auto* op = dynamic_cast<IOperationNotes*>(item->m_scanOps.front().Get());
+    ASSERT_TRUE(op);
+    std::vector<CString> notes = op->TakeScanNotes();
+    if (i >= 3) continue;  // links a wildcard's listing meets are passed over as before
+    ASSERT_EQ(1u, notes.size()) << "rule " << i;
+    EXPECT_NE(std::wstring::npos, notes[0].str().find(L" is a link")) << Narrow(notes[0].str());
+  }
+  for (const wchar_t* file : {L"precious\\a.txt", L"precious\\sub\\b.txt", L"real\\c.tmp"})
+    EXPECT_TRUE(Exists(m_dir / file)) << Narrow(file);
+  EXPECT_TRUE(Exists(m_dir / L"links\\to_docs"));
+}
+
+TEST_F(Winapp2, ExcludesWithSeveralMasksKeepEachOfThem) {
+  for (const wchar_t* file : {L"d\\a.bak", L"d\\b.log", L"d\\c.tmp", L"d\\sub\\d.bak", L"d\\sub\\e.tmp"})
+    WriteFile(m_dir / file, 3);
+  const std::wstring v = Var() + L"\\d";
+  SWinapp2Report report =
+      Load(L"[Path *]\nFileKey1=" + v + L"|*.*|RECURSE\nExcludeKey1=PATH|" + v + L"|*.bak; *.log\n" +
+           L"[File *]\nFileKey1=" + v + L"|*.*|RECURSE\nExcludeKey1=FILE|" + v + L"\\|a.bak;b.log\n" +
+           L"[Broken *]\nFileKey1=" + v + L"|*.*\nExcludeKey1=PATH|" + v + L"|*.bak;x\\y\n");
+  ASSERT_EQ(2u, report.skipped.size()) << "the broken exclude and the rule it takes with it";
+  Paths path = Scan(Item(L"Other", L"Path")), file = Scan(Item(L"Other", L"File"));
+  std::sort(path.begin(), path.end());
+  std::sort(file.begin(), file.end());
+  EXPECT_EQ(Paths({L"d\\c.tmp", L"d\\sub\\e.tmp"}), path);
+  EXPECT_EQ(Paths({L"d\\c.tmp", L"d\\sub\\d.bak", L"d\\sub\\e.tmp"}), file);
+  EXPECT_EQ(nullptr, Item(L"Other", L"Broken"));
+}
+
+TEST_F(Winapp2, DetectionThatCannotBeReadNeverHoldsAndDetWindowsAlwaysDoes) {
+  MakeDirs(m_dir / L"here");
+  const std::wstring v = Var(), rule = L"FileKey1=" + v + L"\\x|*\n";
+  const struct {
+    std::wstring detect;
+    bool applies;
+  } cases[] = {
+      {L"DetectFile=%WinDir%%Nope%", false},       {L"DetectFile=%WinDir%\\..\\windows", false},
+      {L"DetectFile=%WinDir%\\%", false},          {L"DetectFile=%WinDir%\\system32\\.", false},
+      {L"DetectFile=" + v + L"\\here\\%Nope%", false}, {L"SpecialDetect=DET_WINDOWS", true},
+      {L"SpecialDetect=DET_NOPE", false},          {L"DetectFile=" + v + L"\\here", true},
+  };
+  std::wstring ini;
+  for (size_t i = 0; i < std::size(cases); ++i)
+    ini += L"[Detect " + std::to_wstring(i) + L" *]\n" + cases[i].detect + L"\n" + rule;
+  Load(ini);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    CScanGroup_imp* item = Item(L"Other", (L"Detect " + std::to_wstring(i)).c_str());
+    ASSERT_TRUE(item);
+    EXPECT_EQ(cases[i].applies, item->IsEnabled() != abFalse) << Narrow(cases[i].detect);
+  }
+}
+
+TEST_F(Winapp2, RulesThatWouldTakeProtectedFoldersAreRefusedAtLoadWithTheirReason) {
+  // Loaded, never scanned: a rule of this table that got through would clean the prefix's profile.
+  wchar_t profile[MAX_PATH] = {}, windows[MAX_PATH] = {};
+  GetEnvironmentVariableW(L"USERPROFILE", profile, MAX_PATH);
+  GetEnvironmentVariableW(L"SystemRoot", windows, MAX_PATH);
+  const std::wstring users = std::wstring(profile).substr(0, std::wstring(profile).find_last_of(L'\\'));
+  const struct {
+    std::wstring rule;
+    const char* reason;  // nullptr: loads
+  } cases[] = {
+      {std::wstring(profile) + L".|*|REMOVESELF", "your profile folder"},
+      {users + L".|*|REMOVESELF", "folder of the user profiles"},
+      {L"%AppData%.|*.*|RECURSE", "AppData\\Roaming"},
+      {L"%LocalAppData%\\..\\LocalLow.|*", nullptr},  // '..' is skipped as before
+      {L"%SystemDrive%|*.*|RECURSE", "drive root"},
+      {L"%SystemDrive%\\|*|REMOVESELF", "drive root"},
+      {std::wstring(windows) + L"\\System32|*.*", "System32"},
+      {L"%WinDir%\\System32|*.dll", nullptr},  // loads; the guard refuses every hit
+      {L"%WinDir%|EPMBatch.ept;OutLog.txt", nullptr},
+      {L"%UserProfile%\\*|*.log|RECURSE", "may be"},
+      {L"%Documents%|~*.doc*|RECURSE", "Documents"},
+  };
+  std::wstring ini;
+  for (size_t i = 0; i < std::size(cases); ++i) ini += L"[Root " + std::to_wstring(i) + L" *]\nFileKey1=" + cases[i].rule + L"\n";
+  SWinapp2Report report = Load(ini);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(Narrow(cases[i].rule));
+    auto skip = std::find_if(report.skipped.begin(), report.skipped.end(),
+                             [&](const SWinapp2Skip& s) { return s.line == static_cast<int>(2 * i + 2); });
+    if (!cases[i].reason) {
+      if (skip != report.skipped.end()) {
+        EXPECT_EQ(std::string::npos, Narrow(skip->reason.str()).find("refused"));
+      }
+      continue;
+    }
+    ASSERT_TRUE(skip != report.skipped.end());
+    EXPECT_NE(std::string::npos, Narrow(skip->reason.str()).find("refused: ")) << Narrow(skip->reason.str());
+    EXPECT_NE(std::string::npos, Narrow(skip->reason.str()).find(cases[i].reason)) << Narrow(skip->reason.str());
+    EXPECT_EQ(nullptr, Item(L"Other", (L"Root " + std::to_wstring(i)).c_str()));
+  }
+}
+
+TEST_F(Winapp2, HostileDetectionPathsCostMemoryInLineWithTheFile) {
+  // Long paths of many components were once planned as every prefix: a
+  // 70 KB line took gigabytes. Now a line costs in line with its length.
+  std::wstring deepFile = L"C:", deepKey = L"HKCU\\Software", temps;
+  for (int i = 0; i < 40000; ++i) deepFile += L"\\a", deepKey += L"\\a";
+  for (int i = 0; i < 8000; ++i) temps += L"%Temp%";
+  PROCESS_MEMORY_COUNTERS before = {};
+  GetProcessMemoryInfo(GetCurrentProcess(), &before, sizeof before);
+  SWinapp2Report report = Load(L"[Deep *]\nDetectFile=" + deepFile + L"\nDetect=" + deepKey + L"\nDetectFile2=" +
+                               temps + L"\nDetect2=HKCU\\Software\\" + std::wstring(300, L'k') + L"\n" +
+                               L"FileKey1=" + Var() + L"\\x|*\n");
+  PROCESS_MEMORY_COUNTERS after = {};
+  GetProcessMemoryInfo(GetCurrentProcess(), &after, sizeof after);
+  ASSERT_EQ(4u, report.skipped.size());
+  for (const SWinapp2Skip& skip : report.skipped) EXPECT_NE(L"", skip.reason.str());
+  EXPECT_EQ(abFalse, Item(L"Other", L"Deep")->IsEnabled());
+  EXPECT_LT(after.PeakWorkingSetSize - before.PeakWorkingSetSize, 64u << 20);
 }

@@ -1,5 +1,5 @@
 #pragma once
-// Whole-name masks of winapp2 rules, compared upper-cased: '*' stands for
+// Whole-name masks of rules, compared upper-cased: '*' stands for
 // any run of characters, '?' for one, and "*.*" for every name as on
 // Windows. Unlike FindFirstFileW and PathMatchSpecW, a mask never matches a
 // file by its 8.3 short name. Internal to the engine.
@@ -8,7 +8,6 @@
 #include <vector>
 
 namespace broom {
-namespace winapp2 {
 
 // Upper-cases the way the whitelist and the file system compare names.
 void UpperName(wchar_t* text, size_t length);
@@ -33,5 +32,4 @@ inline bool MatchUpper(const std::wstring& mask, const std::wstring& name) {
 // \\server\share of a UNC path is one component; empty ones are dropped.
 std::vector<std::wstring> SplitPath(const wchar_t* path, size_t length);
 
-}  // namespace winapp2
 }  // namespace broom

@@ -1,18 +1,18 @@
-#include "winapp2/NameMask.h"
+#include "core/NameMask.h"
 
-#include "whitelist/WhiteListTree.h"
+#include <windows.h>
 
 namespace broom {
-namespace winapp2 {
 
 void UpperName(wchar_t* text, size_t length) {
-  bool ascii = true;
-  for (size_t i = 0; i < length; ++i) {
-    wchar_t c = text[i];
-    if (c >= 0x80) ascii = false;
-    else if (c >= L'a' && c <= L'z') text[i] = static_cast<wchar_t>(c - (L'a' - L'A'));
-  }
-  if (!ascii) CWhiteListTree::UpperCase(text, static_cast<int>(length));
+  // The invariant mapping, as the whitelist folds names: the same on every
+  // machine, and letters beyond ASCII as the file system compares them.
+  size_t i = 0;
+  for (; i < length && text[i] < 0x80; ++i)
+    if (text[i] >= L'a' && text[i] <= L'z') text[i] = static_cast<wchar_t>(text[i] - (L'a' - L'A'));
+  if (i < length)
+    LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, text + i, static_cast<int>(length - i), text + i,
+                 static_cast<int>(length - i));
 }
 
 bool MatchUpper(const wchar_t* mask, size_t maskLength, const wchar_t* name, size_t nameLength) {
@@ -55,5 +55,4 @@ std::vector<std::wstring> SplitPath(const wchar_t* path, size_t length) {
   return parts;
 }
 
-}  // namespace winapp2
 }  // namespace broom
