@@ -20,6 +20,8 @@ set(BROOM_INTERNAL_HEADERS
   scandefs/FileScopes.h    # the value scopes of one file's value pass
   settings/TempBuffer.h
   core/NameMask.h          # name masks and path parts of rules and the guard
+  winapp2/Winapp2Text.h    # reading and cutting a winapp2.ini file
+  winapp2/Winapp2Variables.h  # the %Name% variables of winapp2 rules
   winapp2/Winapp2Detect.h) # the detection cache of a winapp2 load
 
 foreach(dir IN LISTS BROOM_FOLDERS)

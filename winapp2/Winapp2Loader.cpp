@@ -3,46 +3,27 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <iterator>
-#include <cstdio>
-#include <cstring>
-#include <cwchar>
-#include <cwctype>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
 #include "core/Handles.h"
+#include "core/NameMask.h"
 #include "guard/BlastGuard.h"
 #include "registry/RegistryPath.h"
 #include "registry/RegistryScan.h"
-#include "scandefs/ConfigValues.h"
 #include "scandefs/NoCase.h"
-#include "core/NameMask.h"
 #include "winapp2/Winapp2Detect.h"
 #include "winapp2/Winapp2FileScan.h"
+#include "winapp2/Winapp2Text.h"
+#include "winapp2/Winapp2Variables.h"
 
-using broom::winapp2::CDetector;
-using broom::HasWildcard;
+using namespace broom::winapp2;
 using broom::SplitPath;
 using broom::UpperName;
 
 namespace {
-
-using Text = std::wstring_view;
-
-enum EKind {
-  kUnknown, kLangSecRef, kSection, kDetect, kDetectFile, kSpecialDetect, kDetectOS,
-  kFileKey, kExcludeKey, kRegKey, kWarning, kDefault
-};
-
-const std::pair<const wchar_t*, EKind> kKinds[] = {
-    {L"LangSecRef", kLangSecRef}, {L"Section", kSection},     {L"Detect", kDetect},
-    {L"DetectFile", kDetectFile}, {L"SpecialDetect", kSpecialDetect}, {L"DetectOS", kDetectOS},
-    {L"FileKey", kFileKey},       {L"ExcludeKey", kExcludeKey}, {L"RegKey", kRegKey},
-    {L"Warning", kWarning},       {L"Default", kDefault}};
 
 const std::pair<int, const wchar_t*> kCategories[] = {
     {3021, L"Applications"}, {3022, L"Internet"}, {3023, L"Multimedia"}, {3024, L"Utilities"}, {3025, L"Windows"}};
@@ -56,260 +37,6 @@ const std::pair<const wchar_t*, const wchar_t*> kSpecialDetects[] = {
     {L"DET_THUNDERBIRD", L"%AppData%\\Thunderbird"},
     {L"DET_OPERA", L"%AppData%\\Opera Software"}};
 
-// The variables rules use and the engine's symbols they come from: the
-// first symbol with a value, or every one of them for the two that name the
-// 64-bit and the 32-bit folder (a 32-bit engine's own symbols give the
-// 32-bit one, the environment's ...W6432 the other).
-struct SVariable {
-  const wchar_t* name;
-  bool every;
-  std::vector<const wchar_t*> symbols;
-};
-const SVariable kVariables[] = {
-    {L"AppData", false, {L"APPDATA"}},
-    {L"LocalAppData", false, {L"LOCALAPPDATA"}},
-    {L"LocalLowAppData", false, {L"LOCALLOWAPPDATA"}},
-    {L"ProgramData", false, {L"COMMON_APPDATA", L"ProgramData"}},
-    {L"CommonAppData", false, {L"COMMON_APPDATA", L"ProgramData"}},
-    {L"ProgramFiles", true, {L"ProgramW6432", L"PROGRAM_FILES", L"PROGRAM_FILESX86"}},
-    {L"CommonProgramFiles", true, {L"CommonProgramW6432", L"PROGRAM_FILES_COMMON", L"PROGRAM_FILES_COMMONX86"}},
-    {L"Documents", false, {L"PERSONAL"}},
-    {L"Music", false, {L"MYMUSIC"}},
-    {L"Pictures", false, {L"MYPICTURES"}},
-    {L"Video", false, {L"MYVIDEO"}},
-    {L"Public", false, {L"PUBLIC"}},
-    {L"SystemDrive", false, {L"SystemDrive"}},
-    {L"SystemRoot", false, {L"WINDOWS", L"SystemRoot"}},
-    {L"WinDir", false, {L"WINDOWS", L"windir"}},
-    {L"UserProfile", false, {L"PROFILE", L"USERPROFILE"}},
-    {L"UserName", false, {L"USERNAME"}},
-    {L"HomeDrive", false, {L"HOMEDRIVE"}},
-    {L"AllUsersProfile", false, {L"ALLUSERSPROFILE"}},
-    {L"Temp", false, {L"TEMP"}},
-    {L"Tmp", false, {L"TMP"}}};
-
-constexpr size_t kMaxExpansions = 8;
-
-bool IsBlank(wchar_t c) { return c == L' ' || c == L'\t' || c == L'\r' || c == 0xFEFF; }
-
-Text Trim(Text t) {
-  while (!t.empty() && IsBlank(t.front())) t.remove_prefix(1);
-  while (!t.empty() && IsBlank(t.back())) t.remove_suffix(1);
-  return t;
-}
-
-bool Equal(Text a, const wchar_t* b) { return broom::EqualNoCase(a.data(), a.size(), b, wcslen(b)); }
-
-std::wstring Upper(Text t) {
-  std::wstring s(t);
-  UpperName(s);
-  return s;
-}
-
-// Splits at every separator; a field may be empty.
-std::vector<Text> Fields(Text t, wchar_t separator) {
-  std::vector<Text> fields;
-  for (size_t start = 0;;) {
-    size_t end = t.find(separator, start);
-    fields.push_back(Trim(t.substr(start, end == Text::npos ? Text::npos : end - start)));
-    if (end == Text::npos) return fields;
-    start = end + 1;
-  }
-}
-
-EKind KindOf(Text key) {
-  while (!key.empty() && key.back() >= L'0' && key.back() <= L'9') key.remove_suffix(1);
-  for (const auto& kind : kKinds)
-    if (Equal(key, kind.first)) return kind.second;
-  return kUnknown;
-}
-
-struct SLine {
-  int line = 0;
-  EKind kind = kUnknown;
-  Text key, value, text;
-};
-
-struct SEntry {
-  int line = 0;
-  Text name, text;
-  std::vector<SLine> keys;
-};
-
-// The major and minor version of "10", "6.1"; false for anything else.
-bool ParseVersion(Text t, unsigned (&version)[2]) {
-  version[0] = version[1] = 0;
-  size_t dot = t.find(L'.');
-  Text parts[2] = {t.substr(0, dot), dot == Text::npos ? Text() : t.substr(dot + 1)};
-  if (parts[0].empty() || (dot != Text::npos && parts[1].empty())) return false;
-  for (int i = 0; i < 2; ++i)
-    for (wchar_t c : parts[i]) {
-      if (c < L'0' || c > L'9' || version[i] > 9999) return false;
-      version[i] = version[i] * 10 + static_cast<unsigned>(c - L'0');
-    }
-  return true;
-}
-
-// The version Windows really is (GetVersionEx reports 6.2 to programs
-// without a manifest that names newer systems).
-void WindowsVersion(unsigned (&version)[2]) {
-  static unsigned cached[2] = {0, 0};
-  if (!cached[0]) {
-    using RtlGetVersionFn = LONG(WINAPI*)(OSVERSIONINFOW*);
-    auto get = reinterpret_cast<RtlGetVersionFn>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion")));
-    OSVERSIONINFOW info = {};
-    info.dwOSVersionInfoSize = sizeof info;
-    if (get && get(&info) == 0) {
-      cached[0] = info.dwMajorVersion;
-      cached[1] = info.dwMinorVersion;
-    }
-  }
-  version[0] = cached[0];
-  version[1] = cached[1];
-}
-
-bool Below(const unsigned (&a)[2], const unsigned (&b)[2]) { return a[0] < b[0] || (a[0] == b[0] && a[1] < b[1]); }
-
-// ---- variables and paths ----
-
-class CVariables {
- public:
-  CVariables() {
-    CScopedMap::ConfigValueMap* scope = CScopedMap::GetGlobalScope();
-    for (size_t i = 0; i < std::size(kVariables); ++i) {
-      std::vector<std::wstring>& values = m_values[i];
-      std::unordered_set<std::wstring> seen;
-      for (const wchar_t* symbol : kVariables[i].symbols) {
-        const wchar_t* value = scope->Find(symbol, wcslen(symbol));
-        if (!value || !*value) continue;
-        std::wstring text(value);
-        while (text.size() > 3 && text.back() == L'\\') text.pop_back();
-        if (!seen.insert(Upper(text)).second) continue;
-        values.push_back(text);
-        if (!kVariables[i].every) break;
-      }
-    }
-  }
-
-  // Every path the text stands for (two when it names the Program Files
-  // folders of a 64-bit Windows), in normal form; false with the reason.
-  bool Expand(Text text, std::vector<std::wstring>& out, std::wstring& reason) const {
-    // a text that cannot be read whole stands for no path at all, never for the part read so far
-    auto fail = broom::scope_exit([&out] { out.clear(); });
-    out.assign(1, std::wstring());
-    out[0].reserve(text.size() + 64);
-    for (size_t at = 0; at < text.size();) {
-      size_t open = text.find(L'%', at);
-      Text literal = text.substr(at, open == Text::npos ? Text::npos : open - at);
-      for (std::wstring& path : out) path += literal;
-      if (open == Text::npos) break;
-      size_t close = text.find(L'%', open + 1);
-      if (close == Text::npos) {
-        reason = L"a '%' without its closing '%'";
-        return false;
-      }
-      Text name = text.substr(open + 1, close - open - 1);
-      const std::vector<std::wstring>* values = Find(name);
-      if (!values) {
-        reason = L"unknown variable %" + std::wstring(name) + L"%";
-        return false;
-      }
-      if (values->empty()) {
-        reason = L"%" + std::wstring(name) + L"% has no value on this PC";
-        return false;
-      }
-      if (values->size() == 1) {
-        for (std::wstring& path : out) path += values->front();
-      } else {
-        std::vector<std::wstring> next;
-        for (const std::wstring& path : out)
-          for (const std::wstring& value : *values)
-            if (next.size() < kMaxExpansions) next.push_back(path + value);
-        out.swap(next);
-      }
-      at = close + 1;
-    }
-    for (std::wstring& path : out)
-      if (!Normalize(path, reason)) return false;
-    if (out.size() > 1) {
-      std::vector<std::wstring> unique;
-      std::unordered_set<std::wstring> seen;
-      for (std::wstring& path : out)
-        if (seen.insert(Upper(path)).second) unique.push_back(std::move(path));
-      out.swap(unique);
-    }
-    fail.release();
-    return true;
-  }
-
- private:
-  const std::vector<std::wstring>* Find(Text name) const {
-    for (size_t i = 0; i < std::size(kVariables); ++i)
-      if (Equal(name, kVariables[i].name)) return &m_values[i];
-    return nullptr;
-  }
-
-  // C:\a\b or \\server\share\a, single separators, none at the end (a drive
-  // root keeps its own), at most 260 characters, no '.' or '..' components.
-  static bool Normalize(std::wstring& path, std::wstring& reason) {
-    const bool unc = path.size() >= 2 && (path[0] == L'\\' || path[0] == L'/') && (path[1] == L'\\' || path[1] == L'/');
-    // one pass: separators made single, each component checked as it ends
-    size_t out = unc ? 2 : 0, start = out, components = 0;
-    bool bad = false, dots = false;
-    auto endComponent = [&] {
-      Text part(path.data() + start, out - start);
-      if (part == L"." || part == L"..") dots = true;
-      if (components == 0 && !unc && !(part.size() == 2 && iswalpha(part[0]) && part[1] == L':')) bad = true;
-      ++components;
-    };
-    for (size_t i = out; i < path.size(); ++i) {
-      wchar_t c = path[i] == L'/' ? L'\\' : path[i];
-      if (c == L'\\') {
-        if (out == start) continue;  // a doubled or leading separator
-        endComponent();
-        path[out++] = L'\\';
-        start = out;
-        continue;
-      }
-      if (c < 32 || c == L'<' || c == L'>' || c == L'"' || c == L'|' || (c == L':' && (unc || components > 0))) {
-        reason = L"the path holds a character no path may hold";
-        return false;
-      }
-      path[out++] = c;
-    }
-    if (out > start) endComponent();
-    path.resize(out);
-    while (path.size() > (unc ? 2u : 0u) && path.back() == L'\\') path.pop_back();
-    if (components == 0) {
-      reason = L"empty path";
-      return false;
-    }
-    if (unc && components >= 2) {
-      size_t share = path.find(L'\\', path.find(L'\\', 2) + 1);  // the end of \\server\share
-      bad = HasWildcard(path.data(), share == std::wstring::npos ? path.size() : share);
-    }
-    if (bad || (unc && components < 2)) {
-      reason = L"not a full path: it must start with a drive (C:\\) or \\\\server\\share";
-      return false;
-    }
-    if (dots) {
-      reason = L"'.' and '..' are not allowed in a path";
-      return false;
-    }
-    if (path.size() == 2) path += L'\\';
-    if (path.size() > MAX_PATH) {
-      reason = std::to_wstring(path.size()) + L" characters after expansion, more than 260";
-      return false;
-    }
-    return true;
-  }
-
-  std::vector<std::wstring> m_values[std::size(kVariables)];
-};
-
-// ---- one load ----
-
 class CLoad {
  public:
   CLoad(CConfigStore& store, const wchar_t* path, SWinapp2Report& report)
@@ -319,7 +46,8 @@ class CLoad {
   }
 
   void Run(const std::wstring& text) {
-    Parse(text);
+    m_entries = ParseEntries(text, [this](int line, Text at, const std::wstring& reason) { Skip(line, at, reason); });
+    m_report.entries = static_cast<unsigned>(m_entries.size());
     std::vector<SPrepared> prepared(m_entries.size());
     for (size_t i = 0; i < m_entries.size(); ++i) Prepare(m_entries[i], prepared[i]);
     for (SPrepared& entry : prepared) Build(entry);
@@ -370,58 +98,6 @@ class CLoad {
     m_report.skipped.push_back(skip);
   }
   void Skip(const SLine& line, const std::wstring& reason) { Skip(line.line, line.text, reason); }
-
-  void Parse(const std::wstring& text) {
-    bool inEntry = false;  // keys after an unreadable header belong to no entry
-    int number = 0;
-    for (size_t at = 0; at < text.size();) {
-      size_t end = text.find(L'\n', at);
-      if (end == std::wstring::npos) end = text.size();
-      Text line = Trim(Text(text.data() + at, end - at));
-      at = end + 1;
-      ++number;
-      if (line.empty() || line[0] == L';') continue;
-      // text after a NUL would be lost on the way to the system, leaving a shorter path
-      if (line.find(L'\0') != Text::npos) {
-        Skip(number, line.substr(0, line.find(L'\0')), L"the line holds a NUL character");
-        if (line[0] == L'[') inEntry = false;
-        continue;
-      }
-      if (line[0] == L'[') {
-        inEntry = false;
-        if (line.back() != L']') {
-          Skip(number, line, L"an entry name without its closing ']'; its keys are skipped too");
-          continue;
-        }
-        Text name = Trim(line.substr(1, line.size() - 2));
-        if (name.size() >= 2 && name.back() == L'*' && IsBlank(name[name.size() - 2])) name = Trim(name.substr(0, name.size() - 1));
-        if (name.empty()) {
-          Skip(number, line, L"an entry without a name; its keys are skipped too");
-          continue;
-        }
-        m_entries.push_back(SEntry{number, name, line, {}});
-        ++m_report.entries;
-        inEntry = true;
-        continue;
-      }
-      size_t equals = line.find(L'=');
-      if (equals == Text::npos) {
-        Skip(number, line, L"not a Key=Value line");
-        continue;
-      }
-      SLine key{number, kUnknown, Trim(line.substr(0, equals)), Trim(line.substr(equals + 1)), line};
-      if (!inEntry) {
-        Skip(key, m_entries.empty() ? L"a key before the first [entry]" : L"a key of an entry that cannot be read");
-        continue;
-      }
-      key.kind = KindOf(key.key);
-      if (key.kind == kUnknown) {
-        Skip(key, L"unknown key '" + std::wstring(key.key) + L"'");
-        continue;
-      }
-      m_entries.back().keys.push_back(key);
-    }
-  }
 
   // Reads every key of the entry and announces its detection queries.
   void Prepare(const SEntry& entry, SPrepared& p) {
@@ -778,56 +454,12 @@ class CLoad {
   std::unordered_map<std::wstring, SCategory> m_categories;
 };
 
-bool ReadWhole(const wchar_t* path, std::string& bytes, std::wstring& error) {
-  broom::unique_hfile file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                       FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-  if (!file) {
-    DWORD code = GetLastError();
-    error = code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND
-                ? L"the file does not exist"
-                : L"the file cannot be opened (Windows error " + std::to_wstring(code) + L")";
-    return false;
-  }
-  LARGE_INTEGER size = {};
-  if (!GetFileSizeEx(file.get(), &size) || size.QuadPart > static_cast<LONGLONG>(CWinapp2Loader::kMaxFileBytes)) {
-    error = L"the file is larger than 64 MB";
-    return false;
-  }
-  bytes.resize(static_cast<size_t>(size.QuadPart));
-  DWORD read = 0;
-  if (!bytes.empty() && (!ReadFile(file.get(), &bytes[0], static_cast<DWORD>(bytes.size()), &read, nullptr) ||
-                         read != bytes.size())) {
-    error = L"the file cannot be read (Windows error " + std::to_wstring(GetLastError()) + L")";
-    return false;
-  }
-  return true;
-}
-
-// UTF-8 with or without its BOM; UTF-16 when the file starts with its BOM.
-std::wstring Decode(const char* data, size_t size) {
-  std::wstring text;
-  if (size >= 2 && static_cast<unsigned char>(data[0]) == 0xFF && static_cast<unsigned char>(data[1]) == 0xFE) {
-    text.resize((size - 2) / 2);
-    if (!text.empty()) memcpy(&text[0], data + 2, text.size() * 2);
-    return text;
-  }
-  if (size >= 3 && memcmp(data, "\xEF\xBB\xBF", 3) == 0) {
-    data += 3;
-    size -= 3;
-  }
-  if (size == 0) return text;
-  int length = MultiByteToWideChar(CP_UTF8, 0, data, static_cast<int>(size), nullptr, 0);
-  text.resize(static_cast<size_t>(length));
-  if (length > 0) MultiByteToWideChar(CP_UTF8, 0, data, static_cast<int>(size), &text[0], length);
-  return text;
-}
-
 }  // namespace
 
 SWinapp2Report CWinapp2Loader::Load(const wchar_t* path) {
   std::string bytes;
   std::wstring error;
-  if (!ReadWhole(path, bytes, error)) {
+  if (!ReadWhole(path, kMaxFileBytes, bytes, error)) {
     SWinapp2Report report;
     report.error = error.c_str();
     m_store.AddLoadNote(CString(path), 0, CString(error.c_str()));
