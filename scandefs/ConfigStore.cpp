@@ -43,6 +43,26 @@ void CConfigStore::AddLoadNote(const CString& file, int line, const CString& rea
   m_notes.push_back(SLoadNote{file, line, reason});
 }
 
+ECost CConfigStore::GetOwnCost(const CScanGroup* group) const {
+  auto found = m_costs.find(group);
+  return found == m_costs.end() ? costUnset : found->second;
+}
+
+ECost CConfigStore::GetCost(const CScanGroup* group) const {
+  for (const CScanGroup* at = group; at && at != &m_root; at = at->m_parent) {
+    ECost own = GetOwnCost(at);
+    if (own != costUnset) return own;
+  }
+  return costCache;
+}
+
+void CConfigStore::SetCost(const CScanGroup* group, ECost cost) {
+  if (cost == costUnset)
+    m_costs.erase(group);
+  else
+    m_costs[group] = cost;
+}
+
 void CConfigStore::GetGroups(CRefPtr<TIteratorIface<CScanGroup>>& out) {
   out.Reset();
   m_root.GetChildren(out);

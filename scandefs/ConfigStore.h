@@ -4,11 +4,13 @@
 #include <list>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "atl/CString.h"
 #include "core/Export.h"
 #include "core/RefCounting.h"
+#include "scandefs/ItemTraits.h"
 #include "scandefs/ScanGroup.h"
 #include "scandefs/XmlNode.h"
 
@@ -99,6 +101,12 @@ class BROOM_API CConfigStore : public IConfig {
   void SetOperationSource(const IScanOperation* op, const wchar_t* file, int line, const wchar_t* kind,
                           const wchar_t* text);
 
+  // What cleaning the group's items costs: its own word, else its nearest
+  // group's, else costCache.
+  ECost GetCost(const CScanGroup* group) const;
+  ECost GetOwnCost(const CScanGroup* group) const;  // costUnset when it says nothing itself
+  void SetCost(const CScanGroup* group, ECost cost);
+
   // What the loads skipped, oldest first, kept until taken.
   const std::vector<SLoadNote>& GetLoadNotes() const { return m_notes; }
   std::vector<SLoadNote> TakeLoadNotes();
@@ -141,6 +149,7 @@ class BROOM_API CConfigStore : public IConfig {
   mutable bool m_sourcesSorted = true;
   std::wstring m_sourceText;
   std::vector<CString> m_sourceFiles;
+  std::unordered_map<const CScanGroup*, ECost> m_costs;  // groups live as long as the store
 };
 
 // Settings with a current group path; values are not stored anywhere.

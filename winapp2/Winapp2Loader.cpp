@@ -14,6 +14,7 @@
 #include "registry/RegistryPath.h"
 #include "registry/RegistryScan.h"
 #include "scandefs/NoCase.h"
+#include "winapp2/Winapp2Costs.h"
 #include "winapp2/Winapp2Detect.h"
 #include "winapp2/Winapp2FileScan.h"
 #include "winapp2/Winapp2Text.h"
@@ -402,6 +403,7 @@ class CLoad {
     bool applies = Applies(p);
     if (!applies) item.SetBoolProperty(bpEnabled, abFalse);
     item.m_desc = Describe(p.category, firstRoot, files, keys).c_str();
+    m_store.SetCost(&item, CostOf(entry.name, Targets(p)));
     for (const SOp& op : ops) {
       CScanGroup_imp::AddScanOp(item, op.op);
       const std::wstring kind(op.line->key.data(), op.line->key.size());
@@ -412,6 +414,23 @@ class CLoad {
     m_report.applicable += applies;
     m_report.fileRules += files;
     m_report.registryRules += keys;
+  }
+
+  // What the entry's rules name, as written: folder names without their
+  // variables, masks, key and value names.
+  static std::vector<Text> Targets(const SPrepared& p) {
+    std::vector<Text> targets;
+    auto add = [&](Text text, const wchar_t* separators) {
+      for (size_t at = 0; at <= text.size();) {
+        size_t end = std::min(text.find_first_of(separators, at), text.size());
+        Text part = Trim(text.substr(at, end - at));
+        if (!part.empty() && part.find(L'%') == Text::npos) targets.push_back(part);
+        at = end + 1;
+      }
+    };
+    for (const SFileRule& rule : p.fileRules) add(rule.line->value, L"\\/|;");
+    for (const SRegRule& rule : p.regRules) add(rule.line->value, L"\\|");
+    return targets;
   }
 
   std::wstring Describe(const std::wstring& category, const std::wstring& firstRoot, unsigned files,

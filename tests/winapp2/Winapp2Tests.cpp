@@ -18,6 +18,7 @@
 #include "common/TestRegistry.h"
 #include "registry/CleanableRegistry.h"
 #include "scan/OperationNotes.h"
+#include "scandefs/ItemTraits.h"
 #include "settings/AppInfo.h"
 #include "winapp2/Winapp2FileScan.h"
 #include "winapp2/Winapp2Loader.h"
@@ -300,17 +301,27 @@ TEST_F(Winapp2, RegistryRulesKeepWhatTheirEntrysRegExcludesName) {
   EXPECT_EQ(Paths({base + L"\\DROP", base + L"|V"}), hits);
 }
 
-TEST(Winapp2File, TheWholeSharedFileLoadsWithExactlyItsUnreadableLinesSkipped) {
+namespace {
+
+// The community's file beside the source tree; empty when it is not there.
+std::wstring SharedFile() {
   wchar_t source[MAX_PATH] = {};
-  ASSERT_NE(0u, GetEnvironmentVariableW(L"BROOM_SOURCE_DIR", source, MAX_PATH)) << "ctest sets BROOM_SOURCE_DIR";
+  if (!GetEnvironmentVariableW(L"BROOM_SOURCE_DIR", source, MAX_PATH)) return std::wstring();
   std::wstring path = source;
   if (path[0] == L'/') path = L"Z:" + path;  // a Unix path from ctest
   std::replace(path.begin(), path.end(), L'/', L'\\');
   // beside the source tree; a git worktree of it sits one folder deeper
   path += L"\\..\\shared\\winapp2\\Winapp2.ini";
   if (!Exists(path)) path.insert(path.find(L"\\..\\") + 3, L"\\..");
+  return Exists(path) ? path : std::wstring();
+}
+
+}  // namespace
+
+TEST(Winapp2File, TheWholeSharedFileLoadsWithExactlyItsUnreadableLinesSkipped) {
+  const std::wstring path = SharedFile();
   // Broom does not ship the file; a checkout without it beside it skips this.
-  if (!Exists(path)) GTEST_SKIP() << "no shared Winapp2.ini beside the source tree: " << Narrow(path);
+  if (path.empty()) GTEST_SKIP() << "no shared Winapp2.ini beside the source tree";
 
   CRefPtr<IConfig> config = IConfig::NewConfig();
   SWinapp2Report report = CWinapp2Loader(*CConfigStore::Of(config)).Load(path.c_str());
@@ -484,4 +495,51 @@ TEST_F(Winapp2, HostileDetectionPathsCostMemoryInLineWithTheFile) {
   for (const SWinapp2Skip& skip : report.skipped) EXPECT_NE(L"", skip.reason.str());
   EXPECT_EQ(abFalse, Item(L"Other", L"Deep")->IsEnabled());
   EXPECT_LT(after.PeakWorkingSetSize - before.PeakWorkingSetSize, 64u << 20);
+}
+
+TEST(Winapp2File, EveryEntryGetsTheCostOfWhatItTakesFromItsUser) {
+  const std::wstring path = SharedFile();
+  if (path.empty()) GTEST_SKIP() << "no shared Winapp2.ini beside the source tree";
+  CRefPtr<IConfig> config = IConfig::NewConfig();
+  CConfigStore& store = *CConfigStore::Of(config);
+  ASSERT_TRUE(CWinapp2Loader(store).Load(path.c_str()).read);
+  const struct {
+    const wchar_t *category, *name;
+    ECost cost;
+  } cases[] = {
+      {L"Google Chrome Web Browser", L"Google Chrome Saved Usernames & Passwords", costSaved},
+      {L"Google Chrome Web Browser", L"Google Chrome Autofill Data & Search Engine Preferences", costSaved},
+      {L"Google Chrome Web Browser", L"Google Chrome Bookmark Backups", costSaved},
+      {L"Google Chrome Web Browser", L"Google Chrome Web Browsing Cookies", costSignIn},
+      {L"Google Chrome Web Browser", L"Google Chrome Extension Cookies", costSignIn},
+      {L"Google Chrome Web Browser", L"Google Chrome Web Storage", costSignIn},
+      {L"Google Chrome Web Browser", L"Google Chrome Web Browsing Session", costSignIn},
+      {L"Google Chrome Web Browser", L"Google Chrome Sync Data", costSignIn},
+      {L"Google Chrome Web Browser", L"Google Chrome Web Browsing History", costHistory},
+      {L"Google Chrome Web Browser", L"Google Chrome Download History", costHistory},
+      {L"Google Chrome Web Browser", L"Google Chrome Caches", costCache},
+      {L"Google Chrome Web Browser", L"Google Chrome Bookmark Favicons", costCache},
+      {L"Microsoft Edge Web Browser", L"Microsoft Edge Saved Usernames & Passwords", costSaved},
+      {L"Microsoft Edge Web Browser", L"Microsoft Edge Web Browsing Cookies", costSignIn},
+      {L"Microsoft Edge Web Browser", L"Microsoft Edge Web Storage", costSignIn},
+      {L"Microsoft Edge Web Browser", L"Microsoft Edge Web Browsing History", costHistory},
+      {L"Microsoft Edge Web Browser", L"Microsoft Edge Caches", costCache},
+      {L"Mozilla Firefox Web Browser", L"Mozilla Firefox Saved Usernames & Passwords", costSaved},
+      {L"Mozilla Firefox Web Browser", L"Mozilla Firefox Autofill Data", costSaved},
+      {L"Mozilla Firefox Web Browser", L"Mozilla Firefox Autocomplete History", costSaved},
+      {L"Mozilla Firefox Web Browser", L"Mozilla Firefox Web Browsing Cookies", costSignIn},
+      {L"Mozilla Firefox Web Browser", L"Mozilla Firefox Web Storage", costSignIn},
+      {L"Mozilla Firefox Web Browser", L"Mozilla Firefox Web Browsing Session", costSignIn},
+      {L"Mozilla Firefox Web Browser", L"Mozilla Firefox Website Permissions", costSignIn},
+      {L"Mozilla Firefox Web Browser", L"Mozilla Firefox Caches", costCache},
+      {L"Mozilla Firefox Web Browser", L"Mozilla Firefox Telemetry", costCache},
+  };
+  CScanGroup_imp* top = store.GetRoot().FindChild(L"winapp2");
+  ASSERT_TRUE(top);
+  for (const auto& c : cases) {
+    CScanGroup_imp* category = top->FindChild(c.category);
+    CScanGroup_imp* item = category ? category->FindChild(c.name) : nullptr;
+    ASSERT_TRUE(item) << Narrow(c.name);
+    EXPECT_STREQ(CostName(c.cost), CostName(store.GetCost(item))) << Narrow(c.name);
+  }
 }
