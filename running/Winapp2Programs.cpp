@@ -63,8 +63,9 @@ const SRow kRows[] = {
     {L"Spotify", L"Spotify.exe", L"", L"Spotify"},
     {L"Steam", L"steam.exe", L"", L"Steam"},
     {L"Zoom", L"Zoom.exe", L"", L"Zoom"},
-    {L"Microsoft Office", L"WINWORD.EXE;EXCEL.EXE;POWERPNT.EXE;OUTLOOK.EXE;ONENOTE.EXE;MSACCESS.EXE;MSPUB.EXE;VISIO.EXE",
-     L"", L"Microsoft Office"},
+    {L"Microsoft Office",
+     L"WINWORD.EXE;EXCEL.EXE;POWERPNT.EXE;OUTLOOK.EXE;ONENOTE.EXE;MSACCESS.EXE;MSPUB.EXE;VISIO.EXE", L"",
+     L"Microsoft Office"},
     {L"Microsoft Outlook", L"OUTLOOK.EXE", L"", L"Microsoft Outlook"},
     {L"Outlook for Windows", L"olk.exe", L"", L"Microsoft Outlook For Windows"},
     {L"Microsoft OneNote", L"ONENOTE.EXE", L"", L"Microsoft OneNote"},
@@ -140,7 +141,8 @@ const SIndex& Index() {
   static const SIndex index = [] {
     SIndex built;
     for (size_t row = 0; row < sizeof kRows / sizeof kRows[0]; ++row) {
-      EachPart(kRows[row].sections, [&](const wchar_t* part, size_t n) { built.sections.emplace(Upper(part, n), row); });
+      EachPart(kRows[row].sections,
+               [&](const wchar_t* part, size_t n) { built.sections.emplace(Upper(part, n), row); });
       EachPart(kRows[row].names, [&](const wchar_t* part, size_t n) { built.names.emplace_back(Upper(part, n), row); });
     }
     return built;

@@ -1,7 +1,6 @@
 // The image names a definition's `running` text gives, and what it refuses.
-#include <windows.h>
-
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include <string>
 #include <vector>
@@ -26,7 +25,9 @@ TEST(ImageNames, SplitsAtSemicolonsAndRejectsPathsWildcardsAndOtherFiles) {
       {L"NVIDIA GeForce Experience.exe", {L"NVIDIA GeForce Experience.exe"}, {}, L""},
       {L"", {}, {}, L""},
       {L" ; ", {}, {}, L""},
-      {L"C:\\Program Files\\Google\\chrome.exe;opera.exe", {L"opera.exe"}, {L"C:\\Program Files\\Google\\chrome.exe"},
+      {L"C:\\Program Files\\Google\\chrome.exe;opera.exe",
+       {L"opera.exe"},
+       {L"C:\\Program Files\\Google\\chrome.exe"},
        L"path separator ('\\')"},
       {L"bin/chrome.exe", {}, {L"bin/chrome.exe"}, L"path separator ('/')"},
       {L"C:chrome.exe", {}, {L"C:chrome.exe"}, L"path separator (':')"},

@@ -1,8 +1,7 @@
 // The programs the table gives winapp2 entries: real entries of the
 // community file (Section, name), with and without the trailing " *".
-#include <windows.h>
-
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include <string>
 #include <vector>
@@ -81,7 +80,8 @@ TEST(Winapp2Programs, GivesEntriesTheirProgramsBySectionOrByTheLeadingWordsOfThe
     }
     EXPECT_FALSE(program.images.empty());
     EXPECT_EQ(program.images, CWinapp2Programs::Images(c.section, c.name));
-    for (const std::wstring& image : program.images) EXPECT_EQ(L"", CImageNames::Check(image)) << broomtest::Narrow(image);
+    for (const std::wstring& image : program.images)
+      EXPECT_EQ(L"", CImageNames::Check(image)) << broomtest::Narrow(image);
   }
 }
 
