@@ -63,6 +63,32 @@ void CConfigStore::SetCost(const CScanGroup* group, ECost cost) {
     m_costs[group] = cost;
 }
 
+namespace {
+
+void AddOnce(std::vector<std::wstring>& names, const std::wstring& name) {
+  for (const std::wstring& known : names)
+    if (broom::EqualNoCase(known.c_str(), known.size(), name.c_str(), name.size())) return;
+  names.push_back(name);
+}
+
+}  // namespace
+
+std::vector<std::wstring> CConfigStore::GetPrograms(const CScanGroup* group) const {
+  std::vector<std::wstring> names;
+  for (const CScanGroup* at = group; at && at != &m_root; at = at->m_parent) {
+    auto found = m_programs.find(at);
+    if (found == m_programs.end()) continue;
+    for (const std::wstring& name : found->second) AddOnce(names, name);
+  }
+  return names;
+}
+
+void CConfigStore::AddPrograms(const CScanGroup* group, const std::vector<std::wstring>& images) {
+  if (images.empty()) return;
+  std::vector<std::wstring>& names = m_programs[group];
+  for (const std::wstring& name : images) AddOnce(names, name);
+}
+
 void CConfigStore::GetGroups(CRefPtr<TIteratorIface<CScanGroup>>& out) {
   out.Reset();
   m_root.GetChildren(out);

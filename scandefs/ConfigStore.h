@@ -107,6 +107,12 @@ class BROOM_API CConfigStore : public IConfig {
   ECost GetOwnCost(const CScanGroup* group) const;  // costUnset when it says nothing itself
   void SetCost(const CScanGroup* group, ECost cost);
 
+  // The image names of the programs that keep the group's files open while
+  // they run (chrome.exe): its own and those of every group above it, each
+  // once whatever its case.
+  std::vector<std::wstring> GetPrograms(const CScanGroup* group) const;
+  void AddPrograms(const CScanGroup* group, const std::vector<std::wstring>& images);
+
   // What the loads skipped, oldest first, kept until taken.
   const std::vector<SLoadNote>& GetLoadNotes() const { return m_notes; }
   std::vector<SLoadNote> TakeLoadNotes();
@@ -150,6 +156,7 @@ class BROOM_API CConfigStore : public IConfig {
   std::wstring m_sourceText;
   std::vector<CString> m_sourceFiles;
   std::unordered_map<const CScanGroup*, ECost> m_costs;  // groups live as long as the store
+  std::unordered_map<const CScanGroup*, std::vector<std::wstring>> m_programs;
 };
 
 // Settings with a current group path; values are not stored anywhere.

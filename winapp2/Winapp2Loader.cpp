@@ -13,6 +13,7 @@
 #include "guard/BlastGuard.h"
 #include "registry/RegistryPath.h"
 #include "registry/RegistryScan.h"
+#include "running/Winapp2Programs.h"
 #include "scandefs/NoCase.h"
 #include "winapp2/Winapp2Costs.h"
 #include "winapp2/Winapp2Detect.h"
@@ -73,6 +74,7 @@ class CLoad {
   struct SPrepared {
     const SEntry* entry = nullptr;
     std::wstring category;
+    std::wstring section;  // the Section text, when the entry has one
     Text warning;
     bool detection = false;  // a Detect, DetectFile or SpecialDetect key, readable or not
     bool detectWindows = false;  // SpecialDetect=DET_WINDOWS: holds
@@ -109,6 +111,7 @@ class CLoad {
       switch (line.kind) {
         case kLangSecRef:
         case kSection:
+          if (line.kind == kSection && p.section.empty()) p.section = line.value;
           if (!haveCategory) {
             haveCategory = true;
             p.category = CategoryOf(line);
@@ -404,6 +407,8 @@ class CLoad {
     if (!applies) item.SetBoolProperty(bpEnabled, abFalse);
     item.m_desc = Describe(p.category, firstRoot, files, keys).c_str();
     m_store.SetCost(&item, CostOf(entry.name, Targets(p)));
+    m_store.AddPrograms(&item, CWinapp2Programs::Images(p.section.empty() ? nullptr : p.section.c_str(),
+                                                        std::wstring(entry.name).c_str()));
     for (const SOp& op : ops) {
       CScanGroup_imp::AddScanOp(item, op.op);
       const std::wstring kind(op.line->key.data(), op.line->key.size());

@@ -497,7 +497,7 @@ TEST_F(Winapp2, HostileDetectionPathsCostMemoryInLineWithTheFile) {
   EXPECT_LT(after.PeakWorkingSetSize - before.PeakWorkingSetSize, 64u << 20);
 }
 
-TEST(Winapp2File, EveryEntryGetsTheCostOfWhatItTakesFromItsUser) {
+TEST(Winapp2File, EveryEntryGetsTheCostOfWhatItTakesFromItsUserAndItsProgram) {
   const std::wstring path = SharedFile();
   if (path.empty()) GTEST_SKIP() << "no shared Winapp2.ini beside the source tree";
   CRefPtr<IConfig> config = IConfig::NewConfig();
@@ -541,5 +541,8 @@ TEST(Winapp2File, EveryEntryGetsTheCostOfWhatItTakesFromItsUser) {
     CScanGroup_imp* item = category ? category->FindChild(c.name) : nullptr;
     ASSERT_TRUE(item) << Narrow(c.name);
     EXPECT_STREQ(CostName(c.cost), CostName(store.GetCost(item))) << Narrow(c.name);
+    const wchar_t* image = wcsstr(c.category, L"Chrome") ? L"chrome.exe"
+                           : wcsstr(c.category, L"Edge") ? L"msedge.exe" : L"firefox.exe";
+    EXPECT_EQ(std::vector<std::wstring>{image}, store.GetPrograms(item)) << Narrow(c.name);
   }
 }
