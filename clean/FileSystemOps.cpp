@@ -4,11 +4,13 @@
 
 #include "core/Handles.h"
 
-void CFileSystemOps::ListDirectory(std::list<WIN32_FIND_DATAW>& folders, std::list<WIN32_FIND_DATAW>* files,
-                                   const wchar_t* pattern, bool includeSystem) {
+namespace {
+
+template <class Entries>
+bool ListInto(Entries& folders, Entries* files, const wchar_t* pattern, bool includeSystem) {
   WIN32_FIND_DATAW data;
   broom::unique_hfind find(FindFirstFileW(pattern, &data));
-  if (!find) return;
+  if (!find) return GetLastError() == ERROR_FILE_NOT_FOUND;
   do {
     if (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) continue;
     if ((data.dwFileAttributes & FILE_ATTRIBUTE_SYSTEM) && !includeSystem) continue;
@@ -18,6 +20,19 @@ void CFileSystemOps::ListDirectory(std::list<WIN32_FIND_DATAW>& folders, std::li
     else if (files)
       files->push_back(data);
   } while (FindNextFileW(find.get(), &data));
+  return GetLastError() == ERROR_NO_MORE_FILES;
+}
+
+}  // namespace
+
+void CFileSystemOps::ListDirectory(std::list<WIN32_FIND_DATAW>& folders, std::list<WIN32_FIND_DATAW>* files,
+                                   const wchar_t* pattern, bool includeSystem) {
+  ListInto(folders, files, pattern, includeSystem);
+}
+
+bool CFileSystemOps::ListDirectory(std::vector<WIN32_FIND_DATAW>& folders, std::vector<WIN32_FIND_DATAW>* files,
+                                   const wchar_t* pattern, bool includeSystem) {
+  return ListInto(folders, files, pattern, includeSystem);
 }
 
 unsigned __int64 CFileSystemOps::GetSizeOnDisk(const CPathString& folder, const WIN32_FIND_DATAW& entry) {

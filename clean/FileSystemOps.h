@@ -6,6 +6,7 @@
 #include <shellapi.h>
 
 #include <list>
+#include <vector>
 
 #include "core/Export.h"
 #include "core/PathString.h"
@@ -17,6 +18,11 @@ class BROOM_API CFileSystemOps {
   // when files is null). Reparse points, "." and ".." are never returned;
   // system entries only with includeSystem.
   static void ListDirectory(std::list<WIN32_FIND_DATAW>& folders, std::list<WIN32_FIND_DATAW>* files,
+                            const wchar_t* pattern, bool includeSystem);
+  // The same into vectors. True when the listing ran to its end: the folder
+  // was opened (a pattern that matches nothing in it lists nothing) and no
+  // error broke the listing off.
+  static bool ListDirectory(std::vector<WIN32_FIND_DATAW>& folders, std::vector<WIN32_FIND_DATAW>* files,
                             const wchar_t* pattern, bool includeSystem);
   // Bytes the entry takes: the compressed size of compressed or sparse
   // files, the sum over a folder's tree (no system entries, no links).

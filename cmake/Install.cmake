@@ -17,6 +17,7 @@ include(CMakePackageConfigHelpers)
 set(BROOM_INTERNAL_HEADERS
   clean/FileOpsServer.h    # the fallback server's interface and identifiers
   scandefs/FilePrefetch.h  # definition files read ahead of the load
+  scan/ListAheadWalk.h     # one scan walk's folder listings ahead
   scandefs/FileScopes.h    # the value scopes of one file's value pass
   settings/TempBuffer.h
   core/NameMask.h          # name masks and path parts of rules and the guard

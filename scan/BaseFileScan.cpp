@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "clean/FileSystemOps.h"
+#include "core/Handles.h"
+#include "scan/ListAheadWalk.h"
 
 CBaseFileScan::CBaseFileScan() = default;
 
@@ -148,9 +150,21 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
     CPathString pattern(p.path);
     pattern.Append(mask.c_str(), mask.GetLength());
     m_status->SetCurrentFolder(p.path.ToCString());
-    std::list<WIN32_FIND_DATAW> folders, files;
-    GetContents(pattern.c_str(), folders, &files);
-    for (const auto& file : files) {
+    // the walk below this folder has its folders listed ahead
+    std::unique_ptr<CListAhead::Walk> walk;
+    if (!m_ahead) {
+      walk = CListAhead::Walk::Begin(m_whiteList, m_whiteListTestBits, mask, m_system);
+      m_ahead = walk.get();
+    }
+    auto endWalk = broom::scope_exit([&] {
+      if (walk) m_ahead = nullptr;
+    });
+    SFolderListing listing;
+    if (m_ahead)
+      m_ahead->Take(p.path, p.folder, pattern, listing);
+    else
+      CFileSystemOps::ListDirectory(listing.folders, &listing.files, pattern.c_str(), m_system);
+    for (const auto& file : listing.files) {
       if (m_status->IsCancelled()) break;
       try {
         OnFileInternal(p.path, file);
@@ -158,7 +172,7 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
         // one file that cannot be handled never stops the scan
       }
     }
-    ProcessDirs(folders, p);
+    ProcessDirs(listing.folders, p);
     return;
   }
 
@@ -168,13 +182,17 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
   q.rootPos = static_cast<unsigned short>(nextIndex + 1);
   CPathString pattern(p.path);
   pattern.Append(root.c_str() + p.rootPos, static_cast<unsigned short>(nextIndex - p.rootPos));
-  std::list<WIN32_FIND_DATAW> folders;
-  GetContents(pattern.c_str(), folders, nullptr);
+  std::vector<WIN32_FIND_DATAW> folders;
+  CFileSystemOps::ListDirectory(folders, nullptr, pattern.c_str(), m_system);
   ProcessDirs(folders, q);
 }
 
-void CBaseFileScan::ProcessDirs(const std::list<WIN32_FIND_DATAW>& folders, const ScanParams& p) {
+void CBaseFileScan::ProcessDirs(const std::vector<WIN32_FIND_DATAW>& folders, const ScanParams& p) {
+  // Listed ahead, a folder is named by its index in its parent's listing.
+  CListAhead::Walk* const ahead = m_ahead;
+  unsigned index = 0;
   for (const auto& entry : folders) {
+    const unsigned at = index++;
     if (m_status->IsCancelled()) return;
     try {
       ScanParams q(p);
@@ -186,6 +204,10 @@ void CBaseFileScan::ProcessDirs(const std::list<WIN32_FIND_DATAW>& folders, cons
       q.path.Append(entry.cFileName, static_cast<unsigned short>(wcslen(entry.cFileName)));
       q.path.AddBackslash();
       ++q.depth;
+      if (ahead) ahead->Descend(at);
+      auto ascend = broom::scope_exit([ahead] {
+        if (ahead) ahead->Ascend();
+      });
       RecursiveScan(q);
     } catch (...) {
       // a folder that cannot be walked (a path past 260 characters, a

@@ -4,12 +4,14 @@
 #include <windows.h>
 
 #include <list>
+#include <vector>
 
 #include "atl/CString.h"
 #include "core/Export.h"
 #include "core/PathString.h"
 #include "core/RefCounting.h"
 #include "log/ScanLogThread.h"
+#include "scan/ListAhead.h"
 #include "scan/OperationNotify.h"
 #include "whitelist/WhiteListTree.h"
 
@@ -170,6 +172,9 @@ class BROOM_API CBaseFileScan {
 
  private:
   void RecursiveScan(ScanParams p);
-  void ProcessDirs(const std::list<WIN32_FIND_DATAW>& folders, const ScanParams& p);
+  void ProcessDirs(const std::vector<WIN32_FIND_DATAW>& folders, const ScanParams& p);
   unsigned long AppendAndCheck(ScanParams& p, const wchar_t* part, unsigned short count);
+
+  // The listings ahead of the walk below the root's last component, while it runs.
+  CListAhead::Walk* m_ahead = nullptr;
 };

@@ -1,6 +1,7 @@
 #include "settings/AppInfo.h"
 
 #include "core/Exceptions.h"
+#include "scan/ListAhead.h"
 #include "settings/RegSettings.h"
 
 unsigned long CAppInfo::m_appState = 0;
@@ -19,6 +20,9 @@ void CAppInfo::Init(CRegSettings* settings, const wchar_t* userDataPath) {
   m_appState = 1;
   SetStateBitFromRegVal(settings, L"Defanged", 0x2);
   SetStateBitFromRegVal(settings, L"ReportStats", 0x8);
+  unsigned long threads = 0;
+  if (settings) settings->GetUserOrSystemValue(L"ScanThreads", threads, 0ul);
+  CListAhead::SetThreads(threads);
 }
 
 unsigned long CAppInfo::GetAppState() {

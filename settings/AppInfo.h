@@ -15,7 +15,9 @@ class CRegSettings;
 class BROOM_API CAppInfo {
  public:
   // Stores the path (empty for null), resets the word to 1, then ORs in the
-  // two registry bits. Lets the int 0 of CRegSettings through.
+  // two registry bits, and sets the threads that list folders ahead of a
+  // scan from the DWORD "ScanThreads" (see scan/ListAhead.h; the default
+  // without one). Lets the int 0 of CRegSettings through.
   static void Init(CRegSettings* settings, const wchar_t* userDataPath);
   static unsigned long GetAppState();
   // Only bits 0x00010000..0x80000000 of the argument are used.

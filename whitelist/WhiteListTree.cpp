@@ -229,6 +229,7 @@ unsigned long CWhiteListTree::CheckProtection(const wchar_t* path) const {
 
 void CWhiteListTree::RemovePath(const wchar_t* path, unsigned long flags) {
   CParsedString parsed(path);
+  TreeLock lock(m_lock, true);
   Iterator it;
   if (!FromParsedString(parsed, it, false)) return;
   it->flags &= ~flags;
@@ -246,6 +247,20 @@ CWhiteListTree::Folder CWhiteListTree::GetFolder(const wchar_t* path, unsigned l
   CParsedString parsed(path);
   ConstIterator it = root();
   return FromParsedString(it, parsed, flags) ? Folder(it) : Folder();
+}
+
+CWhiteListTree::Folder CWhiteListTree::GetSubFolder(const Folder& parent, const wchar_t* name,
+                                                    unsigned long& flags) const {
+  flags = 0;
+  if (!parent) return Folder();
+  CPathString upper(name);
+  UpperCase(upper.GetBuffer(), upper.GetLength());
+  CString key = upper.ToCString();
+  TreeLock lock(m_lock, false);
+  ConstIterator it = parent.Position();
+  if (!FindNode(it, key)) return Folder();
+  flags = it->flags;
+  return Folder(it);
 }
 
 bool CWhiteListTree::FromPath(const wchar_t* path, Iterator& it, bool create) {

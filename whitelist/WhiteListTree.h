@@ -68,6 +68,11 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
   void RemovePath(const wchar_t* path, unsigned long flags);
   unsigned long CheckProtection(const wchar_t* path) const;
   Folder GetFolder(const wchar_t* path, unsigned long& flags) const;
+  // The node of name below parent and its own flags (0 when it has none),
+  // read under the tree's shared lock, for threads that read the tree while
+  // another may protect paths. Nodes stay valid while paths are added; a
+  // path removed frees its nodes, so none is removed while a scan runs.
+  Folder GetSubFolder(const Folder& parent, const wchar_t* name, unsigned long& flags) const;
   bool FromPath(const wchar_t* path, Iterator& it, bool create);
 
   // Saving lists the paths of the nodes whose flags hold every bit of mask
@@ -115,5 +120,5 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
   template <class F>
   void Walk(F f) const;
 
-  mutable SRWLOCK m_lock;  // taken by SafeGuardPath (exclusive) and CheckProtection (shared)
+  mutable SRWLOCK m_lock;  // taken by SafeGuardPath and RemovePath (exclusive), CheckProtection and GetSubFolder (shared)
 };
