@@ -24,6 +24,11 @@ void CBaseFileScan::Initialize(IOperationProgressNotify* progress, IOperationSta
 
 void CBaseFileScan::StartScan() {
   if (!m_progress || !m_status || !m_whiteList || m_paths.empty()) AtlThrow(E_FAIL);
+  // With listing ahead, the listings of the progress estimate are kept for the walk.
+  std::unique_ptr<CFolderSeeds> seeds;
+  if (CListAhead::GetThreads() > 1) seeds.reset(new CFolderSeeds(CListAhead::GetEntriesAhead()));
+  m_seeds = seeds.get();
+  auto dropSeeds = broom::scope_exit([this] { m_seeds = nullptr; });
   CalcProgressVals(200);
   m_progressPos = 0;
   m_log = CScanLogThread::GetCurrentScanLog(!m_title.IsEmpty());
@@ -51,7 +56,7 @@ void CBaseFileScan::CalcProgressVals(int limit) {
   bool firstPass = true;
   while (count < limit) {
     std::list<CPathString> found;
-    for (const auto& folder : firstPass ? m_paths : previous) AddFoldersFromPath(folder, found);
+    CountPass(firstPass ? m_paths : previous, found);
     firstPass = false;
     if (found.empty()) break;
     count += static_cast<int>(found.size());
@@ -59,6 +64,40 @@ void CBaseFileScan::CalcProgressVals(int limit) {
     previous.swap(found);
   }
   m_progress->SetTotal(count);
+}
+
+void CBaseFileScan::CountPass(const std::list<CPathString>& folders, std::list<CPathString>& out) {
+  // what AddFoldersFromPath does for each folder, with the listings made
+  // together on the pool and kept for the walk
+  std::list<CPathString> listed;
+  std::vector<CWhiteListTree::Folder> nodes;
+  for (const auto& folder : folders) {
+    unsigned long flags = 0;
+    CWhiteListTree::Folder node = m_whiteList->GetFolder(folder.c_str(), flags);
+    if (flags & m_whiteListTestBits) continue;
+    listed.push_back(folder);
+    nodes.push_back(node);
+  }
+  std::vector<SFolderListing> listings;
+  if (!m_seeds || !CListAhead::Walk::ListEach(listed, m_system, listings)) {
+    for (const auto& folder : listed) AddFoldersFromPath(folder, out);
+    return;
+  }
+  auto node = nodes.begin();
+  auto listing = listings.begin();
+  for (const auto& folder : listed) {
+    for (const auto& entry : listing->folders) {
+      if (*node && (node->TestItem(entry.cFileName) & m_whiteListTestBits)) continue;
+      CPathString child(folder);
+      child.AppendPath(entry.cFileName, static_cast<unsigned short>(wcslen(entry.cFileName)));
+      out.push_back(child);
+    }
+    CPathString pattern(folder);
+    pattern.AppendPath(L"*", 1);
+    m_seeds->Put(pattern, *listing);
+    ++node;
+    ++listing;
+  }
 }
 
 void CBaseFileScan::AddFoldersFromPath(const CPathString& folder, std::list<CPathString>& out) {
@@ -153,7 +192,7 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
     // the walk below this folder has its folders listed ahead
     std::unique_ptr<CListAhead::Walk> walk;
     if (!m_ahead) {
-      walk = CListAhead::Walk::Begin(m_whiteList, m_whiteListTestBits, mask, m_system);
+      walk = CListAhead::Walk::Begin(m_whiteList, m_whiteListTestBits, mask, m_system, m_seeds);
       m_ahead = walk.get();
     }
     auto endWalk = broom::scope_exit([&] {
@@ -162,8 +201,10 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
     SFolderListing listing;
     if (m_ahead)
       m_ahead->Take(p.path, p.folder, pattern, listing);
-    else
+    else if (!m_seeds || !m_seeds->Take(pattern, listing) || !StillAPlainFolder(p.path)) {
+      listing.Clear();
       CFileSystemOps::ListDirectory(listing.folders, &listing.files, pattern.c_str(), m_system);
+    }
     for (const auto& file : listing.files) {
       if (m_status->IsCancelled()) break;
       try {

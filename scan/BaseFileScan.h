@@ -15,6 +15,8 @@
 #include "scan/OperationNotify.h"
 #include "whitelist/WhiteListTree.h"
 
+class CFolderSeeds;
+
 class BROOM_API CBaseFileScan {
  public:
   // ---- filters: each answers whether a listed file is rejected ----
@@ -174,7 +176,11 @@ class BROOM_API CBaseFileScan {
   void RecursiveScan(ScanParams p);
   void ProcessDirs(const std::vector<WIN32_FIND_DATAW>& folders, const ScanParams& p);
   unsigned long AppendAndCheck(ScanParams& p, const wchar_t* part, unsigned short count);
+  // AddFoldersFromPath for every folder of a pass of CalcProgressVals.
+  void CountPass(const std::list<CPathString>& folders, std::list<CPathString>& out);
 
-  // The listings ahead of the walk below the root's last component, while it runs.
+  // The listings ahead of the walk below the root's last component, while
+  // it runs, and those the progress estimate made, while the scan runs.
   CListAhead::Walk* m_ahead = nullptr;
+  CFolderSeeds* m_seeds = nullptr;
 };

@@ -28,9 +28,15 @@ unsigned Clamp(unsigned threads) {
   return std::min(threads, CListAhead::kMaxThreads);
 }
 
-// The folder as it stands now, asked without its trailing separator so that
-// a link answers for itself: true when it is still a folder and no link.
+// Whether count more characters fit in the path. Checked before appending:
+// an exception thrown on a pool thread would make its C++ runtime hold
+// handles for the thread from then on.
+bool Fits(const CPathString& path, size_t count) { return path.GetLength() + count < MAX_PATH + 1u; }
+
+}  // namespace
+
 bool StillAPlainFolder(const CPathString& folder) {
+  // asked without the trailing separator, so that a link answers for itself
   CPathString path(folder);
   if (path.GetLength() > 0 && path.c_str()[path.GetLength() - 1] == L'\\') path.RemoveFileName(nullptr);
   DWORD attributes = GetFileAttributesW(path.c_str());
@@ -38,12 +44,24 @@ bool StillAPlainFolder(const CPathString& folder) {
          !(attributes & FILE_ATTRIBUTE_REPARSE_POINT);
 }
 
-// Whether count more characters fit in the path. Checked before appending:
-// an exception thrown on a pool thread would make its C++ runtime hold
-// handles for the thread from then on.
-bool Fits(const CPathString& path, size_t count) { return path.GetLength() + count < MAX_PATH + 1u; }
+void CFolderSeeds::Put(const CPathString& pattern, SFolderListing& listing) {
+  const size_t entries = listing.folders.size() + listing.files.size();
+  if (m_entries + entries > m_capacity) return;
+  auto put = m_listings.emplace(std::wstring(pattern.c_str(), pattern.GetLength()), SFolderListing());
+  if (!put.second) return;
+  put.first->second = std::move(listing);
+  listing.Clear();
+  m_entries += entries;
+}
 
-}  // namespace
+bool CFolderSeeds::Take(const CPathString& pattern, SFolderListing& out) {
+  auto it = m_listings.find(std::wstring(pattern.c_str(), pattern.GetLength()));
+  if (it == m_listings.end()) return false;
+  out = std::move(it->second);
+  m_entries -= out.folders.size() + out.files.size();
+  m_listings.erase(it);
+  return true;
+}
 
 struct CListAhead::Walk::Task {
   Key key;
@@ -194,17 +212,64 @@ size_t CListAhead::TakePeakEntriesAhead() {
 // ---- one walk ----
 
 CListAhead::Walk::Walk(Pool& pool, const CWhiteListTree* whiteList, unsigned long testBits, const CPathString& mask,
-                       bool system)
-    : m_pool(pool), m_whiteList(whiteList), m_testBits(testBits), m_mask(mask), m_system(system) {}
+                       bool system, CFolderSeeds* seeds)
+    : m_pool(pool), m_whiteList(whiteList), m_testBits(testBits), m_mask(mask), m_system(system), m_seeds(seeds) {}
 
 std::unique_ptr<CListAhead::Walk> CListAhead::Walk::Begin(const CWhiteListTree* whiteList, unsigned long testBits,
-                                                          const CPathString& mask, bool system) {
+                                                          const CPathString& mask, bool system, CFolderSeeds* seeds) {
   Pool& pool = Pool::Get();
   SrwExclusive lock(pool.lock);
   if (pool.Size() < 2 || !pool.Start()) return nullptr;
-  std::unique_ptr<Walk> walk(new Walk(pool, whiteList, testBits, mask, system));
+  std::unique_ptr<Walk> walk(new Walk(pool, whiteList, testBits, mask, system, seeds));
   pool.walks.push_back(walk.get());
   return walk;
+}
+
+bool CListAhead::Walk::ListEach(const std::list<CPathString>& folders, bool system, std::vector<SFolderListing>& out) {
+  out.clear();
+  std::unique_ptr<Walk> walk = Begin(nullptr, 0, CPathString(L"*"), system, nullptr);
+  if (!walk) return false;
+  out.resize(folders.size());
+  std::vector<std::unique_ptr<Task>> tasks;
+  unsigned index = 0;
+  for (const CPathString& folder : folders) {
+    std::unique_ptr<Task> task(new Task());
+    task->folder = folder;
+    task->folder.AddBackslash();
+    task->key.push_back(index++);
+    tasks.push_back(std::move(task));
+  }
+  {
+    SrwExclusive lock(walk->m_pool.lock);
+    walk->m_flat = true;
+    walk->Queue(tasks);
+  }
+  // taken in order: a folder no thread has started is listed here
+  for (unsigned i = 0; i < out.size(); ++i) {
+    walk->Descend(i);
+    bool listed = false;
+    CPathString folder;
+    {
+      SrwExclusive lock(walk->m_pool.lock);
+      auto it = walk->m_tasks.find(walk->m_cursor);
+      Task* task = it->second.get();
+      while (task->state == Task::running) SleepConditionVariableSRW(&walk->m_pool.done, &walk->m_pool.lock, INFINITE, 0);
+      if (task->state == Task::finished && task->listed) {
+        out[i] = std::move(task->listing);
+        task->listing.Clear();
+        walk->m_pool.Release(out[i].folders.size() + out[i].files.size());
+        listed = true;
+      }
+      folder = task->folder;
+      walk->Drop(it);
+    }
+    walk->Ascend();
+    if (listed) continue;
+    out[i].Clear();
+    folder.Append(L"*", 1);
+    CFileSystemOps::ListDirectory(out[i].folders, &out[i].files, folder.c_str(), system);
+  }
+  return true;
 }
 
 CListAhead::Walk::~Walk() {
@@ -226,7 +291,7 @@ void CListAhead::Walk::List(Task& task, std::vector<std::unique_ptr<Task>>& chil
     CPathString pattern(task.folder);
     pattern.Append(m_mask.c_str(), m_mask.GetLength());
     task.listed = CFileSystemOps::ListDirectory(task.listing.folders, &task.listing.files, pattern.c_str(), m_system);
-    if (task.listed) Children(task.key, task.folder, task.node, task.listing.folders, children);
+    if (task.listed && !m_flat) Children(task.key, task.folder, task.node, task.listing.folders, children);
   } catch (...) {
     // the walk lists this folder itself, and meets the failure there
     task.listed = false;
@@ -276,13 +341,32 @@ void CListAhead::Walk::Finish(Task* task, std::vector<std::unique_ptr<Task>>& ch
 }
 
 void CListAhead::Walk::Queue(std::vector<std::unique_ptr<Task>>& children) {
+  bool pending = false;
   for (auto& child : children) {
     Task* raw = child.get();
-    auto inserted = m_tasks.emplace(raw->key, std::move(child));
-    if (!inserted.second) continue;
-    m_pending.insert(raw);
+    std::vector<std::unique_ptr<Task>> grandchildren;
+    const bool seeded = Seeded(*raw, grandchildren);
+    if (!m_tasks.emplace(raw->key, std::move(child)).second) continue;
+    if (seeded) {
+      m_pool.Hold(raw->Entries());
+      Queue(grandchildren);
+    } else {
+      m_pending.insert(raw);
+      pending = true;
+    }
   }
-  if (!children.empty()) WakeAllConditionVariable(&m_pool.work);
+  if (pending) WakeAllConditionVariable(&m_pool.work);
+}
+
+bool CListAhead::Walk::Seeded(Task& task, std::vector<std::unique_ptr<Task>>& children) {
+  if (!m_seeds || !Fits(task.folder, m_mask.GetLength())) return false;
+  CPathString pattern(task.folder);
+  pattern.Append(m_mask.c_str(), m_mask.GetLength());
+  if (!m_seeds->Take(pattern, task.listing)) return false;
+  task.state = Task::finished;
+  task.listed = true;
+  Children(task.key, task.folder, task.node, task.listing.folders, children);
+  return true;
 }
 
 void CListAhead::Walk::Drop(std::map<Key, std::unique_ptr<Task>>::iterator it) {
@@ -312,7 +396,8 @@ void CListAhead::Walk::DropBelow() {
 void CListAhead::Walk::Take(const CPathString& folder, const CWhiteListTree::Folder& node, const CPathString& pattern,
                             SFolderListing& out) {
   out.Clear();
-  bool ahead = false;
+  bool listed = false;  // a listing made ahead, whose subfolders are queued
+  bool seeded = false;  // one made before the walk, whose subfolders are not
   {
     SrwExclusive lock(m_pool.lock);
     DropPassed();
@@ -325,22 +410,26 @@ void CListAhead::Walk::Take(const CPathString& folder, const CWhiteListTree::Fol
           out = std::move(task->listing);
           task->listing.Clear();
           m_pool.Release(out.folders.size() + out.files.size());
-          ahead = true;
+          listed = true;
         }
       }
       Drop(it);
     }
+    if (!listed && m_seeds) seeded = m_seeds->Take(pattern, out);
   }
   // The folder may have gone, or become a link, since it was listed: then
   // it is listed here, as the walk alone would find it now.
-  if (ahead && StillAPlainFolder(folder)) return;
-  out.Clear();
+  if ((listed || seeded) && !StillAPlainFolder(folder)) listed = seeded = false;
+  if (listed) return;
   std::vector<std::unique_ptr<Task>> children;
-  {
-    SrwExclusive lock(m_pool.lock);
-    DropBelow();  // made from a listing that is not used
+  if (!seeded) {
+    out.Clear();
+    {
+      SrwExclusive lock(m_pool.lock);
+      DropBelow();  // made from a listing that is not used
+    }
+    CFileSystemOps::ListDirectory(out.folders, &out.files, pattern.c_str(), m_system);
   }
-  CFileSystemOps::ListDirectory(out.folders, &out.files, pattern.c_str(), m_system);
   // the subfolders of a listing made here are listed ahead all the same
   try {
     Children(m_cursor, folder, node, out.folders, children);

@@ -1,9 +1,19 @@
 #!/usr/bin/env bash
-# broom scan over the benchmark tree (100,000 files in 5,000 folders, one
-# definition whose file operation's root is the tree) against the bare
-# FindFirstFileW walk of the same tree, each run as a whole process under
-# Wine. Prints wall time and peak memory (maximum resident set) of every run,
-# the medians, and the ratios to the bare walk's median of the same run.
+# broom scan against the bare FindFirstFileW walk of the same folders, each
+# run as a whole process under Wine, alternating in every round:
+#   bare         the walk on one thread
+#   bare-N       the walk listing on N threads, as many as broom lists on
+#                (the engine's default: the processor count, at most 8)
+#   scan         broom scan (scan log on), folders listed ahead on the pool
+#   scan-1       broom scan with the engine setting ScanThreads = 1 (written
+#                to HKCU\Software\Broom\Engine before the run, removed after):
+#                every folder listed on the scanning thread
+# on two trees: the benchmark tree (100,000 files in 5,000 folders, one item
+# whose root is the tree) and the items tree (20 folders of 5,000 files,
+# each the root of an item of its own; the definitions are made here).
+# Prints wall time and peak memory (maximum resident set) of every run, the
+# medians, their ratios to the bare walks of the same run, the machine's
+# processor count and its load.
 #   scripts/bench-scan.sh [ROUNDS]     (default 5)
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
@@ -18,21 +28,38 @@ fi
 runner=("$here/scripts/wine-run.sh" "$wine" "$build/wineprefix")
 run() { "${runner[@]}" "$@"; }
 run --start-server "$wineserver" >/dev/null
+cores=$(nproc)
+threads=$(( cores < 8 ? cores : 8 ))
+key='HKCU\Software\Broom\Engine'
+run reg delete "$key" /v ScanThreads /f >/dev/null 2>&1 || true
 
+windows() { local p="Z:${1//\//\\}"; echo "$p"; }
 tree=$build/bench-tree
-wtree="Z:${tree//\//\\}"
+items=$build/bench-items
 defs=$build/bench-defs
-mkdir -p "$defs"
+itemdefs=$build/bench-item-defs
+mkdir -p "$defs" "$itemdefs"
 cat > "$defs/tree.xml" <<EOF
 <?xml version="1.0" encoding="utf-8"?>
 <ConfigItems>
   <group name="Bench" scan="yes" clean="no">
-    <item name="Tree" desc="Every file of the benchmark tree"><clean kind="file">$wtree</clean></item>
+    <item name="Tree" desc="Every file of the benchmark tree"><clean kind="file">$(windows "$tree")</clean></item>
   </group>
 </ConfigItems>
 EOF
-wdefs="Z:${defs//\//\\}"
-run "$build/bin/bench_bare_walk.exe" "$wtree" >/dev/null   # makes the tree, warms the caches
+{
+  echo '<?xml version="1.0" encoding="utf-8"?>'
+  echo '<ConfigItems>'
+  echo '  <group name="Items" scan="yes" clean="no">'
+  for i in $(seq 0 19); do
+    echo "    <item name=\"Item $i\" desc=\"One folder of 5,000 files\"><clean kind=\"file\">$(windows "$items")\\item$i</clean></item>"
+  done
+  echo '  </group>'
+  echo '</ConfigItems>'
+} > "$itemdefs/items.xml"
+# makes the trees when missing, and warms the caches
+run "$build/bin/bench_bare_walk.exe" "$(windows "$tree")" >/dev/null
+run "$build/bin/bench_bare_walk.exe" "$(windows "$items")" --items >/dev/null
 
 declare -A times mems
 measure() {  # name, then the command
@@ -40,30 +67,43 @@ measure() {  # name, then the command
   local stats
   stats=$(mktemp)
   /usr/bin/time -f "%e %M" -o "$stats" "$@" >/dev/null 2>&1 || { echo "$name failed" >&2; exit 1; }
-  read -r t m < "$stats"
+  local secs kib
+  read -r secs kib < "$stats"
   rm -f "$stats"
-  times[$name]+="$t "
-  mems[$name]+="$m "
-  awk -v n="$name" -v t="$t" -v m="$m" 'BEGIN {printf "  %-12s %6.2f s  %7.1f MiB\n", n, t, m / 1024}'
+  times[$name]+="$secs "
+  mems[$name]+="$kib "
+  awk -v n="$name" -v t="$secs" -v m="$kib" 'BEGIN {printf "  %-16s %6.2f s  %7.1f MiB\n", n, t, m / 1024}'
 }
 median() { tr ' ' '\n' | grep -v '^$' | sort -g | awk '{a[NR]=$1} END {print (NR%2) ? a[(NR+1)/2] : (a[NR/2]+a[NR/2+1])/2}'; }
+one_thread() { run reg add "$key" /v ScanThreads /t REG_DWORD /d 1 /f >/dev/null; }
+pool() { run reg delete "$key" /v ScanThreads /f >/dev/null; }
 
 for i in $(seq 1 "$rounds"); do
   echo "round $i"
-  measure bare "${runner[@]}" "$build/bin/bench_bare_walk.exe" "$wtree"
-  measure scan "${runner[@]}" "$build/bin/broom.exe" --defs "$wdefs" scan
-  measure scan-files "${runner[@]}" "$build/bin/broom.exe" --defs "$wdefs" scan --files
-  measure scan-json "${runner[@]}" "$build/bin/broom.exe" --defs "$wdefs" scan --json
-  measure scan-nolog "${runner[@]}" "$build/bin/broom.exe" --defs "$wdefs" --no-log scan
+  for t in tree items; do
+    if [ $t = tree ]; then root=$(windows "$tree"); d=$(windows "$defs"); extra=(); else
+      root=$(windows "$items"); d=$(windows "$itemdefs"); extra=(--items); fi
+    measure "$t bare" "${runner[@]}" "$build/bin/bench_bare_walk.exe" "$root" "${extra[@]}"
+    measure "$t bare-$threads" "${runner[@]}" "$build/bin/bench_bare_walk.exe" "$root" "${extra[@]}" --threads "$threads"
+    measure "$t scan" "${runner[@]}" "$build/bin/broom.exe" --defs "$d" scan
+    one_thread
+    measure "$t scan-1" "${runner[@]}" "$build/bin/broom.exe" --defs "$d" scan
+    pool
+  done
 done
 run --stop-server "$wineserver"
 
-floor=$(echo "${times[bare]}" | median)
 echo
-printf '%-12s %10s %12s %8s\n' run "median s" "median MiB" ratio
-for name in bare scan scan-files scan-json scan-nolog; do
-  t=$(echo "${times[$name]}" | median)
-  m=$(echo "${mems[$name]}" | median)
-  awk -v n="$name" -v t="$t" -v m="$m" -v f="$floor" 'BEGIN {printf "%-12s %10.2f %12.1f %8.2f\n", n, t, m / 1024, t / f}'
+printf '%-16s %10s %12s %10s %10s\n' run "median s" "median MiB" "/bare" "/bare-$threads"
+for t in tree items; do
+  floor=$(echo "${times[$t bare]}" | median)
+  floorN=$(echo "${times[$t bare-$threads]}" | median)
+  for name in "$t bare" "$t bare-$threads" "$t scan" "$t scan-1"; do
+    s=$(echo "${times[$name]}" | median)
+    m=$(echo "${mems[$name]}" | median)
+    awk -v n="$name" -v t="$s" -v m="$m" -v f="$floor" -v g="$floorN" \
+      'BEGIN {printf "%-16s %10.2f %12.1f %10.2f %10.2f\n", n, t, m / 1024, t / f, t / g}'
+  done
 done
-echo "goals: scan <= 1.50, scan --files and --json <= 2.00 times the bare walk; scan <= 60 MiB"
+echo "$cores processors, broom lists on $threads pool threads; load: $(uptime | sed 's/.*load average: //')"
+echo "goals: tree scan <= 0.75 x bare and <= 1.3 x bare-$threads, <= 64 MiB; items scan <= 0.7 x bare"
