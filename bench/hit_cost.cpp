@@ -24,6 +24,7 @@
 
 #include "bench/BenchTree.h"
 #include "clean/CleanableFile.h"
+#include "clean/FileSystemOps.h"
 #include "log/ScanLogThread.h"
 #include "scan/ListAhead.h"
 #include "scan/StdFileScan.h"
@@ -122,6 +123,17 @@ int main() {
   };
   std::vector<Step> steps = {
       {"bare walk", [&] { hits = benchtree::BareWalk(root) - 1; }, {}},
+      {"vector walk", [&] {
+         std::function<long long(const std::wstring&)> walk = [&](const std::wstring& folder) {
+           std::vector<WIN32_FIND_DATAW> folders, files;
+           CFileSystemOps::ListDirectory(folders, &files, (folder + L"\\*").c_str(), false);
+           long long n = static_cast<long long>(files.size());
+           for (const auto& f : folders) n += walk(folder + L"\\" + f.cFileName);
+           return n;
+         };
+         hits = 0;
+         for (int i = 0; i < benchtree::kItems; ++i) hits += walk(root + L"\\item" + std::to_wstring(i));
+       }, {}},
       {"estimate", [&] {
          for (int i = 0; i < benchtree::kItems; ++i) {
            CountingScan scan;
@@ -131,6 +143,7 @@ int main() {
          }
        }, {}},
       {"walk", [&] {
+         CAppInfo::SetManualStateBits(0x20000);  // no scan log
          hits = 0;
          for (int i = 0; i < benchtree::kItems; ++i) {
            CountingScan scan;

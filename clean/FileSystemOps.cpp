@@ -36,11 +36,17 @@ bool CFileSystemOps::ListDirectory(std::vector<WIN32_FIND_DATAW>& folders, std::
 }
 
 unsigned __int64 CFileSystemOps::GetSizeOnDisk(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
+  // A plain file's size is the listing's: its path is only measured, not
+  // built (a scan asks for every hit), and one too long is refused all the same.
+  const bool file = !(entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY);
+  const size_t name = wcsnlen(entry.cFileName, MAX_PATH);
+  const bool separator = folder.GetLength() > 0 && folder.c_str()[folder.GetLength() - 1] != L'\\';
+  if (folder.GetLength() + (separator ? 1u : 0u) + name > MAX_PATH) throw BufferOverflowException();
+  unsigned __int64 nominal = (static_cast<unsigned __int64>(entry.nFileSizeHigh) << 32) | entry.nFileSizeLow;
+  if (file && !(entry.dwFileAttributes & (FILE_ATTRIBUTE_COMPRESSED | FILE_ATTRIBUTE_SPARSE_FILE))) return nominal;
   CPathString path(folder);
-  path.AppendPath(entry.cFileName, static_cast<unsigned short>(wcsnlen(entry.cFileName, MAX_PATH)));
-  if (!(entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) {
-    unsigned __int64 nominal = (static_cast<unsigned __int64>(entry.nFileSizeHigh) << 32) | entry.nFileSizeLow;
-    if (!(entry.dwFileAttributes & (FILE_ATTRIBUTE_COMPRESSED | FILE_ATTRIBUTE_SPARSE_FILE))) return nominal;
+  path.AppendPath(entry.cFileName, static_cast<unsigned short>(name));
+  if (file) {
     DWORD high = 0;
     DWORD low = GetCompressedFileSizeW(path.c_str(), &high);
     if (low == INVALID_FILE_SIZE && GetLastError() != NO_ERROR) return nominal;

@@ -89,6 +89,25 @@ struct CListAhead::Walk::Pool {
   size_t entriesAhead = kDefaultEntriesAhead;
   size_t held = 0;  // entries listed and not yet taken, over every walk
   size_t peak = 0;
+  // Threads asleep on each condition: a wake-up nobody waits for is not
+  // sent, since under Wine it costs a call into the system.
+  unsigned idle = 0;
+  unsigned waiting = 0;
+
+  void WakeWorkers(bool all) {
+    if (idle == 0) return;
+    // a thread beyond a size made smaller would take the one wake-up and stay idle
+    if (all || threads.size() > Size())
+      WakeAllConditionVariable(&work);
+    else
+      WakeConditionVariable(&work);
+  }
+  // Under the lock: waits for a listing of some walk to end.
+  void WaitForListing() {
+    ++waiting;
+    SleepConditionVariableSRW(&done, &lock, INFINITE, 0);
+    --waiting;
+  }
 
   static Pool& Get() {
     // Never destroyed: its threads wait on it until the process ends.
@@ -124,7 +143,7 @@ struct CListAhead::Walk::Pool {
   void Release(size_t entries) {
     bool full = held >= entriesAhead;
     held -= entries;
-    if (full && held < entriesAhead) WakeAllConditionVariable(&work);
+    if (full && held < entriesAhead) WakeWorkers(true);
   }
 
   // Under the lock: the first task in walking order of the next walk that has one.
@@ -161,10 +180,12 @@ struct CListAhead::Walk::Pool {
         walk->List(*task, children);
         AcquireSRWLockExclusive(&pool.lock);
         walk->Finish(task, children);
-        WakeAllConditionVariable(&pool.done);
+        if (pool.waiting) WakeAllConditionVariable(&pool.done);
         continue;
       }
+      ++pool.idle;
       SleepConditionVariableSRW(&pool.work, &pool.lock, INFINITE, 0);
+      --pool.idle;
     }
   }
 };
@@ -253,7 +274,7 @@ bool CListAhead::Walk::ListEach(const std::list<CPathString>& folders, bool syst
       SrwExclusive lock(walk->m_pool.lock);
       auto it = walk->m_tasks.find(walk->m_cursor);
       Task* task = it->second.get();
-      while (task->state == Task::running) SleepConditionVariableSRW(&walk->m_pool.done, &walk->m_pool.lock, INFINITE, 0);
+      while (task->state == Task::running) walk->m_pool.WaitForListing();
       if (task->state == Task::finished && task->listed) {
         out[i] = std::move(task->listing);
         task->listing.Clear();
@@ -276,7 +297,7 @@ CListAhead::Walk::~Walk() {
   SrwExclusive lock(m_pool.lock);
   m_ended = true;
   m_pending.clear();
-  while (m_listing > 0) SleepConditionVariableSRW(&m_pool.done, &m_pool.lock, INFINITE, 0);
+  while (m_listing > 0) m_pool.WaitForListing();
   for (auto& entry : m_tasks)
     if (entry.second->state == Task::finished) m_pool.Release(entry.second->Entries());
   m_tasks.clear();
@@ -341,7 +362,7 @@ void CListAhead::Walk::Finish(Task* task, std::vector<std::unique_ptr<Task>>& ch
 }
 
 void CListAhead::Walk::Queue(std::vector<std::unique_ptr<Task>>& children) {
-  bool pending = false;
+  size_t pending = 0;
   for (auto& child : children) {
     Task* raw = child.get();
     std::vector<std::unique_ptr<Task>> grandchildren;
@@ -352,10 +373,10 @@ void CListAhead::Walk::Queue(std::vector<std::unique_ptr<Task>>& children) {
       Queue(grandchildren);
     } else {
       m_pending.insert(raw);
-      pending = true;
+      ++pending;
     }
   }
-  if (pending) WakeAllConditionVariable(&m_pool.work);
+  if (pending) m_pool.WakeWorkers(pending > 1);
 }
 
 bool CListAhead::Walk::Seeded(Task& task, std::vector<std::unique_ptr<Task>>& children) {
@@ -405,7 +426,7 @@ void CListAhead::Walk::Take(const CPathString& folder, const CWhiteListTree::Fol
     if (it != m_tasks.end()) {
       Task* task = it->second.get();
       if (wcscmp(task->folder.c_str(), folder.c_str()) == 0) {
-        while (task->state == Task::running) SleepConditionVariableSRW(&m_pool.done, &m_pool.lock, INFINITE, 0);
+        while (task->state == Task::running) m_pool.WaitForListing();
         if (task->state == Task::finished && task->listed) {
           out = std::move(task->listing);
           task->listing.Clear();

@@ -88,8 +88,8 @@ namespace {
 // Siblings are kept sorted by name: the first one from `cur` on whose name
 // is not below `name` (the ring's sentinel when there is none), and whether
 // it is equal.
-template <class Node>
-Node* SeekSibling(Node* cur, const CString& name, bool& found) {
+template <class Node, class Name>
+Node* SeekSibling(Node* cur, const Name& name, bool& found) {
   found = false;
   while (cur->item) {
     int order = cur->item->name.Compare(name);
@@ -222,9 +222,32 @@ void CWhiteListTree::SafeGuardBatch(std::vector<CParsedString>& paths, unsigned 
 }
 
 unsigned long CWhiteListTree::CheckProtection(const wchar_t* path) const {
-  CParsedString parsed(path);
+  // As CParsedString splits the path, without a string per component: hosts
+  // ask about every file a scan finds.
+  size_t length = wcslen(path);
+  if (length > kMaxPathChars) throw BufferOverflowException();
+  if (length > 0 && path[length - 1] == L'\\') --length;  // one trailing separator
+  if (length == 0 || path[length - 1] == L'\\')
+    throw PositionOutOfStringException(static_cast<int>(length), static_cast<int>(length));
+  wchar_t name[kMaxPathChars + 1];
+  unsigned long result = 0;
   TreeLock lock(m_lock, false);  // checks only read: they may run side by side
-  return CheckProtection(root(), parsed);
+  const SWhiteListTreeNode* node = this;
+  for (size_t start = 0;;) {
+    size_t end = start;
+    while (end < length && path[end] != L'\\') ++end;
+    const size_t count = end - start;
+    wmemcpy(name, path + start, count);
+    name[count] = 0;
+    UpperCase(name, static_cast<int>(count));
+    bool found;
+    node = SeekSibling(node->link->next, static_cast<const wchar_t*>(name), found);
+    if (!found) break;
+    result |= node->item->flags;
+    if ((result & 0x1) || end == length) break;
+    start = end + 1;
+  }
+  return result;
 }
 
 void CWhiteListTree::RemovePath(const wchar_t* path, unsigned long flags) {
@@ -255,12 +278,12 @@ CWhiteListTree::Folder CWhiteListTree::GetSubFolder(const Folder& parent, const 
   if (!parent) return Folder();
   CPathString upper(name);
   UpperCase(upper.GetBuffer(), upper.GetLength());
-  CString key = upper.ToCString();
   TreeLock lock(m_lock, false);
-  ConstIterator it = parent.Position();
-  if (!FindNode(it, key)) return Folder();
-  flags = it->flags;
-  return Folder(it);
+  bool found;
+  const SWhiteListTreeNode* node = SeekSibling(parent.Position().node()->link->next, upper.c_str(), found);
+  if (!found) return Folder();
+  flags = node->item->flags;
+  return Folder(ConstIterator(node));
 }
 
 bool CWhiteListTree::FromPath(const wchar_t* path, Iterator& it, bool create) {
@@ -282,8 +305,9 @@ CWhiteListTree::Folder CWhiteListTree::Folder::GetSubFolder(const wchar_t* name)
   if (!m_it.IsValid()) return Folder();
   CPathString upper(name);
   UpperCase(upper.GetBuffer(), upper.GetLength());
-  ConstIterator it = m_it;
-  return FindNode(it, upper.ToCString()) ? Folder(it) : Folder();
+  bool found;
+  const SWhiteListTreeNode* node = SeekSibling(m_it.node()->link->next, upper.c_str(), found);
+  return found ? Folder(ConstIterator(node)) : Folder();
 }
 
 CWhiteListTree::Folder CWhiteListTree::Folder::GetSubFolder(const wchar_t* path, unsigned long& flags) const {

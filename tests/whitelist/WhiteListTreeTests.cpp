@@ -129,9 +129,12 @@ TEST(WhiteListTree, BadPathsRaiseAndChangeNothing) {
   EXPECT_THROW(tree.SafeGuardPath(L"", 1), PositionOutOfStringException);
   EXPECT_THROW(tree.SafeGuardPath(L"\\", 1), PositionOutOfStringException);
   EXPECT_THROW(tree.SafeGuardPath(L"C:\\DIR\\\\", 1), PositionOutOfStringException);
-  EXPECT_THROW(tree.CheckProtection(L""), PositionOutOfStringException);
+  for (const wchar_t* bad : {L"", L"\\", L"C:\\keep\\\\"})
+    EXPECT_THROW(tree.CheckProtection(bad), PositionOutOfStringException) << broomtest::Narrow(bad);
+  EXPECT_EQ(tree.CheckProtection(L"C:\\keep\\"), 1u);  // one trailing separator is dropped
   std::wstring tooLong(261, L'x');
   EXPECT_THROW(tree.SafeGuardPath(tooLong.c_str(), 1), BufferOverflowException);
+  EXPECT_THROW(tree.CheckProtection(tooLong.c_str()), BufferOverflowException);
   unsigned long flags = 0;
   EXPECT_THROW(tree.GetFolder(L"", flags), PositionOutOfStringException);
   EXPECT_EQ(Saved(tree, 0), (std::vector<std::wstring>{L"C:", L"C:\\KEEP"}));
