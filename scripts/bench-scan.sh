@@ -12,8 +12,8 @@
 # whose root is the tree) and the items tree (20 folders of 5,000 files,
 # each the root of an item of its own; the definitions are made here).
 # Prints wall time and peak memory (maximum resident set) of every run, the
-# medians, their ratios to the bare walks of the same run, the machine's
-# processor count and its load.
+# medians, the ratios to the bare walks (each round's, then their median),
+# the machine's processor count and its load.
 #   scripts/bench-scan.sh [ROUNDS]     (default 5)
 set -euo pipefail
 source "$(dirname "$0")/common.sh"
@@ -61,6 +61,7 @@ EOF
 run "$build/bin/bench_bare_walk.exe" "$(windows "$tree")" >/dev/null
 run "$build/bin/bench_bare_walk.exe" "$(windows "$items")" --items >/dev/null
 
+load_before=$(uptime | sed 's/.*load average: //')
 declare -A times mems
 measure() {  # name, then the command
   local name=$1; shift
@@ -93,17 +94,24 @@ for i in $(seq 1 "$rounds"); do
 done
 run --stop-server "$wineserver"
 
+# Ratios are taken within each round (its runs follow each other, so they
+# meet much the same load from the machine's other users), then the median.
+ratios() {  # the median of a/b over the rounds
+  paste <(echo "$1" | tr ' ' '\n' | grep -v '^$') <(echo "$2" | tr ' ' '\n' | grep -v '^$') |
+    awk '{print $1 / $2}' | median
+}
 echo
 printf '%-16s %10s %12s %10s %10s\n' run "median s" "median MiB" "/bare" "/bare-$threads"
 for t in tree items; do
-  floor=$(echo "${times[$t bare]}" | median)
-  floorN=$(echo "${times[$t bare-$threads]}" | median)
   for name in "$t bare" "$t bare-$threads" "$t scan" "$t scan-1"; do
     s=$(echo "${times[$name]}" | median)
     m=$(echo "${mems[$name]}" | median)
-    awk -v n="$name" -v t="$s" -v m="$m" -v f="$floor" -v g="$floorN" \
-      'BEGIN {printf "%-16s %10.2f %12.1f %10.2f %10.2f\n", n, t, m / 1024, t / f, t / g}'
+    r1=$(ratios "${times[$name]}" "${times[$t bare]}")
+    rN=$(ratios "${times[$name]}" "${times[$t bare-$threads]}")
+    awk -v n="$name" -v t="$s" -v m="$m" -v a="$r1" -v b="$rN" \
+      'BEGIN {printf "%-16s %10.2f %12.1f %10.2f %10.2f\n", n, t, m / 1024, a, b}'
   done
 done
-echo "$cores processors, broom lists on $threads pool threads; load: $(uptime | sed 's/.*load average: //')"
+echo "ratios: the median over the rounds of each round's ratio"
+echo "$cores processors, broom lists on $threads pool threads; load before: $load_before, after: $(uptime | sed 's/.*load average: //')"
 echo "goals: tree scan <= 0.75 x bare and <= 1.3 x bare-$threads, <= 64 MiB; items scan <= 0.7 x bare"
