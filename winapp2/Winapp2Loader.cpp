@@ -50,6 +50,15 @@ class CLoad {
   void Run(const std::wstring& text) {
     m_entries = ParseEntries(text, [this](int line, Text at, const std::wstring& reason) { Skip(line, at, reason); });
     m_report.entries = static_cast<unsigned>(m_entries.size());
+    std::wstring notWinapp2 = NotWinapp2(text);
+    if (!notWinapp2.empty()) {
+      // an empty file, a web page or a binary: refused whole, nothing of it loaded
+      m_report.read = false;
+      m_report.error = notWinapp2.c_str();
+      m_report.skipped.clear();
+      m_store.AddLoadNote(CString(m_path.c_str()), 0, m_report.error);
+      return;
+    }
     std::vector<SPrepared> prepared(m_entries.size());
     for (size_t i = 0; i < m_entries.size(); ++i) Prepare(m_entries[i], prepared[i]);
     for (SPrepared& entry : prepared) Build(entry);
@@ -62,6 +71,27 @@ class CLoad {
   }
 
  private:
+  // Why the text is no winapp2.ini file at all: it holds no entry, or most
+  // of its lines are neither comments nor entries nor Key=Value lines.
+  std::wstring NotWinapp2(const std::wstring& text) const {
+    if (m_entries.empty())
+      return L"it holds no [entry] line: it is not a winapp2.ini file (empty, a web page or another kind of file)";
+    size_t lines = 0;
+    for (size_t at = 0; at < text.size();) {
+      size_t end = std::min(text.find(L'\n', at), text.size());
+      Text line = Trim(Text(text.data() + at, end - at));
+      if (!line.empty() && line[0] != L';') ++lines;
+      at = end + 1;
+    }
+    size_t unusable = 0;
+    for (const SWinapp2Skip& skip : m_report.skipped)
+      unusable += skip.text.Find(L'=') < 0 || skip.text.Find(L'\0') >= 0 || skip.reason.Find(L"NUL") >= 0;
+    if (unusable * 2 > lines)
+      return L"most of its " + std::to_wstring(lines) +
+             L" lines are not winapp2 lines ([Entry], Key=Value or ; comments): it is not a winapp2.ini file";
+    return std::wstring();
+  }
+
   struct SFileRule {
     const SLine* line;
     std::vector<std::wstring> roots, masks;

@@ -546,3 +546,34 @@ TEST(Winapp2File, EveryEntryGetsTheCostOfWhatItTakesFromItsUserAndItsProgram) {
     EXPECT_EQ(std::vector<std::wstring>{image}, store.GetPrograms(item)) << Narrow(c.name);
   }
 }
+
+TEST_F(Winapp2, FilesThatAreNoWinapp2FilesAreRefusedWholeAndLoadNothing) {
+  std::string binary;
+  for (int i = 0; i < 4000; ++i) binary += static_cast<char>((i * 37 + 11) & 0xFF);
+  const std::string rule = "FileKey1=" + Narrow(Var()) + "\\x|*.tmp\n";
+  const struct {
+    const char* label;
+    std::string text;
+    bool refused;
+  } cases[] = {
+      {"empty", "", true},
+      {"blank lines and comments", "\n; only a comment\n\n", true},
+      {"a web page", "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>404</title></head>\n"
+                     "<body>Not Found</body></html>\n", true},
+      {"binary", binary, true},
+      {"one entry in garbage", "[A *]\n" + rule + "garbage\nmore garbage\n<p>\n]]\n", true},
+      {"an entry with a few bad lines", "[A *]\n" + rule + "garbage\n[B *]\n" + rule, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    std::wstring file = WriteFile(m_dir / L"w.ini", c.text);
+    m_config = IConfig::NewConfig();
+    SWinapp2Report report = CWinapp2Loader(*Store()).Load(file.c_str());
+    EXPECT_EQ(!c.refused, report.read);
+    if (!c.refused) continue;
+    EXPECT_NE(std::wstring::npos, report.error.str().find(L"not a winapp2.ini file")) << Narrow(report.error.str());
+    EXPECT_EQ(nullptr, Store()->GetRoot().FindChild(L"winapp2"));
+    EXPECT_EQ(1u, Store()->GetLoadNotes().size());
+    EXPECT_TRUE(report.skipped.empty());
+  }
+}
