@@ -47,11 +47,14 @@ trap cleanup EXIT
 # (uninstallers go on in a copy of themselves, msiexec in its service): the
 # server ends with the last of them and writes the registry to the prefix.
 # Sets $status and $output.
+# A program that hangs (a question a silent run should never ask) fails the
+# check instead of holding it up.
 win() {
   status=0
-  "$wine" "$@" </dev/null >"$work/out" 2>&1 || status=$?
-  "$wineserver" -w
+  timeout 300 "$wine" "$@" </dev/null >"$work/out" 2>&1 || status=$?
+  timeout 120 "$wineserver" -w || fail "$* left Windows processes running"
   output=$(tr -d '\r' < "$work/out")
+  [ $status != 124 ] || fail "$* did not end within 300 s"
 }
 # Runs it and fails unless it exits with 0.
 win_ok() { win "$@"; [ $status -eq 0 ] || fail "$* exited with $status: $output"; }

@@ -28,7 +28,7 @@ fail() { echo "package: FAILED: $*" >&2; exit 1; }
 
 winapp2=${BROOM_WINAPP2:-}
 if [ -z "$winapp2" ]; then
-  for root in "$here" "$(cd "$(git -C "$here" rev-parse --git-common-dir 2>/dev/null || echo "$here")/.." && pwd)"; do
+  for root in "$here" "$(dirname "$(git -C "$here" rev-parse --path-format=absolute --git-common-dir 2>/dev/null || echo "$here/.git")")"; do
     if [ -f "$root/../shared/winapp2/Winapp2.ini" ]; then winapp2=$root/../shared/winapp2/Winapp2.ini; break; fi
   done
 fi
