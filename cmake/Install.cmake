@@ -91,14 +91,20 @@ install(FILES ${CMAKE_SOURCE_DIR}/docs/host-guide.md DESTINATION docs)
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/minimal-host DESTINATION examples)
 
 # Licences: the project's own, when it has one, and those of what ships
-# inside the package (pugixml, the MinGW-w64 runtime DLLs).
+# inside the package (pugixml, the MinGW-w64 runtime DLLs, CLI11 and
+# nlohmann/json inside the hosts). The packages for users ship this folder
+# and name each component in NOTICES.txt (packaging/notices).
 file(GLOB BROOM_LICENSE_FILES ${CMAKE_SOURCE_DIR}/LICENSE* ${CMAKE_SOURCE_DIR}/COPYING*)
 if(BROOM_LICENSE_FILES)
   install(FILES ${BROOM_LICENSE_FILES} DESTINATION .)
 endif()
 install(FILES ${BROOM_PUGIXML_DIR}/LICENSE.md DESTINATION licenses RENAME pugixml-LICENSE.md)
-foreach(pkg gcc-mingw-w64-base mingw-w64-common)
-  if(EXISTS /usr/share/doc/${pkg}/copyright)
-    install(FILES /usr/share/doc/${pkg}/copyright DESTINATION licenses RENAME ${pkg}-copyright.txt)
+foreach(pkg gcc-mingw-w64-base:gcc-mingw-w64-base mingw-w64-common:mingw-w64-common
+            libcli11-dev:cli11 nlohmann-json3-dev:nlohmann-json)
+  string(REPLACE ":" ";" pkg ${pkg})
+  list(GET pkg 0 debian_name)
+  list(GET pkg 1 name)
+  if(EXISTS /usr/share/doc/${debian_name}/copyright)
+    install(FILES /usr/share/doc/${debian_name}/copyright DESTINATION licenses RENAME ${name}-copyright.txt)
   endif()
 endforeach()

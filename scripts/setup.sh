@@ -10,8 +10,11 @@ mkdir -p "$third"
 
 sudo_() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
 
+# The last line draws the icon and makes the packages (scripts/package.sh):
+# NSIS, wixl and msitools, and 7-Zip and unzip to list what they hold.
 packages=(g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix wine64 cmake ninja-build
-          googletest dpkg-dev libcli11-dev nlohmann-json3-dev zip xvfb)
+          googletest dpkg-dev libcli11-dev nlohmann-json3-dev zip xvfb
+          librsvg2-bin icoutils nsis wixl msitools p7zip-full unzip)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -1,13 +1,16 @@
-// broomcore.dll and broom.exe carry the project's version in their version
-// resources, as Explorer's Details page reads them.
+// broomcore.dll and both programs carry the project's version and company in
+// their version resources, as Explorer's Details page reads them, and the
+// programs carry the application icon at every size the packages promise.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
 #include "common/TestFiles.h"
+#include "core/Handles.h"
 
 namespace {
 
@@ -21,13 +24,23 @@ std::wstring Text(std::vector<BYTE>& data, const wchar_t* key) {
   return static_cast<const wchar_t*>(value);
 }
 
-TEST(VersionInfo, EngineAndHostCarryTheProjectVersion) {
+#pragma pack(push, 2)
+struct IconDirEntry {  // an image of an RT_GROUP_ICON resource
+  BYTE width, height, colors, reserved;
+  WORD planes, bitCount;
+  DWORD bytes;
+  WORD id;
+};
+#pragma pack(pop)
+
+TEST(VersionInfo, EngineAndHostsCarryTheProjectVersion) {
   const std::string narrow = BROOM_EXPECTED_VERSION;
   const std::wstring version(narrow.begin(), narrow.end());
   unsigned major = 0, minor = 0, patch = 0;
   ASSERT_EQ(3, swscanf(version.c_str(), L"%u.%u.%u", &major, &minor, &patch));
 
-  for (const wchar_t* name : {L"broomcore.dll", L"broom.exe"}) {
+  const std::string company = BROOM_EXPECTED_COMPANY;
+  for (const wchar_t* name : {L"broomcore.dll", L"broom.exe", L"broomw.exe"}) {
     SCOPED_TRACE(testing::Message() << narrow << " in " << std::string(name, name + wcslen(name)));
     std::wstring path = Beside(name);
     DWORD ignored = 0;
@@ -47,6 +60,30 @@ TEST(VersionInfo, EngineAndHostCarryTheProjectVersion) {
     EXPECT_TRUE(version == Text(data, L"ProductVersion")) << "ProductVersion";
     EXPECT_TRUE(Text(data, L"OriginalFilename") == name) << "OriginalFilename";
     EXPECT_EQ(0u, Text(data, L"FileDescription").find(L"Broom ")) << "FileDescription";
+    EXPECT_TRUE(std::wstring(company.begin(), company.end()) == Text(data, L"CompanyName")) << "CompanyName";
+  }
+}
+
+TEST(VersionInfo, ProgramsCarryTheIconAtEverySize) {
+  for (const wchar_t* name : {L"broom.exe", L"broomw.exe"}) {
+    SCOPED_TRACE(std::string(name, name + wcslen(name)));
+    broom::unique_hmodule module(
+        LoadLibraryExW(Beside(name).c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
+    ASSERT_TRUE(module);
+    HRSRC found = FindResourceW(module.get(), MAKEINTRESOURCEW(1), MAKEINTRESOURCEW(14));  // RT_GROUP_ICON
+    ASSERT_NE(nullptr, found) << "no icon group 1";
+    const BYTE* group = static_cast<const BYTE*>(LockResource(LoadResource(module.get(), found)));
+    ASSERT_NE(nullptr, group);
+    WORD count = reinterpret_cast<const WORD*>(group)[2];
+    ASSERT_GE(SizeofResource(module.get(), found), 6 + count * sizeof(IconDirEntry));
+    std::set<int> sizes;
+    for (WORD i = 0; i < count; ++i) {
+      const auto* entry = reinterpret_cast<const IconDirEntry*>(group + 6 + i * sizeof(IconDirEntry));
+      sizes.insert(entry->width == 0 ? 256 : entry->width);
+      EXPECT_NE(nullptr, FindResourceW(module.get(), MAKEINTRESOURCEW(entry->id), MAKEINTRESOURCEW(3)))  // RT_ICON
+          << "image " << entry->id << " of the group is missing";
+    }
+    EXPECT_EQ((std::set<int>{16, 24, 32, 48, 64, 256}), sizes);
   }
 }
 
