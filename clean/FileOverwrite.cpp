@@ -12,8 +12,9 @@
 namespace {
 
 constexpr DWORD kChunk = 1u << 20;
-// Zero pages from the loader; never written.
-const char kZeros[kChunk] = {};
+// Never written; not const, so it takes zero pages at load rather than a
+// megabyte of the DLL file.
+char g_zeros[kChunk];
 
 DWORD Code(DWORD family, DWORD error) { return family | (error & 0xFFFF); }
 
@@ -79,7 +80,7 @@ DWORD CFileOverwrite::Overwrite(HANDLE file) {
   while (remaining > 0) {
     DWORD chunk = remaining < kChunk ? static_cast<DWORD>(remaining) : kChunk;
     DWORD written = 0;
-    if (!WriteFile(file, kZeros, chunk, &written, nullptr)) return GetLastError();
+    if (!WriteFile(file, g_zeros, chunk, &written, nullptr)) return GetLastError();
     if (written != chunk) return ERROR_WRITE_FAULT;
     remaining -= chunk;
   }
