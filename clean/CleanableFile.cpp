@@ -4,6 +4,7 @@
 #include <shlwapi.h>
 
 #include "clean/FileOpsServer.h"
+#include "clean/FileOverwrite.h"
 #include "clean/FileSystemOps.h"
 #include "core/Handles.h"
 #include "settings/AppInfo.h"
@@ -88,8 +89,15 @@ CString CCleanableFile::GetDetails() const {
   return folder.ToCString();
 }
 
-DWORD CCleanableFile::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
+DWORD CCleanableFile::Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) {
+  return CleanWith(m_overwrite, progress, status);
+}
+
+DWORD CCleanableFile::CleanWith(bool overwrite, IOperationProgressNotify* progress, IOperationStatusNotify*) {
   ProgressScope scope(progress);
+  if (overwrite)
+    return IsDirectory() ? CFileSystemOps::RemoveTree(m_path.c_str(), true)
+                         : CFileOverwrite::OverwriteAndDelete(m_path.c_str());
   try {
     // A reference of our own: a Shutdown on another thread cannot free the thread under the request.
     CRefPtr<CMsgThreadSTA> sta = CXmlConfigGlobal::AcquireSTAMsgThread();
@@ -143,8 +151,10 @@ DWORD CCleanableFile::Move(CString destination, IOperationProgressNotify* progre
   }
 }
 
-DWORD CCleanableFile_trunc::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
+DWORD CCleanableFile_trunc::CleanWith(bool overwrite, IOperationProgressNotify* progress,
+                                      IOperationStatusNotify*) {
   ProgressScope scope(progress);
+  if (overwrite) return CFileOverwrite::OverwriteAndTruncate(m_path.c_str());
   try {
     CXmlConfigGlobal::GetSTAMsgThread();
     // Passing the file's own attributes lets a hidden or system file be

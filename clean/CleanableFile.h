@@ -47,6 +47,7 @@ class BROOM_API CCleanableFile : public ICleanableItem {
   DWORD GetAttributes() const { return m_attributes; }
 
   unsigned __int64 GetSize() const override { return m_size; }
+  // CleanWith(GetOverwrite(), ...).
   DWORD Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
   CString GetLogEntry() const override;
   CString GetName() const override;
@@ -60,13 +61,26 @@ class BROOM_API CCleanableFile : public ICleanableItem {
   // succeeded, otherwise the fallback server's outcome. Never throws.
   DWORD CleanAfterShell(int shellResult);
 
+  // Whether Clean overwrites the contents before deleting (off until set).
+  void SetOverwrite(bool overwrite) { m_overwrite = overwrite; }
+  bool GetOverwrite() const { return m_overwrite; }
+  // Cleans, overwriting first when overwrite is true, whatever the item's
+  // own setting (CleanItems uses it for a whole run). Overwriting deletes
+  // through CFileOverwrite instead of the shell, a folder with everything
+  // in it (CFileSystemOps::RemoveTree); a file it cannot open for writing
+  // stays (kOverwriteOpenFailed). Subclasses that clean differently
+  // override this rather than Clean.
+  virtual DWORD CleanWith(bool overwrite, IOperationProgressNotify* progress, IOperationStatusNotify* status);
+
  protected:
   unsigned __int64 m_size = 0;
   DWORD m_attributes = 0;
   CPathString m_path;
+  bool m_overwrite = false;
 };
 
+// Empties the file instead; with overwrite it is overwritten, then emptied.
 class BROOM_API CCleanableFile_trunc : public CCleanableFile {
  public:
-  DWORD Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
+  DWORD CleanWith(bool overwrite, IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
 };

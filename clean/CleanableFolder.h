@@ -21,8 +21,9 @@ class BROOM_API CCleanableEmptyFolder : public CCleanableFile {
   // The size is 0: the files in it are items of their own.
   void InitFolder(const CPathString& folder, DWORD attributes);
 
-  // 0 when removed or already gone; kFolderNotEmpty when something is in it.
-  DWORD Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
+  // 0 when removed or already gone; kFolderNotEmpty when something is in
+  // it. An empty folder has no contents to overwrite: overwrite changes nothing.
+  DWORD CleanWith(bool overwrite, IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
   // "Folder: C:\x\cache\t\tSize: 0\r\n"
   CString GetLogEntry() const override;
   // An empty folder has nothing to keep: the destination folder is created
