@@ -7,6 +7,7 @@
 
 #include "core/Handles.h"
 #include "core/NameMask.h"
+#include "recyclebin/RecycleBinItem.h"
 #include "scandefs/ConfigValues.h"
 #include "settings/AppInfo.h"
 
@@ -333,6 +334,18 @@ CBlastGuard::CBlastGuard(CBlastGuard&&) noexcept = default;
 CBlastGuard& CBlastGuard::operator=(CBlastGuard&&) noexcept = default;
 
 CBlastGuard::SVerdict CBlastGuard::Check(ICleanableItem* item, const wchar_t* pattern) const {
+  // An entry of the Recycle Bin keeps its original name (a deleted setup.exe
+  // is $RAB12.exe): it is judged by where it lies, directly in a real bin folder.
+  if (auto* entry = dynamic_cast<CRecycleBinItem*>(item)) {
+    const std::wstring& bin = entry->GetBinFolder();
+    auto directlyIn = [&](const std::wstring& path) {
+      return path.empty() || (path.size() > bin.size() + 1 && _wcsnicmp(path.c_str(), bin.c_str(), bin.size()) == 0 &&
+                              path[bin.size()] == L'\\' && path.find(L'\\', bin.size() + 1) == std::wstring::npos);
+    };
+    if (!CRecycleBinItem::IsBinFolder(bin) || !directlyIn(entry->GetDataPath()) || !directlyIn(entry->GetRecordPath()))
+      return Refuse(L"it is not an entry directly in a Recycle Bin folder");
+    return SVerdict();
+  }
   auto* file = dynamic_cast<CCleanableFile*>(item);
   if (!file) return SVerdict();
   return CheckPath(file->GetPath().c_str(), file->IsDirectory(), pattern);

@@ -14,7 +14,9 @@
 // data folder; a program file (.exe, .dll, .sys) unless the pattern that
 // found it names that extension, and a program file of any kind below the
 // Windows folder whatever the pattern names; and an item whose hits pass
-// the runaway limits. Hits inside the user's own Desktop, Documents,
+// the runaway limits. An entry of the Recycle Bin is allowed when it lies
+// directly in a real Recycle Bin folder, whatever its name. Hits inside the
+// user's own Desktop, Documents,
 // Downloads, Pictures, Music or Videos are allowed, and marked so that a
 // host can show them before asking.
 //

@@ -305,6 +305,59 @@ bool ReadTextFile(const wchar_t* file, std::wstring& text, DWORD& error) {
   return true;
 }
 
+bool StartsWithKey(const std::wstring& subkey, const wchar_t* prefix, std::wstring& rest) {
+  const size_t length = wcslen(prefix);
+  if (subkey.size() < length || !broom::EqualNoCase(subkey.c_str(), length, prefix, length)) return false;
+  if (subkey.size() > length && subkey[length] != L'\\') return false;
+  rest = subkey.size() > length ? subkey.substr(length + 1) : std::wstring();
+  return true;
+}
+
+std::wstring Join(const wchar_t* a, const std::wstring& b) { return b.empty() ? a : std::wstring(a) + L"\\" + b; }
+
+// Where the key an export was made for may really live: as named, its
+// 32-bit view key under WOW6432Node, a classes key under HKCU or HKLM.
+std::vector<std::pair<HKEY, std::wstring>> HomesOf(const CRegistryPath& path) {
+  std::vector<std::pair<HKEY, std::wstring>> homes;
+  std::wstring rest;
+  if (path.Hive() == HKEY_CLASSES_ROOT) {
+    homes.emplace_back(HKEY_CURRENT_USER, Join(L"Software\\Classes", path.Subkey()));
+    homes.emplace_back(HKEY_LOCAL_MACHINE, Join(L"Software\\Classes", path.Subkey()));
+  } else {
+    homes.emplace_back(path.Hive(), path.Subkey());
+  }
+  const size_t named = homes.size();
+  for (size_t i = 0; i < named; ++i) {
+    const HKEY hive = homes[i].first;
+    const std::wstring subkey = homes[i].second;
+    if ((hive == HKEY_CURRENT_USER || hive == HKEY_LOCAL_MACHINE) && StartsWithKey(subkey, L"Software\\Classes", rest))
+      homes.emplace_back(hive, Join(L"Software\\Classes\\WOW6432Node", rest));
+    else if (hive == HKEY_LOCAL_MACHINE && StartsWithKey(subkey, L"SOFTWARE", rest) &&
+             !StartsWithKey(rest, L"WOW6432Node", rest))
+      homes.emplace_back(hive, Join(L"SOFTWARE\\WOW6432Node", rest));
+  }
+  return homes;
+}
+
+// Whether every section of the file lies at or below where path may live;
+// for a value, only that value of that key.
+bool Within(const std::vector<SSection>& sections, const CRegistryPath& path) {
+  const auto homes = HomesOf(path);
+  std::wstring rest;
+  for (const SSection& section : sections) {
+    bool inside = false;
+    for (const auto& home : homes)
+      inside = inside || (section.hive == home.first && StartsWithKey(section.subkey, home.second.c_str(), rest) &&
+                          (!path.HasValue() || rest.empty()));
+    if (!inside) return false;
+    if (!path.HasValue()) continue;
+    for (const SValue& value : section.values)
+      if (!broom::EqualNoCase(value.name.c_str(), value.name.size(), path.ValueName().c_str(), path.ValueName().size()))
+        return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 DWORD CRegFile::Export(const CRegistryPath& path, REGSAM view, const wchar_t* file, bool overwrite) {
@@ -333,7 +386,7 @@ DWORD CRegFile::Export(const CRegistryPath& path, REGSAM view, const wchar_t* fi
   }
 }
 
-DWORD CRegFile::Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* stats) {
+DWORD CRegFile::Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* stats, const CRegistryPath* within) {
   SRegRestoreStats local;
   SRegRestoreStats& counts = stats ? *stats : local;
   counts = SRegRestoreStats();
@@ -343,6 +396,7 @@ DWORD CRegFile::Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* s
     if (!ReadTextFile(file, text, error)) return RegistryResult(static_cast<LONG>(error));
     std::vector<SSection> sections;
     if (!ParseText(text, sections)) return RegistryResult(ERROR_INVALID_DATA);
+    if (within && !Within(sections, *within)) return kRegistryRestoreOutside;
 
     LONG first = ERROR_SUCCESS;
     auto note = [&first](LONG rc) {

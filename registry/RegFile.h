@@ -25,6 +25,9 @@ enum : DWORD {
   kRegistryExportFileExists = kRegistryFailed | ERROR_FILE_EXISTS,
   // clean: the key is in the safety table (or a hive root holds the value)
   kRegistryRefused = kRegistryFailed | ERROR_INVALID_OPERATION,
+  // restore: the file names a key or value outside the one it was exported
+  // for; nothing was written
+  kRegistryRestoreOutside = kRegistryFailed | ERROR_BAD_PATHNAME,
 };
 
 inline DWORD RegistryResult(LONG error) {
@@ -55,5 +58,11 @@ class BROOM_API CRegFile {
   // unless overwrite is true. A file that does not parse writes nothing
   // (ERROR_INVALID_DATA). Goes on after a failure and returns the first one,
   // else kRegistryRestoreConflict when a value was left alone, else 0.
-  static DWORD Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* stats);
+  // With within (the path the file was exported for), a file that names any
+  // key or value other than that one and what lies below it (where the key
+  // may really live: under WOW6432Node, a classes key under HKCU or HKLM)
+  // writes nothing (kRegistryRestoreOutside): a changed file cannot reach a
+  // Run key.
+  static DWORD Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* stats,
+                       const CRegistryPath* within = nullptr);
 };

@@ -13,6 +13,7 @@
 #include "common/ScanNotifiers.h"
 #include "common/TestFiles.h"
 #include "core/Handles.h"
+#include "guard/BlastGuard.h"
 #include "recyclebin/RecycleBinItem.h"
 #include "recyclebin/RecycleBinScan.h"
 #include "recyclebin/RecycleBinScanFactory.h"
@@ -406,3 +407,21 @@ TEST_F(RecycleBin, CleaningTellsTheShell) {
 }
 
 }  // namespace
+
+TEST_F(RecycleBin, TheGuardAllowsEntriesDirectlyInTheBinWhateverTheirName) {
+  File(L"PROG01.exe", 2, 50, L"C:\\tools\\setup.exe", "a deleted program");
+  WriteFile(In(L"$IDLL001.dll"), Record(2, 10, DaysAgo(50), L"C:\\tools\\hook.dll"));
+  auto items = Scan();
+  ASSERT_EQ(items.size(), 2u);
+  CBlastGuard guard;
+  for (auto& item : items) EXPECT_TRUE(guard.Check(item.Get(), nullptr).allowed) << Unix(item->GetPath().c_str());
+
+  // an item that claims a folder that is no Recycle Bin is refused
+  broomtest::TempDir elsewhere;
+  WIN32_FIND_DATAW data = {};
+  wcscpy(data.cFileName, L"$RFAKE01.exe");
+  WriteFile(elsewhere / L"$RFAKE01.exe", "x");
+  CRefPtr<CRecycleBinItem> fake(new IUnknownNoQIImp<CRecycleBinItem>());
+  fake->InitEntry(elsewhere.Path(), nullptr, nullptr, &data);
+  EXPECT_FALSE(guard.Check(fake.Get(), nullptr).allowed);
+}
