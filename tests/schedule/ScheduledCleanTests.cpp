@@ -12,7 +12,6 @@
 
 #include <string>
 
-#include "common/HandleCount.h"
 #include "common/TestFiles.h"
 #include "core/Handles.h"
 #include "core/RefCounting.h"
@@ -81,8 +80,6 @@ class ScheduledClean : public testing::Test {
   }
   void TearDown() override {
     Scheduler().RemoveAll(m_leaf, m_task);
-    // The RPC connection to the scheduler service stays for the process.
-    broomtest::AllowHandleGrowth();
   }
   SScheduleRequest Request(EScheduleFrequency frequency) const {
     SScheduleRequest request;
