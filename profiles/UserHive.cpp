@@ -214,6 +214,13 @@ CUserHive::CUserHive(const SUserProfile& profile) : m_profile(profile) {
       Throw(L"the registry hive of " + who + L" cannot be loaded without the backup and restore privileges",
             privileges.Error());
     rc = RegLoadKeyW(HKEY_USERS, m_name.c_str(), file.c_str());
+    // Wine leaves the key of a load that failed (a damaged file); it was not there before.
+    broom::unique_hkey leftover;
+    if (rc != ERROR_SUCCESS &&
+        RegOpenKeyExW(HKEY_USERS, m_name.c_str(), 0, KEY_READ, leftover.addressof()) == ERROR_SUCCESS) {
+      leftover.reset();
+      RegUnLoadKeyW(HKEY_USERS, m_name.c_str());
+    }
   }
   if (rc != ERROR_SUCCESS) Throw(L"the registry hive '" + file + L"' of " + who + L" cannot be loaded", rc);
   m_loaded = true;

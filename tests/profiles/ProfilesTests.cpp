@@ -154,22 +154,30 @@ TEST_F(SecondProfile, ItsHiveIsUnloadedWhenTheRunFailsAndASecondHolderIsRefused)
   EXPECT_EQ(ERROR_SUCCESS, hive.Unload());
 }
 
-TEST_F(SecondProfile, AMissingHiveFileLoadsNothing) {
+TEST_F(SecondProfile, AHiveFileThatIsDamagedOrMissingLoadsNothing) {
   SUserProfile profile = Profile();
-  ASSERT_TRUE(DeleteFileW((m_folder + L"\\NTUSER.DAT").c_str()));
-  try {
-    CUserHive hive(profile);
-    ADD_FAILURE() << "loaded";
-  } catch (CWin32Exception& e) {
-    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), e.GetError());
-    EXPECT_NE(std::string::npos, Narrow(e.GetAppMessage().GetString()).find("NTUSER.DAT"));
-  }
-  EXPECT_FALSE(HiveLoaded(Mount()));
-  // The claim went with the failure: the next holder gets as far as the file.
-  try {
-    CUserHive hive(profile);
-  } catch (CWin32Exception& e) {
-    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), e.GetError());
+  const std::wstring file = m_folder + L"\\NTUSER.DAT";
+  struct Case {
+    const char* what;
+    const char* content;  // null: no file
+    DWORD error;
+  };
+  // Each case also finds the hive unclaimed, so a failure gives its claim back.
+  const Case cases[] = {{"damaged", "not a hive\r\n", ERROR_NOT_REGISTRY_FILE},
+                        {"empty", "", ERROR_NOT_REGISTRY_FILE},
+                        {"missing", nullptr, ERROR_FILE_NOT_FOUND}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_TRUE(DeleteFileW(file.c_str()) || GetLastError() == ERROR_FILE_NOT_FOUND);
+    if (c.content) broomtest::WriteFile(file, c.content);
+    try {
+      CUserHive hive(profile);
+      ADD_FAILURE() << "loaded";
+    } catch (CWin32Exception& e) {
+      EXPECT_EQ(c.error, e.GetError());
+      EXPECT_NE(std::string::npos, Narrow(e.GetAppMessage().GetString()).find("NTUSER.DAT"));
+    }
+    EXPECT_FALSE(HiveLoaded(Mount()));
   }
 }
 
