@@ -6,6 +6,7 @@
 #include <cwctype>
 
 #include "core/Handles.h"
+#include "textconv/TextConv.h"
 
 namespace {
 
@@ -67,13 +68,7 @@ std::vector<std::wstring> SplitMulti(const std::vector<wchar_t>& data) {
   return out;
 }
 
-std::string Utf8(const std::wstring& text) {
-  if (text.empty()) return std::string();
-  int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-  std::string out(n > 0 ? n : 0, '\0');
-  if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
-  return out;
-}
+std::string Utf8(const std::wstring& text) { return textconv::ToMultiByte(text, CP_UTF8); }
 
 // Reads one value into out, or says in reason why it is ignored. False with
 // an empty reason when the value is absent.

@@ -65,6 +65,11 @@ std::wstring CUserProfiles::CurrentUserSid() {
   return text;
 }
 
+std::wstring CUserProfiles::CurrentUserName() {
+  std::wstring sid = CurrentUserSid(), name;
+  return !sid.empty() && AccountName(sid.c_str(), name) ? name : std::wstring();
+}
+
 bool CUserProfiles::IsAdministrator() {
   BYTE sid[SECURITY_MAX_SID_SIZE];
   DWORD size = sizeof sid;

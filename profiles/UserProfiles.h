@@ -33,8 +33,10 @@ class BROOM_API CUserProfiles {
 
   // True for the SID of a person's account, as List keeps them.
   static bool IsPersonSid(const wchar_t* sid);
-  // The SID of the user this process runs as; empty when it cannot be read.
+  // The SID of the user this process runs as, and that user as DOMAIN\name;
+  // empty when they cannot be read.
   static std::wstring CurrentUserSid();
+  static std::wstring CurrentUserName();
   // Whether this process runs with the Administrators group in force (an
   // administrator's process that was not elevated has not).
   static bool IsAdministrator();

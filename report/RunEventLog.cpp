@@ -4,20 +4,13 @@
 
 #include "BroomEvents.h"
 #include "core/Handles.h"
+#include "textconv/TextConv.h"
 
 namespace {
 
 constexpr size_t kMaxInsert = 16000;
 
 std::wstring Number(unsigned __int64 value) { return std::to_wstring(value); }
-
-std::wstring Wide(const std::string& text) {
-  if (text.empty()) return std::wstring();
-  int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-  std::wstring out(n > 0 ? n : 0, L'\0');
-  if (n > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n);
-  return out;
-}
 
 HMODULE ThisModule() {
   HMODULE module = nullptr;
@@ -42,7 +35,7 @@ std::vector<std::wstring> CRunEventLog::Inserts(const SRunReport& given) {
     swprintf(text, 48, L"%ls0x%08lX x%lu", failed.empty() ? L"" : L", ", code.first, code.second);
     failed += text;
   }
-  std::wstring json = Wide(CRunReportFile::ToJsonLine(report));
+  std::wstring json = textconv::ToWide(CRunReportFile::ToJsonLine(report), CP_UTF8);
   if (json.size() > kMaxInsert) json = json.substr(0, kMaxInsert) + L"...";
   return {report.command.empty() ? L"run" : report.command,
           report.version,

@@ -7,39 +7,19 @@
 #include <map>
 
 #include "core/Handles.h"
+#include "profiles/UserProfiles.h"
+#include "textconv/TextConv.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::string Utf8(const std::wstring& text) {
-  if (text.empty()) return std::string();
-  int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-  std::string out(n > 0 ? n : 0, '\0');
-  if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
-  return out;
-}
+std::string Utf8(const std::wstring& text) { return textconv::ToMultiByte(text, CP_UTF8); }
 
 std::string HexCode(unsigned long code) {
   char text[16];
   snprintf(text, sizeof text, "0x%08lX", code);
   return text;
-}
-
-std::wstring CurrentUser() {
-  broom::unique_handle token;
-  BYTE buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-  DWORD size = 0;
-  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.addressof()) ||
-      !GetTokenInformation(token.get(), TokenUser, buffer, sizeof buffer, &size))
-    return std::wstring();
-  wchar_t name[256], domain[256];
-  DWORD nameSize = 256, domainSize = 256;
-  SID_NAME_USE use;
-  if (!LookupAccountSidW(nullptr, reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid, name, &nameSize, domain,
-                         &domainSize, &use))
-    return std::wstring();
-  return domainSize ? std::wstring(domain) + L"\\" + name : std::wstring(name);
 }
 
 // Creates the folder and the folders above it that are missing.
@@ -96,7 +76,7 @@ SRunReport CRunReportFile::Completed(SRunReport report) {
     DWORD size = MAX_COMPUTERNAME_LENGTH + 1;
     if (GetComputerNameW(name, &size)) report.computer.assign(name, size);
   }
-  if (report.user.empty()) report.user = CurrentUser();
+  if (report.user.empty()) report.user = CUserProfiles::CurrentUserName();
   return report;
 }
 

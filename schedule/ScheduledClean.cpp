@@ -9,6 +9,7 @@
 
 #include "core/Handles.h"
 #include "core/RefCounting.h"
+#include "profiles/UserProfiles.h"
 
 namespace {
 
@@ -121,20 +122,9 @@ void SplitFolder(const std::wstring& path, std::wstring& parent, std::wstring& l
 
 // The current user as DOMAIN\name, for the task's principal.
 std::wstring CurrentUser() {
-  broom::unique_handle token;
-  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.addressof()))
-    Fail(L"the current user cannot be named: OpenProcessToken failed", HRESULT_FROM_WIN32(GetLastError()));
-  BYTE buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-  DWORD size = 0;
-  if (!GetTokenInformation(token.get(), TokenUser, buffer, sizeof buffer, &size))
-    Fail(L"the current user cannot be named: GetTokenInformation failed", HRESULT_FROM_WIN32(GetLastError()));
-  wchar_t name[256], domain[256];
-  DWORD nameSize = 256, domainSize = 256;
-  SID_NAME_USE use;
-  if (!LookupAccountSidW(nullptr, reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid, name, &nameSize, domain,
-                         &domainSize, &use))
-    Fail(L"the current user cannot be named: LookupAccountSid failed", HRESULT_FROM_WIN32(GetLastError()));
-  return domainSize ? std::wstring(domain) + L"\\" + name : std::wstring(name);
+  std::wstring name = CUserProfiles::CurrentUserName();
+  if (name.empty()) Fail(L"the current user cannot be named", HRESULT_FROM_WIN32(GetLastError()));
+  return name;
 }
 
 bool IsFullPath(const std::wstring& path) {
