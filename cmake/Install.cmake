@@ -5,6 +5,7 @@
 #   lib/            libbroomcore.dll.a, pugixml (static, wide characters)
 #   lib/cmake/Broom the package: find_package(Broom) gives Broom::core
 #   docs/, examples/minimal-host/, README.md, licenses/
+#   admx/           broom.admx and en-US/broom.adml, the Group Policy template
 include(CMakePackageConfigHelpers)
 
 # Public headers: every header of every engine folder (BROOM_FOLDERS) is
@@ -87,6 +88,8 @@ if(CMAKE_TOOLCHAIN_FILE)
 endif()
 
 install(FILES ${CMAKE_SOURCE_DIR}/README.md DESTINATION .)
+# The Group Policy template and its English texts, for a policy store or Intune's ADMX import.
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/admx/ DESTINATION admx)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/host-guide.md DESTINATION docs)
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/minimal-host DESTINATION examples)
 

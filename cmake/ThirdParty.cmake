@@ -24,3 +24,14 @@ if(BROOM_TESTS)
   target_include_directories(broom_gtest SYSTEM PUBLIC ${BROOM_GTEST_DIR}/include
                              PRIVATE ${BROOM_GTEST_DIR})
 endif()
+
+# nlohmann/json, header-only, for the JSON the engine writes itself (policies,
+# run reports); only the engine's sources see it. Its header lives in
+# /usr/include beside glibc's, which must never reach the cross compiler, so
+# a folder holding a link to just that tree is added instead.
+set(BROOM_JSON_DIR ${CMAKE_BINARY_DIR}/engine-header-only)
+if(NOT EXISTS /usr/include/nlohmann)
+  message(FATAL_ERROR "/usr/include/nlohmann not found: run scripts/setup.sh (nlohmann-json3-dev)")
+endif()
+file(MAKE_DIRECTORY ${BROOM_JSON_DIR})
+file(CREATE_LINK /usr/include/nlohmann ${BROOM_JSON_DIR}/nlohmann SYMBOLIC)
