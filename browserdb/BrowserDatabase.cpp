@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 #include <unordered_set>
+#include <utility>
 
 #include "browserdb/ChromiumBookmarks.h"
 #include "browserdb/DbFiles.h"
@@ -214,8 +215,10 @@ DWORD CBrowserDatabase::ListCookieSites(const wchar_t* database, EBrowserFamily 
 
 namespace {
 
-// A rollback journal this clean left behind: empty, or with a zeroed header,
-// so no program would ever replay it.
+// A rollback journal left behind once the database is closed: empty, or with
+// a zeroed header, so no program would replay it. It still holds the pages the
+// clean removed, so it goes; a journal a program is writing is open without
+// delete sharing and stays.
 void RemoveSpentJournal(const std::wstring& journal) {
   broom::unique_hfile file(CreateFileW(journal.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
                                        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -245,8 +248,14 @@ SBrowserDbCleanResult CBrowserDatabase::Clean(const wchar_t* database, EBrowserF
     if ((result.code = GatherInputs(path, family, kind, keep, inputs))) return result;
     bool wal = false;
     if ((result.code = CheckHeader(path, true, wal))) return result;
-    const bool journalBefore = FileExists(path + L"-journal");
     CSqliteDb db;
+    bool closed = false;
+    auto close = [&] {
+      if (std::exchange(closed, true)) return;
+      db.Close();
+      RemoveSpentJournal(path + L"-journal");
+    };
+    auto closeOnExit = broom::scope_exit(close);
     int rc = db.Open(path, false, false);
     if (rc == SQLITE_OK) rc = RegisterFunctions(db, inputs);
     // the lock is taken at the first read and held until the close, so no
@@ -306,8 +315,7 @@ SBrowserDbCleanResult CBrowserDatabase::Clean(const wchar_t* database, EBrowserF
     }
     if (result.removed.rows == 0) {
       removeCopies();
-      db.Close();
-      if (!journalBefore) RemoveSpentJournal(path + L"-journal");
+      close();
       result.bytesAfter = DatabaseBytes(path);
       return result;
     }
@@ -325,8 +333,7 @@ SBrowserDbCleanResult CBrowserDatabase::Clean(const wchar_t* database, EBrowserF
       result.code = BrowserDbSqliteResult(rc);
     else if (checked != SQLITE_OK || integrity != "ok")
       result.code = kBrowserDbIntegrityFailed;
-    db.Close();
-    if (!journalBefore) RemoveSpentJournal(path + L"-journal");
+    close();
     result.bytesAfter = DatabaseBytes(path);
     result.checksum = ChecksumFiles(path);
     return result;

@@ -328,11 +328,19 @@ TEST_F(BrowserDbTest, ProtectedDatabasesAndProfilesAreNeverReported) {
 
 TEST_F(BrowserDbTest, MovedDatabaseComesBackOnlyWhileItIsAsTheCleanLeftIt) {
   const std::wstring database = dir / L"Firefox\\Profiles\\ab12.default-release\\cookies.sqlite";
-  const std::string original = broomtest::ReadFile(database);
+  {
+    // a cookie still in the -wal, as a browser that ended abruptly leaves it
+    auto db = Open(database);
+    sqlite3_db_config(db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    Insert(db.get(), kFirefoxCookieRow, {{"late.example", "id"}});
+  }
+  const std::string original = broomtest::ReadFile(database), originalWal = broomtest::ReadFile(database + L"-wal");
+  ASSERT_FALSE(originalWal.empty());
   auto items = Scan(L"cookies", L"firefox", dir / L"Firefox\\Profiles\\*", keep);
   ASSERT_EQ(1u, items.size());
   CCleanableBrowserDb& item = *items[database];
-  EXPECT_EQ((std::vector<std::wstring>{database}), item.GetDatabaseFiles());
+  EXPECT_EQ(L"5 cookies of 4 sites; 2 sites kept", item.GetDescription());
+  EXPECT_EQ((std::vector<std::wstring>{database, database + L"-wal"}), item.GetDatabaseFiles());
   broomtest::MakeDirs(dir / L"q");
   broomtest::WriteFile(dir / L"q\\cookies.sqlite", "taken");
   CPathString proposal;
@@ -341,6 +349,8 @@ TEST_F(BrowserDbTest, MovedDatabaseComesBackOnlyWhileItIsAsTheCleanLeftIt) {
   ASSERT_EQ(0u, item.Move(CString(proposal.c_str()), nullptr, nullptr, false, proposal));
   const std::wstring copy = proposal.c_str();
   EXPECT_EQ(original, broomtest::ReadFile(copy));
+  EXPECT_EQ(originalWal, broomtest::ReadFile(copy + L"-wal"));
+  EXPECT_FALSE(broomtest::Exists(database + L"-wal"));
   EXPECT_EQ((Strings{"3"}), Query(database, "SELECT count(*) FROM moz_cookies"));
   const std::wstring checksum = item.GetChecksumAfterClean();
   ASSERT_FALSE(checksum.empty());
@@ -358,8 +368,9 @@ TEST_F(BrowserDbTest, MovedDatabaseComesBackOnlyWhileItIsAsTheCleanLeftIt) {
 
   ASSERT_EQ(0u, CBrowserDatabase::Restore(copy.c_str(), database.c_str(), checksum));
   EXPECT_EQ(original, broomtest::ReadFile(database));
-  EXPECT_FALSE(broomtest::Exists(copy));
-  EXPECT_EQ((Strings{"7"}), Query(database, "SELECT count(*) FROM moz_cookies"));
+  EXPECT_EQ(originalWal, broomtest::ReadFile(database + L"-wal"));
+  EXPECT_FALSE(broomtest::Exists(copy) || broomtest::Exists(copy + L"-wal"));
+  EXPECT_EQ((Strings{"8"}), Query(database, "SELECT count(*) FROM moz_cookies"));
 }
 
 TEST_F(BrowserDbTest, TheSizeIsWhatTheCleanFrees) {
