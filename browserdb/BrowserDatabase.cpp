@@ -1,8 +1,8 @@
 #include "browserdb/BrowserDatabase.h"
 
 #include <algorithm>
+#include <cstring>
 #include <map>
-#include <set>
 #include <unordered_set>
 #include <utility>
 
