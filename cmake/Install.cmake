@@ -16,6 +16,10 @@ include(CMakePackageConfigHelpers)
 # against the installed package, so a public header that includes a left-out
 # one (or a file of the source tree) fails there.
 set(BROOM_INTERNAL_HEADERS
+  browserdb/ChromiumBookmarks.h  # the bookmark files' URLs (nlohmann/json)
+  browserdb/DbFiles.h            # sizes, checksums and copies of a database's files
+  browserdb/DbLayout.h           # the statements made for a database's layout
+  browserdb/SqliteDb.h           # SQLite, linked into the engine only
   clean/FileOpsServer.h    # the fallback server's interface and identifiers
   scandefs/FilePrefetch.h  # definition files read ahead of the load
   scandefs/FileScopes.h    # the value scopes of one file's value pass
