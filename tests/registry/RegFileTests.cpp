@@ -153,7 +153,9 @@ TEST_P(RegFileTest, ARestoreWritesOnlyTheKeyOrValueItWasExportedFor) {
     std::string bytes(reinterpret_cast<const char*>(c.text.data()), c.text.size() * 2);
     std::wstring file = broomtest::WriteFile(dir / L"changed.reg", bytes);
     EXPECT_EQ(c.result, CRegFile::Restore(file.c_str(), false, nullptr, c.within));
-    if (c.result) EXPECT_EQ(before, t.Read());
+    if (c.result) {
+      EXPECT_EQ(before, t.Read());
+    }
   }
   HKEY runKey = nullptr;
   if (RegOpenKeyExW(GetParam(), L"Software\\Microsoft\\Windows\\CurrentVersion\\Run", 0, KEY_READ, &runKey) == 0) {
