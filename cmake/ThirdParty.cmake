@@ -24,3 +24,16 @@ if(BROOM_TESTS)
   target_include_directories(broom_gtest SYSTEM PUBLIC ${BROOM_GTEST_DIR}/include
                              PRIVATE ${BROOM_GTEST_DIR})
 endif()
+
+# CLI11 and nlohmann/json, header-only Debian packages, for the hosts (and
+# the tests and tools that read their JSON). Their headers live in
+# /usr/include beside glibc's, which must never reach the cross compiler; a
+# folder of symlinks to just those two trees is added instead.
+set(BROOM_HEADER_ONLY ${CMAKE_BINARY_DIR}/header-only)
+file(MAKE_DIRECTORY ${BROOM_HEADER_ONLY})
+foreach(tree CLI nlohmann)
+  if(NOT EXISTS /usr/include/${tree})
+    message(FATAL_ERROR "/usr/include/${tree} not found: run scripts/setup.sh (libcli11-dev, nlohmann-json3-dev)")
+  endif()
+  file(CREATE_LINK /usr/include/${tree} ${BROOM_HEADER_ONLY}/${tree} SYMBOLIC)
+endforeach()

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "host/Console.h"
+#include "app/Text.h"
 #include "window/Gdi.h"
 #include "window/Resource.h"
 

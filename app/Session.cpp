@@ -1,4 +1,4 @@
-#include "host/Session.h"
+#include "app/Session.h"
 
 #include <shlobj.h>
 #include <shlwapi.h>
@@ -7,13 +7,13 @@
 #include <unordered_set>
 #include <stdexcept>
 
+#include "app/Text.h"
+#include "app/WhiteListFile.h"
 #include "atl/CAtlException.h"
 #include "core/Handles.h"
 #include "core/PathString.h"
 #include "log/ScanLogThread.h"
 #include "registry/CleanableRegistry.h"
-#include "host/Console.h"
-#include "host/WhiteListFile.h"
 #include "registry/RegistryScanFactory.h"
 #include "scan/BaseFileScan.h"
 #include "scan/OperationNotify.h"
@@ -26,14 +26,6 @@ namespace host {
 namespace {
 
 std::atomic<bool> g_cancel{false};
-
-BOOL WINAPI OnConsoleControl(DWORD type) {
-  if (type == CTRL_C_EVENT || type == CTRL_BREAK_EVENT) {
-    g_cancel = true;
-    return TRUE;  // the scan stops itself; the process must not be killed half-way
-  }
-  return FALSE;
-}
 
 bool SameName(const wchar_t* a, const std::wstring& b) { return _wcsicmp(a, b.c_str()) == 0; }
 
@@ -151,45 +143,27 @@ std::wstring ExceptionText() {
 
 class CScanNotify : public IOperationProgressNotify, public IOperationStatusNotify {
  public:
-  CScanNotify(const SScanOptions& options, const unsigned __int64& hits)
-      : m_cancelAfter(options.cancelAfterFiles), m_observer(options.observer), m_hits(hits) {}
+  explicit CScanNotify(const SScanOptions& options)
+      : m_cancelAfter(options.cancelAfterFiles), m_observer(options.observer) {}
 
   void Begin(const std::wstring& item, size_t index, size_t count) {
-    m_item = item;
-    m_index = index;
-    m_count = count;
     m_total = 0;
-    m_position = 0;
-    m_folder.clear();
-    if (m_observer)
-      m_observer->OnItem(item, index, count);
-    else
-      Draw(true);
+    if (m_observer) m_observer->OnItem(item, index, count);
   }
 
   void SetTotal(int total) override {
     m_total = total;
-    m_position = 0;
     if (m_observer) m_observer->OnProgress(0, total);
   }
   void SetPosition(int position) override {
-    m_position = position;
-    if (m_observer)
-      m_observer->OnProgress(position, m_total);
-    else
-      Draw(false);
+    if (m_observer) m_observer->OnProgress(position, m_total);
   }
   void Finish() override {
-    m_position = m_total;
     if (m_observer) m_observer->OnProgress(m_total, m_total);
   }
 
   void SetCurrentFolder(const CString& folder) override {
-    m_folder.assign(folder.GetString(), static_cast<size_t>(folder.GetLength()));
-    if (m_observer)
-      m_observer->OnFolder(m_folder);
-    else
-      Draw(false);
+    if (m_observer) m_observer->OnFolder(std::wstring(folder.GetString(), static_cast<size_t>(folder.GetLength())));
   }
   bool IsCancelled() override {
     if (m_observer && m_observer->IsCancelled()) RequestCancel();
@@ -200,28 +174,10 @@ class CScanNotify : public IOperationProgressNotify, public IOperationStatusNoti
   }
 
  private:
-  void Draw(bool force) {
-    if (!m_draw) return;
-    DWORD now = GetTickCount();
-    if (!force && now - m_lastDraw < 100) return;
-    m_lastDraw = now;
-    int percent = m_total > 0 ? static_cast<int>(100LL * (m_position < m_total ? m_position : m_total) / m_total) : 0;
-    wchar_t head[64];
-    swprintf(head, 64, L"[%u/%u] ", static_cast<unsigned>(m_index + 1), static_cast<unsigned>(m_count));
-    std::wstring line = head + m_item + L"  " + std::to_wstring(percent) + L"%  " + FormatCount(m_hits) +
-                        L" found  " + m_folder;
-    CConsole::Progress(line);
-  }
-
   unsigned long m_cancelAfter;
   unsigned long m_filesSeen = 0;
   IScanObserver* m_observer;
-  const unsigned __int64& m_hits;
-  bool m_draw = CConsole::ErrIsConsole();
-  DWORD m_lastDraw = 0;
-  std::wstring m_item, m_folder;
-  size_t m_index = 0, m_count = 0;
-  int m_total = 0, m_position = 0;
+  int m_total = 0;
 };
 
 // Adds an age filter to every file operation of a run, or takes the age
@@ -362,7 +318,6 @@ class CHitCollector : public IResultsCollector {
 
 }  // namespace
 
-void InstallCancelHandler() { SetConsoleCtrlHandler(OnConsoleControl, TRUE); }
 void RequestCancel() { g_cancel = true; }
 bool IsCancelRequested() { return g_cancel; }
 void ResetCancel() { g_cancel = false; }
@@ -462,6 +417,27 @@ void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
   }
   if (AllItems().empty())
     throw CHostError{exitUsage, L"the definitions hold no item with a clean element; check the --defs folders"};
+}
+
+SWinapp2Report LoadWinapp2(CConfigStore& store, const std::wstring& file) {
+  SWinapp2Report report = CWinapp2Loader(store).Load(file.c_str());
+  if (!report.read)
+    throw CHostError{exitUsage, L"cannot read the winapp2 file '" + file + L"': " + report.error.str() +
+                                    L"; give the path of a winapp2.ini file"};
+  return report;
+}
+
+void CSession::LoadWinapp2Files(const std::vector<std::wstring>& files) {
+  CConfigStore* store = CConfigStore::Of(m_config);
+  if (!store) return;
+  for (const std::wstring& given : files) {
+    std::wstring file = FullPath(given);
+    SWinapp2Report report = LoadWinapp2(*store, file);
+    store->TakeLoadNotes();  // one line here; 'broom winapp2 check' lists them
+    if (!report.skipped.empty())
+      NoteLoad(file + L": " + Plural(report.skipped.size(), L"line was", L"lines were") +
+               L" skipped; 'broom winapp2 check' lists them");
+  }
 }
 
 std::wstring CSession::WhiteListFile() const { return m_userData + L"\\whitelist.txt"; }
@@ -623,7 +599,7 @@ void CSession::BeginScanLog(const wchar_t* command) {
 SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions& options) {
   SScanResults results;
   results.items.reserve(items.size());
-  CScanNotify notify(options, results.files);
+  CScanNotify notify(options);
   CFakeBaseIUnknown<CHitCollector> collector(m_whiteList, options.keep, results);
   collector.SetObserver(options.observer);
   collector.SetEveryItem(options.everyItem);
@@ -660,7 +636,6 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
     }
   }
   collector.SetTarget(nullptr);
-  if (!options.observer) CConsole::ClearProgress();
   results.cancelled = IsCancelRequested();
   return results;
 }

@@ -15,6 +15,7 @@
 #include "scandefs/ConfigStore.h"
 #include "scandefs/ScanGroup.h"
 #include "whitelist/WhiteListTree.h"
+#include "winapp2/Winapp2Loader.h"
 
 namespace host {
 
@@ -27,9 +28,9 @@ struct CHostError {
   std::wstring message;
 };
 
-// Ctrl+C and Ctrl+Break raise this flag; scans poll it through IsCancelled,
-// the clean loop between items.
-void InstallCancelHandler();
+// The cancel flag of the process: a host raises it (the console on Ctrl+C
+// and Ctrl+Break); scans poll it through IsCancelled, the clean loop between
+// items.
 void RequestCancel();
 bool IsCancelRequested();
 void ResetCancel();  // before a new command of a host that runs many
@@ -65,8 +66,8 @@ struct SItemResult {
 // items themselves to clean them.
 enum EKeep { keepTotals, keepPaths, keepItems };
 
-// What a scan tells its host as it goes, on the scanning thread. Without
-// one the console draws a progress line; the window feeds its controls.
+// What a scan tells its host as it goes, on the scanning thread: the
+// console draws its progress line, the window feeds its controls.
 class IScanObserver {
  public:
   virtual ~IScanObserver() = default;
@@ -83,7 +84,7 @@ struct SScanOptions {
   EKeep keep = keepTotals;
   unsigned long cancelAfterFiles = 0;  // a test's way to cancel after so many files
   unsigned long olderThanDays = 0;     // 0: no age limit beyond the definitions' own
-  IScanObserver* observer = nullptr;   // null: the console's progress line
+  IScanObserver* observer = nullptr;   // null: nothing is told
   bool withoutAgeFilters = false;      // runs the rules as if none had an age (to explain a miss)
   bool everyItem = false;              // a file found by several items is kept for each, not the first only
 };
@@ -95,6 +96,10 @@ struct SScanResults {
   unsigned __int64 protectedSkipped = 0;
   bool cancelled = false;
 };
+
+// Loads a winapp2.ini file (a full path) into the store; throws
+// CHostError(exitUsage) when it cannot be read.
+SWinapp2Report LoadWinapp2(CConfigStore& store, const std::wstring& file);
 
 std::wstring GroupPath(const CScanGroup* group);
 bool IsOn(AttributeBoolState state);  // abTrue only
@@ -123,6 +128,10 @@ class CSession {
   // Every file left out is noted, with the reason, also when it throws.
   void LoadDefinitions(const std::vector<std::wstring>& folders);
   IConfig* Config() const { return m_config; }
+  // Loads winapp2.ini files (made absolute) beside the definitions; throws
+  // CHostError(exitUsage) for one that cannot be read. A file with skipped
+  // lines gets one note saying how many.
+  void LoadWinapp2Files(const std::vector<std::wstring>& files);
   // What the loads left out ("skipped FILE: REASON"), once, for the host to
   // show: the console on standard error, the window in a message.
   void NoteLoad(std::wstring note) { m_loadNotes.push_back(std::move(note)); }

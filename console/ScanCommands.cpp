@@ -1,14 +1,15 @@
 // broom scan and broom clean: running items, the results table and JSON, and cleaning.
-#include "host/Commands.h"
+#include "console/Commands.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <memory>
 
-#include "host/CleanRun.h"
-#include "host/Console.h"
-#include "host/Quarantine.h"
+#include "app/CleanRun.h"
+#include "app/Quarantine.h"
+#include "app/Text.h"
+#include "console/Console.h"
 
 namespace host {
 
@@ -162,7 +163,7 @@ int CmdScan(CSession& session, const SOptions& options) {
     return exitOk;
   }
   session.BeginScanLog(L"scan");
-  SScanResults results = session.Scan(items, ScanOptions(options, options.files ? keepPaths : keepTotals));
+  SScanResults results = ScanWithProgress(session, items, ScanOptions(options, options.files ? keepPaths : keepTotals));
   PrintScanErrors(results);
   // The guard's marks need the hits; a scan of totals keeps none.
   if (options.files) ApplyGuard(session, MakeGuard(options), results, false);
@@ -190,7 +191,7 @@ int CmdClean(CSession& session, const SOptions& options) {
     return exitOk;
   }
   session.BeginScanLog(L"clean");
-  SScanResults results = session.Scan(items, ScanOptions(options, keepItems));
+  SScanResults results = ScanWithProgress(session, items, ScanOptions(options, keepItems));
   PrintScanErrors(results);
   if (results.cancelled) {
     CConsole::Err(L"broom: cancelled during the scan; nothing was cleaned\n");

@@ -1,4 +1,4 @@
-#include "host/Quarantine.h"
+#include "app/Quarantine.h"
 
 #include <shlobj.h>
 #include <shlwapi.h>
@@ -10,12 +10,11 @@
 #include <map>
 #include <set>
 
+#include "app/Text.h"
 #include "clean/CleanableFolder.h"
 #include "clean/FileSystemOps.h"
 #include "core/Handles.h"
 #include "core/PathString.h"
-#include "host/Commands.h"
-#include "host/Console.h"
 #include "registry/CleanableRegistry.h"
 #include "registry/RegFile.h"
 #include "registry/RegistryPath.h"

@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "host/Session.h"
+#include "app/Session.h"
 
 namespace host {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "host/Session.h"
+#include "app/Session.h"
 
 namespace host {
 
@@ -29,20 +29,16 @@ struct SOptions {
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
+// Runs the scan with the progress line on the console, removed at the end.
+SScanResults ScanWithProgress(CSession& session, const std::vector<SItem>& items, SScanOptions scan);
 // Asks on the console; y, Y, yes, Yes or YES is a yes, anything else or the end of input a no.
 bool Confirm(const std::wstring& question);
 
 std::wstring Pad(const std::wstring& text, size_t width, bool right);
-std::wstring Plural(unsigned __int64 n, const wchar_t* one, const wchar_t* many);
 std::vector<std::wstring> WideList(const std::vector<std::string>& list);
 // Loads the --defs folders (made absolute), or the defs folder beside broom.exe,
 // then the --winapp2 files.
 void LoadDefinitions(CSession& session, const SOptions& options);
-// Loads the --winapp2 files (made absolute) into the session's store.
-void LoadWinapp2Files(CSession& session, const SOptions& options);
-// A path to protect as the whitelist stores it: registry paths normalised,
-// file paths made full. Throws CHostError(exitUsage) for one it cannot hold.
-std::wstring ProtectedPathText(const std::wstring& given);
 
 int CmdList(CSession& session, const SOptions& options);
 int CmdScan(CSession& session, const SOptions& options);

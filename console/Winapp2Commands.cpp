@@ -1,45 +1,25 @@
-// broom --winapp2 FILE and broom winapp2 check: the community's winapp2.ini
-// database beside the definitions.
-#include "host/Commands.h"
+// broom winapp2 check: what a winapp2.ini file gives and every line it skips.
+#include "console/Commands.h"
 
 #include <nlohmann/json.hpp>
 
-#include "host/Console.h"
+#include "app/Text.h"
+#include "console/Console.h"
 #include "winapp2/Winapp2Loader.h"
 
 namespace host {
 
 namespace {
 
-constexpr int kLinesSkipped = 1;  // exit code of a check that skipped lines
-
-CHostError Unreadable(const std::wstring& file, const SWinapp2Report& report) {
-  return CHostError{exitUsage, L"cannot read the winapp2 file '" + file + L"': " + report.error.str() +
-                                   L"; give the path of a winapp2.ini file"};
-}
+constexpr int exitLinesSkipped = 1;  // a check that skipped lines
 
 }  // namespace
-
-void LoadWinapp2Files(CSession& session, const SOptions& options) {
-  CConfigStore* store = CConfigStore::Of(session.Config());
-  if (!store) return;
-  for (const std::wstring& given : WideList(options.winapp2)) {
-    std::wstring file = FullPath(given);
-    SWinapp2Report report = CWinapp2Loader(*store).Load(file.c_str());
-    store->TakeLoadNotes();  // one line here; 'broom winapp2 check' lists them
-    if (!report.read) throw Unreadable(file, report);
-    if (!report.skipped.empty())
-      session.NoteLoad(file + L": " + Plural(report.skipped.size(), L"line was", L"lines were") +
-                       L" skipped; 'broom winapp2 check' lists them");
-  }
-}
 
 int CmdWinapp2Check(const SOptions& options) {
   std::wstring file = FullPath(Wide(options.file));
   // a store of its own: the check needs no definitions
   CRefPtr<IConfig> config = IConfig::NewConfig();
-  SWinapp2Report report = CWinapp2Loader(*CConfigStore::Of(config)).Load(file.c_str());
-  if (!report.read) throw Unreadable(file, report);
+  SWinapp2Report report = LoadWinapp2(*CConfigStore::Of(config), file);
   const std::pair<const char*, unsigned> counts[] = {
       {"entries", report.entries},         {"items", report.items},
       {"applicable", report.applicable},   {"file_rules", report.fileRules},
@@ -65,7 +45,7 @@ int CmdWinapp2Check(const SOptions& options) {
       out += L"  line " + std::to_wstring(skip.line) + L": " + skip.text.str() + L"\n      " + skip.reason.str() + L"\n";
     CConsole::Out(out);
   }
-  return report.skipped.empty() ? exitOk : kLinesSkipped;
+  return report.skipped.empty() ? exitOk : exitLinesSkipped;
 }
 
 }  // namespace host

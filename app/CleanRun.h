@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "app/Session.h"
 #include "guard/BlastGuard.h"
-#include "host/Session.h"
 
 namespace host {
 

@@ -1,8 +1,7 @@
 #pragma once
-// Console output for broom.exe: UTF-16 text written as wide console writes
-// when the handle is a console and as UTF-8 bytes when it is a file or a
-// pipe, so non-ASCII paths survive both. A progress line on standard error
-// is redrawn in place and only drawn when standard error is a console.
+// Text helpers both hosts use for what they show: UTF-8 and back, values
+// quoted for a message, counts, sizes, plurals and the system's words for an
+// error code.
 #include <windows.h>
 
 #include <string>
@@ -30,24 +29,7 @@ std::wstring SystemMessage(DWORD error);
 std::wstring FormatSize(unsigned __int64 bytes);
 // 1234567 -> "1,234,567".
 std::wstring FormatCount(unsigned __int64 value);
-
-class CConsole {
- public:
-  static void Init();
-  static void Out(const std::wstring& text);
-  static void Err(const std::wstring& text);
-  static void OutBytes(const std::string& utf8);
-
-  static bool ErrIsConsole();
-  // Replaces the progress line; cut to the console's width.
-  static void Progress(const std::wstring& line);
-  static void ClearProgress();
-
-  // One line from standard input without its line end; false at end of input.
-  static bool ReadLine(std::wstring& line);
-
- private:
-  static void Write(DWORD which, const std::wstring& text);
-};
+// "1 file", "1,024 files".
+std::wstring Plural(unsigned __int64 n, const wchar_t* one, const wchar_t* many);
 
 }  // namespace host

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+class CWhiteListTree;
+
 namespace host {
 
 struct SWhiteListFault {
@@ -28,5 +30,14 @@ std::wstring WhyNotStorable(const std::wstring& path);
 // The path a line that the loader accepts is listed as: upper case, without
 // its one trailing separator.
 std::wstring StoredForm(const std::wstring& line);
+
+// A path to protect as the whitelist stores it: a registry path (it starts
+// with a hive name) in the form the registry scans look for,
+// HKCU\Software\Vendor, a value as one more component; anything else as a
+// full file path. Throws CHostError(exitUsage) for one it cannot hold.
+std::wstring ProtectedPathText(const std::wstring& given);
+
+// Whether the path is itself an entry of the list (not only below one).
+bool IsListed(const CWhiteListTree& list, const std::wstring& path);
 
 }  // namespace host

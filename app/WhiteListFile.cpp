@@ -1,7 +1,9 @@
-#include "host/WhiteListFile.h"
+#include "app/WhiteListFile.h"
 
+#include "app/Session.h"
+#include "app/Text.h"
 #include "core/PathString.h"
-#include "host/Console.h"
+#include "registry/RegistryPath.h"
 #include "whitelist/WhiteListTree.h"
 
 namespace host {
@@ -96,6 +98,31 @@ std::wstring WhyNotStorable(const std::wstring& path) {
       return L"holds the control character " + Hex4(c) + L", which would end or cut its line";
   }
   return std::wstring();
+}
+
+std::wstring ProtectedPathText(const std::wstring& given) {
+  for (wchar_t c : given)
+    if (c < 0x20)
+      throw CHostError{exitUsage, L"the path " + Quoted(given) +
+                                      L" holds a control character, which no file name can hold; check the argument"};
+  if (!CRegistryPath::StartsWithHive(given.c_str())) return FullPath(given);
+  CRegistryPath path;
+  path.Parse(given);
+  std::wstring normal = path.WhiteListText();
+  if (normal.size() > MAX_PATH)
+    throw CHostError{exitUsage,
+                     L"the registry path " + Quoted(given) + L" is longer than 260 characters; protect a key above it"};
+  return normal;
+}
+
+bool IsListed(const CWhiteListTree& list, const std::wstring& path) {
+  std::wstring upper = path;
+  CWhiteListTree::UpperCase(&upper[0], static_cast<int>(upper.size()));
+  CRefPtr<IConstTArray<CString>> listed = list.SaveToArray(0x1);
+  if (listed)
+    for (const CString& entry : listed->GetArray())
+      if (upper == entry.GetString()) return true;
+  return false;
 }
 
 }  // namespace host

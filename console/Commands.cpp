@@ -1,7 +1,9 @@
 // Helpers shared by the commands.
-#include "host/Commands.h"
+#include "console/Commands.h"
 
-#include "host/Console.h"
+#include "app/Text.h"
+#include "console/Console.h"
+#include "console/ProgressLine.h"
 
 namespace host {
 
@@ -9,10 +11,6 @@ std::wstring Pad(const std::wstring& text, size_t width, bool right) {
   if (text.size() >= width) return text;
   std::wstring fill(width - text.size(), L' ');
   return right ? fill + text : text + fill;
-}
-
-std::wstring Plural(unsigned __int64 n, const wchar_t* one, const wchar_t* many) {
-  return FormatCount(n) + L" " + (n == 1 ? one : many);
 }
 
 std::vector<std::wstring> WideList(const std::vector<std::string>& list) {
@@ -31,7 +29,7 @@ void LoadDefinitions(CSession& session, const SOptions& options) {
   };
   try {
     session.LoadDefinitions(folders);
-    LoadWinapp2Files(session, options);
+    session.LoadWinapp2Files(WideList(options.winapp2));
   } catch (...) {
     show();
     throw;
@@ -53,6 +51,12 @@ SScanOptions ScanOptions(const SOptions& options, EKeep keep) {
   scan.cancelAfterFiles = options.cancelAfterFiles;
   scan.olderThanDays = options.olderThan;
   return scan;
+}
+
+SScanResults ScanWithProgress(CSession& session, const std::vector<SItem>& items, SScanOptions scan) {
+  CProgressLine progress;
+  scan.observer = &progress;
+  return session.Scan(items, scan);
 }
 
 }  // namespace host

@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "app/Text.h"
+#include "console/Commands.h"
+#include "console/Console.h"
 #include "core/Handles.h"
-#include "host/Console.h"
-#include "host/Commands.h"
 #include "threads/MsgThreadSTA.h"
 
 #ifndef BROOM_VERSION
@@ -159,7 +160,7 @@ int Run(int argc, wchar_t** argv) {
 
 int wmain(int argc, wchar_t** argv) {
   CConsole::Init();
-  InstallCancelHandler();
+  CConsole::InstallCancelHandler();
   // Cleaning falls back to a COM server on this thread.
   HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
   int code = exitUsage;

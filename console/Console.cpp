@@ -1,84 +1,9 @@
-#include "host/Console.h"
+#include "console/Console.h"
 
-#include <cstdio>
+#include "app/Session.h"
+#include "app/Text.h"
 
 namespace host {
-
-std::string Utf8(const wchar_t* text, size_t length) {
-  if (length == 0) return std::string();
-  int bytes = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0, nullptr, nullptr);
-  std::string out(static_cast<size_t>(bytes), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), &out[0], bytes, nullptr, nullptr);
-  return out;
-}
-
-std::string Utf8(const std::wstring& text) { return Utf8(text.data(), text.size()); }
-std::string Utf8(const CString& text) { return Utf8(text.GetString(), static_cast<size_t>(text.GetLength())); }
-
-std::wstring Wide(const std::string& utf8) {
-  if (utf8.empty()) return std::wstring();
-  int chars = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0);
-  std::wstring out(static_cast<size_t>(chars), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), &out[0], chars);
-  return out;
-}
-
-std::wstring Printable(const std::wstring& text) {
-  std::wstring out;
-  out.reserve(text.size());
-  for (wchar_t c : text) {
-    if (c < 0x20 || (c >= 0x7F && c <= 0x9F) || c == 0x2028 || c == 0x2029) {
-      wchar_t escaped[16];
-      swprintf(escaped, 16, L"<U+%04X>", static_cast<unsigned>(c));
-      out += escaped;
-    } else {
-      out += c;
-    }
-  }
-  return out;
-}
-
-std::wstring Quoted(const std::wstring& text, size_t max) {
-  if (text.size() <= max) return L"'" + Printable(text) + L"'";
-  return L"'" + Printable(text.substr(0, max)) + L"\u2026'";
-}
-
-std::wstring SystemMessage(DWORD error) {
-  wchar_t* text = nullptr;
-  DWORD n = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                           nullptr, error, 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-  std::wstring message = n && text ? std::wstring(text, n) : std::wstring(L"system error");
-  if (text) LocalFree(text);
-  while (!message.empty() && (message.back() == L'\n' || message.back() == L'\r' || message.back() == L' ' ||
-                              message.back() == L'.'))
-    message.pop_back();
-  return message + L" (error " + std::to_wstring(error) + L")";
-}
-
-std::wstring FormatSize(unsigned __int64 bytes) {
-  static const wchar_t* const units[] = {L"KB", L"MB", L"GB", L"TB"};
-  if (bytes < 1024) return std::to_wstring(bytes) + (bytes == 1 ? L" byte" : L" bytes");
-  double value = static_cast<double>(bytes) / 1024.0;
-  int unit = 0;
-  while (value >= 1024.0 && unit < 3) {
-    value /= 1024.0;
-    ++unit;
-  }
-  wchar_t text[32];
-  swprintf(text, 32, L"%.1f %ls", value, units[unit]);
-  return text;
-}
-
-std::wstring FormatCount(unsigned __int64 value) {
-  std::wstring digits = std::to_wstring(value);
-  std::wstring out;
-  int n = static_cast<int>(digits.size());
-  for (int i = 0; i < n; ++i) {
-    if (i > 0 && (n - i) % 3 == 0) out += L',';
-    out += digits[static_cast<size_t>(i)];
-  }
-  return out;
-}
 
 namespace {
 
@@ -89,6 +14,14 @@ bool IsConsole(HANDLE h) {
 
 bool g_progressShown = false;
 
+BOOL WINAPI OnConsoleControl(DWORD type) {
+  if (type == CTRL_C_EVENT || type == CTRL_BREAK_EVENT) {
+    RequestCancel();
+    return TRUE;  // the scan stops itself; the process must not be killed half-way
+  }
+  return FALSE;
+}
+
 }  // namespace
 
 void CConsole::Init() {
@@ -96,6 +29,8 @@ void CConsole::Init() {
   // through WriteConsoleW or as UTF-8 bytes either way.
   SetConsoleOutputCP(CP_UTF8);
 }
+
+void CConsole::InstallCancelHandler() { SetConsoleCtrlHandler(OnConsoleControl, TRUE); }
 
 void CConsole::Write(DWORD which, const std::wstring& text) {
   HANDLE h = GetStdHandle(which);

@@ -1,9 +1,10 @@
 // broom explain PATH: which enabled items would take a file, by which rule,
 // and when none would, why not.
-#include "host/Commands.h"
+#include "console/Commands.h"
 
+#include "app/Text.h"
+#include "console/Console.h"
 #include "guard/BlastGuard.h"
-#include "host/Console.h"
 #include "scan/BaseFileScan.h"
 
 namespace host {
@@ -84,7 +85,7 @@ int CmdExplain(CSession& session, const SOptions& options) {
   scan.olderThanDays = 0;
   scan.withoutAgeFilters = true;
   scan.everyItem = true;
-  SScanResults results = session.Scan(items, scan);
+  SScanResults results = ScanWithProgress(session, items, scan);
   if (results.cancelled) {
     CConsole::Err(L"broom: cancelled\n");
     return exitCancelled;

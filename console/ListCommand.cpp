@@ -1,9 +1,10 @@
 // broom list: the tree of groups and items with their states.
-#include "host/Commands.h"
+#include "console/Commands.h"
 
 #include <nlohmann/json.hpp>
 
-#include "host/Console.h"
+#include "app/Text.h"
+#include "console/Console.h"
 
 namespace host {
 

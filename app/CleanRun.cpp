@@ -1,7 +1,7 @@
-#include "host/CleanRun.h"
+#include "app/CleanRun.h"
 
+#include "app/Quarantine.h"
 #include "clean/CleanItems.h"
-#include "host/Quarantine.h"
 
 namespace host {
 

@@ -1,15 +1,16 @@
 // broom restore and broom quarantine: putting the files of a quarantine
 // back, listing and purging the managed quarantines; the quarantine of a clean.
-#include "host/Commands.h"
+#include "console/Commands.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <memory>
 
-#include "host/Console.h"
-#include "host/Quarantine.h"
-#include "host/QuarantineStore.h"
+#include "app/Quarantine.h"
+#include "app/QuarantineStore.h"
+#include "app/Text.h"
+#include "console/Console.h"
 
 namespace host {
 

@@ -1,13 +1,13 @@
-#include "host/QuarantineStore.h"
+#include "app/QuarantineStore.h"
 
 #include <shlobj.h>
 
 #include <algorithm>
 #include <cwchar>
 
+#include "app/Quarantine.h"
+#include "app/Text.h"
 #include "core/Handles.h"
-#include "host/Console.h"
-#include "host/Quarantine.h"
 
 namespace host {
 
