@@ -4,12 +4,12 @@
 // and running their scans.
 #include <windows.h>
 
-#include <atomic>
 #include <string>
 #include <vector>
 
-#include "atl/CString.h"
-#include "clean/CleanableFile.h"
+#include "app/HostError.h"
+#include "app/ItemSelection.h"
+#include "app/ScanRun.h"
 #include "core/RefCounting.h"
 #include "log/LogWriter.h"
 #include "scandefs/ConfigStore.h"
@@ -19,91 +19,10 @@
 
 namespace host {
 
-enum ExitCode { exitOk = 0, exitCleanFailures = 1, exitUsage = 2, exitCancelled = 130 };
-
-// A failure that ends the command: a one-line message for standard error
-// (which says what to do) and the exit code.
-struct CHostError {
-  int code;
-  std::wstring message;
-};
-
-// The cancel flag of the process: a host raises it (the console on Ctrl+C
-// and Ctrl+Break); scans poll it through IsCancelled, the clean loop between
-// items.
-void RequestCancel();
-bool IsCancelRequested();
-void ResetCancel();  // before a new command of a host that runs many
-
-// A scan definition group that has operations of its own: what a user ticks.
-struct SItem {
-  CScanGroup* group = nullptr;
-  std::wstring path;  // "System/Temporary files"
-};
-
-struct SHit {
-  CRefPtr<ICleanableItem> item;
-  std::wstring path;
-  unsigned __int64 size = 0;
-  const IScanOperation* op = nullptr;  // the operation that found it, in the session's tree
-  // The guard's verdict, once asked: why it may not be cleaned, or the
-  // user's own folder it lies in ("Documents"); both empty otherwise.
-  CString refusal;
-  CString userFolder;
-};
-
-struct SItemResult {
-  SItem item;
-  std::vector<SHit> hits;  // kept as the scan was asked to (see EKeep)
-  unsigned __int64 files = 0;
-  unsigned __int64 size = 0;
-  std::vector<std::wstring> errors;  // operations that failed to run
-  std::wstring refusal;              // why none of its hits may be cleaned (past the runaway limits)
-};
-
-// What a scan keeps of each hit: only the totals (a scan that reports
-// counts and sizes holds no item), the paths and sizes to list them, or the
-// items themselves to clean them.
-enum EKeep { keepTotals, keepPaths, keepItems };
-
-// What a scan tells its host as it goes, on the scanning thread: the
-// console draws its progress line, the window feeds its controls.
-class IScanObserver {
- public:
-  virtual ~IScanObserver() = default;
-  virtual void OnItem(const std::wstring& itemPath, size_t index, size_t count) = 0;
-  // position of total, as the operation reports it (the total may be 0)
-  virtual void OnProgress(int position, int total) = 0;
-  virtual void OnFolder(const std::wstring& folder) = 0;
-  // the running totals of the whole scan, after each hit
-  virtual void OnHits(unsigned __int64 files, unsigned __int64 bytes) = 0;
-  virtual bool IsCancelled() { return IsCancelRequested(); }
-};
-
-struct SScanOptions {
-  EKeep keep = keepTotals;
-  unsigned long cancelAfterFiles = 0;  // a test's way to cancel after so many files
-  unsigned long olderThanDays = 0;     // 0: no age limit beyond the definitions' own
-  IScanObserver* observer = nullptr;   // null: nothing is told
-  bool withoutAgeFilters = false;      // runs the rules as if none had an age (to explain a miss)
-  bool everyItem = false;              // a file found by several items is kept for each, not the first only
-};
-
-struct SScanResults {
-  std::vector<SItemResult> items;
-  unsigned __int64 files = 0;
-  unsigned __int64 size = 0;
-  unsigned __int64 protectedSkipped = 0;
-  bool cancelled = false;
-};
-
 // Loads a winapp2.ini file (a full path) into the store; throws
 // CHostError(exitUsage) when it cannot be read.
 SWinapp2Report LoadWinapp2(CConfigStore& store, const std::wstring& file);
 
-std::wstring GroupPath(const CScanGroup* group);
-bool IsOn(AttributeBoolState state);  // abTrue only
-bool IsEnabled(const CScanGroup* group);  // not switched off by a failed check
 // The full, absolute form of a path given on the command line, without a
 // trailing separator (drive roots keep theirs).
 std::wstring FullPath(const std::wstring& path);

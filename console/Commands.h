@@ -52,8 +52,8 @@ class CQuarantine;
 std::unique_ptr<CQuarantine> OpenCleanQuarantine(CSession& session, const SOptions& options);
 int CmdProtect(CSession& session, const SOptions& options);
 int CmdUnprotect(CSession& session, const SOptions& options);
-int CmdProtected(CSession& session);
-int CmdWinapp2Check(const SOptions& options);
+int CmdProtected(CSession& session, const SOptions& options);
+int CmdWinapp2Check(CSession& session, const SOptions& options);
 int CmdExplain(CSession& session, const SOptions& options);
 
 }  // namespace host

@@ -40,7 +40,7 @@ int CmdUnprotect(CSession& session, const SOptions& options) {
   return exitOk;
 }
 
-int CmdProtected(CSession& session) {
+int CmdProtected(CSession& session, const SOptions&) {
   session.LoadWhiteList();
   CRefPtr<IConstTArray<CString>> list = session.WhiteList().SaveToArray(0x1);
   if (!list || list->GetArray().empty()) {

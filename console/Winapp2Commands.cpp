@@ -15,7 +15,7 @@ constexpr int exitLinesSkipped = 1;  // a check that skipped lines
 
 }  // namespace
 
-int CmdWinapp2Check(const SOptions& options) {
+int CmdWinapp2Check(CSession&, const SOptions& options) {
   std::wstring file = FullPath(Wide(options.file));
   // a store of its own: the check needs no definitions
   CRefPtr<IConfig> config = IConfig::NewConfig();

@@ -28,6 +28,109 @@ bool IsCommand(const CLI::App& app, const std::string& name) {
   return false;
 }
 
+void AddOlderThan(CLI::App& command, SOptions& options, const char* help) {
+  command.add_option("--older-than", options.olderThan, help)->type_name("DAYS")->check(CLI::Range(1ul, 36500ul));
+}
+
+// One command of broom: the command it belongs to (null at the top), its
+// name and help, the options it takes and what runs it. The order is the
+// order of the help.
+struct SCommand {
+  const char* group;
+  const char* name;
+  const char* help;
+  void (*options)(CLI::App& command, SOptions& options);
+  int (*run)(CSession& session, const SOptions& options);
+};
+
+const std::pair<const char*, const char*> kGroups[] = {
+    {"quarantine", "Work with the managed quarantines"},
+    {"winapp2", "Work with winapp2.ini files"},
+};
+
+const SCommand kCommands[] = {
+    {nullptr, "list", "Show the groups and items of the definitions with their states",
+     [](CLI::App& c, SOptions& o) {
+       c.add_flag("--json", o.json, "Print the whole tree as JSON, with every operation's source");
+     },
+     CmdList},
+    {nullptr, "scan", "Scan items (default: those on by default) and show what was found",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("items", o.items, "Item or group paths, e.g. \"System/Temporary files\"");
+       c.add_flag("--files", o.files, "List every file found");
+       c.add_flag("--json", o.json, "Print the results as JSON");
+       AddOlderThan(c, o, "Only files last changed at least DAYS days ago");
+       c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
+     },
+     CmdScan},
+    {nullptr, "clean", "Scan, confirm, then delete what was found (or move it aside)",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("items", o.items, "Item or group paths (default: those on by default for cleaning)");
+       c.add_flag("--files", o.files, "List every file found before asking");
+       c.add_flag("-y,--yes", o.yes, "Do not ask for confirmation");
+       c.add_option("--quarantine", o.quarantine,
+                    "Move the hits aside instead of deleting them: into a new managed quarantine, or into DIR "
+                    "(a path with a backslash: C:\\q, .\\q)")
+           ->type_name("[DIR]")
+           ->expected(0, 1);
+       AddOlderThan(c, o, "Only files last changed at least DAYS days ago");
+       c.add_flag("--force", o.force, "Clean items that found more than 100,000 files or 20 GB (other refusals stay)");
+       c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
+       c.add_option("--runaway-files", o.runawayFiles)->group("");
+     },
+     CmdClean},
+    {nullptr, "explain",
+     "Show which items and rules would take a file, or why none would (protected, too new, no match)",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("PATH", o.path, "A file or folder")->required();
+       AddOlderThan(c, o, "As for scan and clean");
+     },
+     CmdExplain},
+    {nullptr, "restore", "Put the hits of a quarantine back where they were",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("QUARANTINE", o.folder,
+                    "latest, a name from 'broom quarantine list', or a folder given to clean --quarantine (a path "
+                    "with a backslash: C:\\q, .\\q)")
+           ->required();
+     },
+     CmdRestore},
+    {"quarantine", "list", "Show each managed quarantine, newest first: name, date, items and size",
+     [](CLI::App& c, SOptions& o) { c.add_flag("--json", o.json, "Print the list as JSON"); }, CmdQuarantineList},
+    {"quarantine", "purge", "Delete the managed quarantines older than DAYS for good",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("--older-than", o.olderThan, "Age in days (by the date in the name)")->type_name("DAYS")->required();
+       c.add_flag("-y,--yes", o.yes, "Do not ask for confirmation");
+     },
+     CmdQuarantinePurge},
+    {nullptr, "protect", "Protect a file, folder or registry key (HKCU\\Software\\Vendor) from every scan and clean",
+     [](CLI::App& c, SOptions& o) { c.add_option("PATH", o.path, "File, folder or registry key")->required(); },
+     CmdProtect},
+    {nullptr, "unprotect", "Remove a path from the protected list",
+     [](CLI::App& c, SOptions& o) { c.add_option("PATH", o.path, "A path listed by 'broom protected'")->required(); },
+     CmdUnprotect},
+    {nullptr, "protected", "Show the protected paths", [](CLI::App&, SOptions&) {}, CmdProtected},
+    {"winapp2", "check",
+     "Read a winapp2.ini file: its counts and every line that cannot be used (exit code 1 when any)",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("FILE", o.file, "The winapp2.ini file")->required();
+       c.add_flag("--json", o.json, "Print the report as JSON");
+     },
+     CmdWinapp2Check},
+};
+
+// The command a group stands for, made when its first command is.
+CLI::App* Group(CLI::App& app, const std::string& name) {
+  for (CLI::App* made : app.get_subcommands([&](CLI::App* sub) { return sub->get_name() == name; }))
+    return made;
+  for (const auto& group : kGroups) {
+    if (name != group.first) continue;
+    CLI::App* made = app.add_subcommand(group.first, group.second);
+    made->require_subcommand(1);
+    return made;
+  }
+  return &app;
+}
+
 int Run(int argc, wchar_t** argv) {
   CLI::App app{"broom: finds and removes the leftovers of Windows and its programs", "broom"};
   SOptions options;
@@ -46,73 +149,12 @@ int Run(int argc, wchar_t** argv) {
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   app.add_flag("--no-log", options.noLog, "Do not write scan logs");
-
-  CLI::App* list = app.add_subcommand("list", "Show the groups and items of the definitions with their states");
-  list->add_flag("--json", options.json, "Print the whole tree as JSON, with every operation's source");
-  CLI::App* scan = app.add_subcommand("scan", "Scan items (default: those on by default) and show what was found");
-  scan->add_option("items", options.items, "Item or group paths, e.g. \"System/Temporary files\"");
-  scan->add_flag("--files", options.files, "List every file found");
-  scan->add_flag("--json", options.json, "Print the results as JSON");
-  scan->add_option("--older-than", options.olderThan, "Only files last changed at least DAYS days ago")
-      ->type_name("DAYS")
-      ->check(CLI::Range(1ul, 36500ul));
-  scan->add_option("--cancel-after-files", options.cancelAfterFiles)->group("");
-
-  CLI::App* clean = app.add_subcommand("clean", "Scan, confirm, then delete what was found (or move it aside)");
-  clean->add_option("items", options.items, "Item or group paths (default: those on by default for cleaning)");
-  clean->add_flag("--files", options.files, "List every file found before asking");
-  clean->add_flag("-y,--yes", options.yes, "Do not ask for confirmation");
-  CLI::Option* quarantine =
-      clean
-          ->add_option("--quarantine", options.quarantine,
-                       "Move the hits aside instead of deleting them: into a new managed quarantine, or into DIR "
-                       "(a path with a backslash: C:\\q, .\\q)")
-          ->type_name("[DIR]")
-          ->expected(0, 1);
-  clean->add_option("--older-than", options.olderThan, "Only files last changed at least DAYS days ago")
-      ->type_name("DAYS")
-      ->check(CLI::Range(1ul, 36500ul));
-  clean->add_flag("--force", options.force,
-                  "Clean items that found more than 100,000 files or 20 GB (other refusals stay)");
-  clean->add_option("--cancel-after-files", options.cancelAfterFiles)->group("");
-  clean->add_option("--runaway-files", options.runawayFiles)->group("");
-
-  CLI::App* explain = app.add_subcommand(
-      "explain", "Show which items and rules would take a file, or why none would (protected, too new, no match)");
-  explain->add_option("PATH", options.path, "A file or folder")->required();
-  explain->add_option("--older-than", options.olderThan, "As for scan and clean")
-      ->type_name("DAYS")
-      ->check(CLI::Range(1ul, 36500ul));
-
-  CLI::App* restore = app.add_subcommand("restore", "Put the hits of a quarantine back where they were");
-  restore
-      ->add_option("QUARANTINE", options.folder,
-                   "latest, a name from 'broom quarantine list', or a folder given to clean --quarantine (a path "
-                   "with a backslash: C:\\q, .\\q)")
-      ->required();
-  CLI::App* quarantines = app.add_subcommand("quarantine", "Work with the managed quarantines");
-  quarantines->require_subcommand(1);
-  CLI::App* quarantineList =
-      quarantines->add_subcommand("list", "Show each managed quarantine, newest first: name, date, items and size");
-  quarantineList->add_flag("--json", options.json, "Print the list as JSON");
-  CLI::App* quarantinePurge =
-      quarantines->add_subcommand("purge", "Delete the managed quarantines older than DAYS for good");
-  quarantinePurge->add_option("--older-than", options.olderThan, "Age in days (by the date in the name)")
-      ->type_name("DAYS")
-      ->required();
-  quarantinePurge->add_flag("-y,--yes", options.yes, "Do not ask for confirmation");
-  CLI::App* protect = app.add_subcommand(
-      "protect", "Protect a file, folder or registry key (HKCU\\Software\\Vendor) from every scan and clean");
-  protect->add_option("PATH", options.path, "File, folder or registry key")->required();
-  CLI::App* unprotect = app.add_subcommand("unprotect", "Remove a path from the protected list");
-  unprotect->add_option("PATH", options.path, "A path listed by 'broom protected'")->required();
-  CLI::App* listProtected = app.add_subcommand("protected", "Show the protected paths");
-  CLI::App* winapp2 = app.add_subcommand("winapp2", "Work with winapp2.ini files");
-  winapp2->require_subcommand(1);
-  CLI::App* winapp2Check = winapp2->add_subcommand(
-      "check", "Read a winapp2.ini file: its counts and every line that cannot be used (exit code 1 when any)");
-  winapp2Check->add_option("FILE", options.file, "The winapp2.ini file")->required();
-  winapp2Check->add_flag("--json", options.json, "Print the report as JSON");
+  std::vector<CLI::App*> commands;
+  for (const SCommand& command : kCommands) {
+    CLI::App* parent = command.group ? Group(app, command.group) : &app;
+    commands.push_back(parent->add_subcommand(command.name, command.help));
+    command.options(*commands.back(), options);
+  }
 
   // CLI11 takes UTF-8 arguments in reverse order.
   std::vector<std::string> args;
@@ -138,21 +180,13 @@ int Run(int argc, wchar_t** argv) {
     return exitUsage;
   }
 
-  options.quarantineGiven = quarantine->count() > 0;
+  // --quarantine without a folder: a new managed quarantine
+  options.quarantineGiven = app.get_subcommand("clean")->get_option("--quarantine")->count() > 0;
 
   CSession session;
   session.Start(options.noLog);
-  if (list->parsed()) return CmdList(session, options);
-  if (scan->parsed()) return CmdScan(session, options);
-  if (clean->parsed()) return CmdClean(session, options);
-  if (restore->parsed()) return CmdRestore(session, options);
-  if (quarantineList->parsed()) return CmdQuarantineList(session, options);
-  if (quarantinePurge->parsed()) return CmdQuarantinePurge(session, options);
-  if (protect->parsed()) return CmdProtect(session, options);
-  if (unprotect->parsed()) return CmdUnprotect(session, options);
-  if (listProtected->parsed()) return CmdProtected(session);
-  if (winapp2Check->parsed()) return CmdWinapp2Check(options);
-  if (explain->parsed()) return CmdExplain(session, options);
+  for (size_t i = 0; i < commands.size(); ++i)
+    if (commands[i]->parsed()) return kCommands[i].run(session, options);
   return exitUsage;
 }
 
