@@ -2,6 +2,7 @@
 
 #include "app/Quarantine.h"
 #include "clean/CleanItems.h"
+#include "clean/ResultCodes.h"
 
 namespace host {
 

@@ -29,16 +29,6 @@
 
 namespace host {
 
-// Codes of moves that the quarantine makes itself: this OR-ed with the
-// Win32 error; the hit stays where it was and no copy is kept.
-enum : DWORD {
-  kQuarantineMoveFailed = 0x80660000,
-  // a folder that is not empty would be copied to another drive piece by piece
-  kQuarantineFolderAcross = kQuarantineMoveFailed | ERROR_NOT_SAME_DEVICE,
-  // the copy on the other drive did not read back as the file
-  kQuarantineCopyMismatch = kQuarantineMoveFailed | ERROR_CRC,
-};
-
 struct SQuarantineEntry {
   std::wstring original;  // full path the file came from, or the registry path
   std::wstring stored;    // name inside the quarantine folder
@@ -81,7 +71,7 @@ class CQuarantine {
   // removes the copy and leaves the file; a folder that is not empty is not
   // moved across drives. A registry hit is exported to a .reg file, the
   // export checked, then the hit deleted. Taken names get a free variant.
-  // Returns 0 or a result code (ExplainResult); the manifest is rewritten
+  // Returns 0 or a result code (clean/ResultCodes.h); the manifest is rewritten
   // after every hit that moved.
   DWORD Add(const SHit& hit, const std::wstring& itemPath, const SOperationSource* source);
 
@@ -124,8 +114,5 @@ class CQuarantine {
   std::vector<SQuarantineEntry> m_entries;
   bool m_created = false;  // the folder was made by this object
 };
-
-// What a result code of Clean or Move means, in words.
-std::wstring ExplainResult(DWORD code);
 
 }  // namespace host

@@ -31,18 +31,6 @@ std::wstring Quoted(const std::wstring& text, size_t max) {
   return L"'" + Printable(text.substr(0, max)) + L"\u2026'";
 }
 
-std::wstring SystemMessage(DWORD error) {
-  wchar_t* text = nullptr;
-  DWORD n = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                           nullptr, error, 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-  std::wstring message = n && text ? std::wstring(text, n) : std::wstring(L"system error");
-  if (text) LocalFree(text);
-  while (!message.empty() && (message.back() == L'\n' || message.back() == L'\r' || message.back() == L' ' ||
-                              message.back() == L'.'))
-    message.pop_back();
-  return message + L" (error " + std::to_wstring(error) + L")";
-}
-
 std::wstring FormatSize(unsigned __int64 bytes) {
   static const wchar_t* const units[] = {L"KB", L"MB", L"GB", L"TB"};
   if (bytes < 1024) return std::to_wstring(bytes) + (bytes == 1 ? L" byte" : L" bytes");

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "atl/CString.h"
+#include "core/Exceptions.h"
 
 namespace host {
 
@@ -23,7 +24,7 @@ std::wstring Printable(const std::wstring& text);
 std::wstring Quoted(const std::wstring& text, size_t max = 260);
 
 // What a Win32 error code means, with its number: "Access is denied (error 5)".
-std::wstring SystemMessage(DWORD error);
+using broom::SystemMessage;
 
 // "1.5 MB", "512 bytes", ... (binary units, one decimal).
 std::wstring FormatSize(unsigned __int64 bytes);
