@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cwchar>
 
+#include "app/HostError.h"
 #include "app/Quarantine.h"
 #include "app/Text.h"
 #include "core/Handles.h"

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -459,118 +458,56 @@ TEST_F(BroomExe, FailuresAreExplainedAndExitWithOne) {
 
 // ---- quarantine ----
 
-TEST_F(BroomExe, QuarantineThenRestoreGivesBackEveryByte) {
-  std::vector<std::pair<std::wstring, std::string>> files = {
-      {Tree(L"junk\\x\\same.txt"), Bytes(1500, 1)},
-      {Tree(L"junk\\y\\same.txt"), Bytes(2500, 2)},
-      {Tree(L"junk\\z\\deeper\\other.dat"), Bytes(0, 3)},
-      {Tree(L"junk\\w\\\u00e9t\u00e9.bin"), Bytes(70000, 4)}};
-  for (auto& f : files) WriteFile(f.first, f.second);
+// The moves and the manifest's checks are tested in-process (tests/app);
+// these are what broom says and how it exits.
+TEST_F(BroomExe, QuarantineThenRestoreGivesBackEveryByteAndNeverReplacesAFile) {
+  const std::wstring a = WriteFile(Tree(L"junk\\a.bin"), Bytes(100, 5));
+  const std::wstring b = WriteFile(Tree(L"junk\\w\\\u00e9t\u00e9.bin"), Bytes(70000, 4));
   WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
-  std::wstring q = m_root / L"quarantine";
+  const std::wstring q = m_root / L"quarantine";
 
   RunResult moved = Run({L"clean", L"--yes", L"--quarantine", q});
   ASSERT_EQ(0u, moved.code) << moved.err;
-  EXPECT_NE(std::string::npos, moved.out.find("Moved 4 files")) << moved.out;
-  for (auto& f : files) EXPECT_FALSE(Exists(f.first)) << Narrow(f.first);
-  nlohmann::json manifest = nlohmann::json::parse(ReadFile(q + L"\\broom-quarantine.json"), nullptr, false);
-  ASSERT_FALSE(manifest.is_discarded());
-  ASSERT_EQ(4u, manifest["entries"].size());
-  std::vector<std::string> stored;
-  for (auto& e : manifest["entries"]) stored.push_back(e["stored"]);
-  std::sort(stored.begin(), stored.end());
-  EXPECT_EQ((std::vector<std::string>{"other.dat", "same (1).txt", "same.txt", Narrow(L"\u00e9t\u00e9.bin")}), stored);
-
+  EXPECT_NE(std::string::npos, moved.out.find("Moved 2 files")) << moved.out;
+  EXPECT_FALSE(Exists(a) || Exists(b));
   // A second clean finds nothing: the quarantine is not scanned, the sources are empty.
   RunResult again = Run({L"clean", L"--yes", L"--quarantine", q});
   EXPECT_NE(std::string::npos, again.out.find("Nothing to clean.")) << again.out;
 
+  WriteFile(a, "new content");
+  RunResult kept = RunBare({L"restore", q});
+  EXPECT_EQ(1u, kept.code);
+  EXPECT_NE(std::string::npos, kept.err.find("not restored: " + Narrow(a) + ": a file already exists")) << kept.err;
+  EXPECT_NE(std::string::npos, kept.err.find("1 file stays in")) << kept.err;
+  EXPECT_EQ("new content", ReadFile(a));
+  EXPECT_EQ(Bytes(70000, 4), ReadFile(b));
+  DeleteFileW(a.c_str());
   RunResult restored = RunBare({L"restore", q});
   ASSERT_EQ(0u, restored.code) << restored.err;
-  EXPECT_NE(std::string::npos, restored.out.find("Restored 4 files")) << restored.out;
-  for (auto& f : files) EXPECT_EQ(f.second, ReadFile(f.first)) << Narrow(f.first);
+  EXPECT_NE(std::string::npos, restored.out.find("Restored 1 file")) << restored.out;
+  EXPECT_EQ(Bytes(100, 5), ReadFile(a));
   EXPECT_FALSE(Exists(q));
 }
 
-TEST_F(BroomExe, RestoreKeepsWhatWouldOverwriteAFile) {
-  std::wstring a = WriteFile(Tree(L"junk\\a.bin"), Bytes(100, 5));
-  std::wstring b = WriteFile(Tree(L"junk\\b.bin"), Bytes(200, 6));
-  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
-  std::wstring q = m_root / L"q";
-  ASSERT_EQ(0u, Run({L"clean", L"--yes", L"--quarantine", q}).code);
-  WriteFile(a, "new content");
-
-  RunResult r = RunBare({L"restore", q});
-  EXPECT_EQ(1u, r.code);
-  EXPECT_NE(std::string::npos, r.err.find("not restored: " + Narrow(a) + ": a file already exists")) << r.err;
-  EXPECT_EQ("new content", ReadFile(a));
-  EXPECT_EQ(Bytes(200, 6), ReadFile(b));
-  EXPECT_EQ(Bytes(100, 5), ReadFile(q + L"\\a.bin"));
-  nlohmann::json manifest = nlohmann::json::parse(ReadFile(q + L"\\broom-quarantine.json"));
-  ASSERT_EQ(1u, manifest["entries"].size());
-  EXPECT_EQ(Narrow(a), manifest["entries"][0]["original"]);
-
-  DeleteFileW(a.c_str());
-  EXPECT_EQ(0u, RunBare({L"restore", q}).code);
-  EXPECT_EQ(Bytes(100, 5), ReadFile(a));
-}
-
-TEST_F(BroomExe, DamagedManifestsAreRefusedBeforeAnythingMoves) {
+TEST_F(BroomExe, DamagedManifestsStopRestoreWithOneLineAndAMissingFileIsReported) {
   WriteFile(Tree(L"junk\\a.bin"), Bytes(100, 7));
   WriteFile(Tree(L"junk\\b.bin"), Bytes(200, 8));
   WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
   const std::wstring q = m_root / L"q", manifest = q + L"\\broom-quarantine.json";
   ASSERT_EQ(0u, Run({L"clean", L"--yes", L"--quarantine", q}).code);
   const nlohmann::json good = nlohmann::json::parse(ReadFile(manifest));
-  WriteFile(Tree(L"junk\\decoy.bin"), "an unrelated file");
-  const std::string root = Narrow(m_root.Path()), first = good["entries"][0]["original"];
-  using Change = std::function<void(nlohmann::json&)>;
-  auto set = [](int e, const char* field, const nlohmann::json& value) -> Change {
-    return [=](nlohmann::json& j) { j["entries"][e][field] = value; };
-  };
-  struct Case {
-    Change change;
-    const char* says;
-  };
-  const std::vector<Case> cases = {
-      {[](nlohmann::json& j) { j = nlohmann::json::array(); }, "it is not a JSON object"},
-      {[](nlohmann::json& j) { j["format"] = 1; }, "'format' is not"},
-      {[](nlohmann::json& j) { j["version"] = 2; }, "'version' is not 1"},
-      {[](nlohmann::json& j) { j.erase("entries"); }, "'entries' is missing"},
-      {set(1, "original", root + "\\tree\\junk\\*.bin"), "entry 2: 'original' holds the wildcard '*'"},
-      {set(0, "original", "tree\\junk\\a.bin"), "entry 1: 'original' is a relative path"},
-      {set(0, "original", "\\\\?\\" + first), "entry 1: 'original' is a network or device path"},
-      {set(0, "original", root + "\\tree\\..\\x.bin"), "'..' name"},
-      {set(0, "original", root + "\\tree\\NUL.txt"), "names the device 'NUL.txt'"},
-      {set(0, "original", Narrow(q) + "\\x.bin"), "lies inside the quarantine folder"},
-      {set(1, "stored", "broom-quarantine.json"), "entry 2: 'stored' is the manifest's own name"},
-      {set(0, "stored", "..\\a.bin"), "entry 1: 'stored' is not a plain file name"},
-      {set(0, "size", "12"), "entry 1: 'size' is not a whole number"},
-      {set(0, "kind", "folder"), "entry 1: 'kind' is neither \"file\" nor \"registry\""},
-      {set(0, "kind", "registry"), "entry 1: 'original' is not a registry path"},
-      {set(1, "item", 5), "entry 2: 'item' is not a string"},
-      {set(0, "source", "defs.xml"), "entry 1: 'source' is not a JSON object"},
-      {[](nlohmann::json& j) { j["entries"][0]["source"]["line"] = -3; }, "entry 1: 'source''s 'line' is not a line"},
-      {set(1, "size", -1), "entry 2: 'size' is not a whole number"},
-      {[](nlohmann::json& j) { j["entries"][0].erase("stored"); }, "entry 1: 'stored' is missing"},
-      {[](nlohmann::json& j) { j["entries"][1]["stored"] = j["entries"][0]["stored"]; }, "the same 'stored' name"},
-      {[](nlohmann::json& j) { j["entries"][1]["original"] = j["entries"][0]["original"]; }, "the same 'original'"},
-      {[](nlohmann::json& j) { j["entries"].erase(1); }, "in the quarantine folder is not listed in it"},
-      {set(0, "original", root + "\\tree\\junk\\z.bin"), "its entries do not match its 'checksum'"},
-      {nullptr, "not valid JSON text (the first fault is at byte 41)"},
-  };
-  for (const Case& c : cases) {
-    nlohmann::json j = good;
-    if (c.change) c.change(j);
-    WriteFile(manifest, c.change ? j.dump(2) : good.dump(2).substr(0, 40));
+  nlohmann::json relative = good;
+  relative["entries"][0]["original"] = "tree\\a.bin";
+  for (const std::string& text : {relative.dump(2), good.dump(2).substr(0, 40)}) {
+    WriteFile(manifest, text);
     const auto before = Contents({q, Tree()});
     RunResult r = RunBare({L"restore", q});
-    EXPECT_EQ(2u, r.code) << c.says << "\n" << r.err;
+    EXPECT_EQ(2u, r.code) << r.err;
     EXPECT_EQ(1, CountLines(r.err)) << r.err;
-    EXPECT_NE(std::string::npos, r.err.find(c.says)) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("is damaged: ")) << r.err;
     EXPECT_NE(std::string::npos, r.err.find("nothing was moved")) << r.err;
     EXPECT_EQ(std::string::npos, r.err.find("json.exception")) << r.err;
-    EXPECT_TRUE(before == Contents({q, Tree()})) << c.says;
+    EXPECT_TRUE(before == Contents({q, Tree()}));
   }
 
   // A stored file gone by hand: the rest is restored and the count says so.
@@ -682,36 +619,6 @@ TEST_F(BroomExe, RegistryHitsGoIntoQuarantineAsExportsAndComeBackByteForByte) {
   ASSERT_EQ(0u, restored.code) << restored.err;
   EXPECT_TRUE(before == keys.Read());
   EXPECT_FALSE(Exists(q));
-}
-
-// A quarantine on another file system: /dev/shm is one of its own under Wine.
-TEST_F(BroomExe, MovesAcrossDrivesLeaveAFileThatCannotGoWhereItWas) {
-  const std::wstring q = L"Z:\\dev\\shm\\broom-q-" + std::to_wstring(GetCurrentProcessId());
-  if (!Exists(L"Z:\\dev\\shm")) GTEST_SKIP() << "no second file system";
-  struct Cleanup {
-    std::wstring path;
-    ~Cleanup() { broomtest::RemoveTree(path); }
-  } cleanup{q};
-  const std::wstring free = WriteFile(Tree(L"junk\\free.bin"), Bytes(3000000, 9));
-  const std::wstring held = WriteFile(Tree(L"junk\\held.bin"), Bytes(5000, 10));
-  WriteDefs({{L"T", L"Junk", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"junk\\*"))}});
-  {
-    // open without delete sharing: it can be copied, but it cannot go
-    broom::unique_hfile hold(CreateFileW(held.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-    ASSERT_TRUE(hold);
-    RunResult r = Run({L"clean", L"--yes", L"--quarantine", q});
-    EXPECT_EQ(1u, r.code);
-    EXPECT_NE(std::string::npos, r.err.find(Narrow(held) + ": it could not be moved into quarantine")) << r.err;
-    EXPECT_NE(std::string::npos, r.err.find("it stays where it was and no copy was kept")) << r.err;
-  }
-  EXPECT_EQ(Bytes(5000, 10), ReadFile(held));
-  EXPECT_FALSE(Exists(free));
-  EXPECT_EQ(Bytes(3000000, 9), ReadFile(q + L"\\free.bin"));
-  const auto inQuarantine = Contents({q});
-  EXPECT_EQ(2u, inQuarantine.size());  // the file and the manifest, no partial copy
-  RunResult back = RunBare({L"restore", q});
-  ASSERT_EQ(0u, back.code) << back.err;
-  EXPECT_EQ(Bytes(3000000, 9), ReadFile(free));
 }
 
 TEST_F(BroomExe, WhiteListsThatWouldNotLoadWholeStopEveryCommandAndStayAsTheyWere) {
