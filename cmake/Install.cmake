@@ -16,8 +16,12 @@ include(CMakePackageConfigHelpers)
 # one (or a file of the source tree) fails there.
 set(BROOM_INTERNAL_HEADERS
   clean/FileOpsServer.h    # the fallback server's interface and identifiers
+  scandefs/ChildIndex.h       # the index of group children while files are read
+  scandefs/DefinitionChecks.h # the depth checks of a parsed file
+  scandefs/DefinitionText.h   # a file's bytes widened for the parser, with its lines
   scandefs/FilePrefetch.h  # definition files read ahead of the load
   scandefs/FileScopes.h    # the value scopes of one file's value pass
+  scandefs/ValuePass.h     # "value" elements and %NAME% references of a file
   settings/TempBuffer.h
   winapp2/NameMask.h       # the masks and path parts winapp2 rules use
   winapp2/Winapp2Detect.h) # the detection cache of a winapp2 load
