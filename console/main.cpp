@@ -28,6 +28,12 @@ bool IsCommand(const CLI::App& app, const std::string& name) {
   return false;
 }
 
+// The items to run and --files, which scan and clean take first.
+void AddItems(CLI::App& command, SOptions& options, const char* items, const char* files) {
+  command.add_option("items", options.items, items);
+  command.add_flag("--files", options.files, files);
+}
+
 void AddOlderThan(CLI::App& command, SOptions& options, const char* help) {
   command.add_option("--older-than", options.olderThan, help)->type_name("DAYS")->check(CLI::Range(1ul, 36500ul));
 }
@@ -56,8 +62,7 @@ const SCommand kCommands[] = {
      CmdList},
     {nullptr, "scan", "Scan items (default: those on by default) and show what was found",
      [](CLI::App& c, SOptions& o) {
-       c.add_option("items", o.items, "Item or group paths, e.g. \"System/Temporary files\"");
-       c.add_flag("--files", o.files, "List every file found");
+       AddItems(c, o, "Item or group paths, e.g. \"System/Temporary files\"", "List every file found");
        c.add_flag("--json", o.json, "Print the results as JSON");
        AddOlderThan(c, o, "Only files last changed at least DAYS days ago");
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
@@ -65,8 +70,8 @@ const SCommand kCommands[] = {
      CmdScan},
     {nullptr, "clean", "Scan, confirm, then delete what was found (or move it aside)",
      [](CLI::App& c, SOptions& o) {
-       c.add_option("items", o.items, "Item or group paths (default: those on by default for cleaning)");
-       c.add_flag("--files", o.files, "List every file found before asking");
+       AddItems(c, o, "Item or group paths (default: those on by default for cleaning)",
+                "List every file found before asking");
        c.add_flag("-y,--yes", o.yes, "Do not ask for confirmation");
        c.add_option("--quarantine", o.quarantine,
                     "Move the hits aside instead of deleting them: into a new managed quarantine, or into DIR "
