@@ -4,24 +4,20 @@
 
 #include "app/HostError.h"
 #include "app/Text.h"
+#include "core/Names.h"
 
 namespace host {
 
 namespace {
 
-bool SameName(const wchar_t* a, const std::wstring& b) { return _wcsicmp(a, b.c_str()) == 0; }
+bool SameName(const wchar_t* a, const std::wstring& b) { return broom::CompareNoCase(a, b.c_str()) == 0; }
 
 std::vector<std::wstring> SplitPath(const std::wstring& path) {
   std::vector<std::wstring> parts;
-  size_t start = 0;
-  while (start <= path.size()) {
-    size_t slash = path.find(L'/', start);
-    if (slash == std::wstring::npos) slash = path.size();
-    std::wstring part = path.substr(start, slash - start);
+  for (const std::wstring& part : broom::Split(path, L'/')) {
     // Surrounding blanks are a typing accident, never part of a name.
-    size_t b = part.find_first_not_of(L' '), e = part.find_last_not_of(L' ');
-    if (b != std::wstring::npos) parts.push_back(part.substr(b, e - b + 1));
-    start = slash + 1;
+    std::wstring_view name = broom::Trim(part, [](wchar_t c) { return c == L' '; });
+    if (!name.empty()) parts.emplace_back(name);
   }
   return parts;
 }
@@ -87,7 +83,7 @@ void FindWholeText(CScanGroup* top, const std::wstring& text, std::vector<CScanG
   ForEachBelow(top, [&](CScanGroup* group) {
     std::wstring path = JoinedPath(GroupPath(group));
     size_t at = path.size() >= wanted.size() ? path.size() - wanted.size() : std::wstring::npos;
-    if (at != std::wstring::npos && (at == 0 || path[at - 1] == L'/') && _wcsicmp(path.c_str() + at, wanted.c_str()) == 0)
+    if (at != std::wstring::npos && (at == 0 || path[at - 1] == L'/') && broom::CompareNoCase(path.c_str() + at, wanted.c_str()) == 0)
       out.push_back(group);
   });
 }

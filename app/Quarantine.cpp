@@ -7,19 +7,11 @@
 #include "app/QuarantineRegistry.h"
 #include "app/Text.h"
 #include "clean/ResultCodes.h"
+#include "core/Names.h"
 #include "registry/CleanableRegistry.h"
 #include "registry/RegistryPath.h"
 
 namespace host {
-
-namespace {
-
-bool SameName(const std::wstring& a, const std::wstring& b) {
-  return CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()), TRUE) ==
-         CSTR_EQUAL;
-}
-
-}  // namespace
 
 CQuarantine::CQuarantine(const std::wstring& folder, bool create) : m_manifest(folder) {
   if (create) {
@@ -54,7 +46,7 @@ CQuarantine::~CQuarantine() {
   if (!ListFolder(Folder(), listed)) return;
   const std::wstring name = CQuarantineManifest::kName;
   for (const SListed& item : listed)
-    if (!SameName(item.name, name) && !SameName(item.name, name + L".tmp")) return;
+    if (!broom::SamePath(item.name, name) && !broom::SamePath(item.name, name + L".tmp")) return;
   DeleteFileW(ManifestPath().c_str());
   DeleteFileW((ManifestPath() + L".tmp").c_str());
   RemoveDirectoryW(Folder().c_str());

@@ -11,6 +11,7 @@
 #include "app/HostError.h"
 #include "app/Text.h"
 #include "core/Handles.h"
+#include "core/Names.h"
 #include "registry/RegistryPath.h"
 
 namespace host {
@@ -20,19 +21,6 @@ namespace {
 constexpr unsigned __int64 kMaxManifestBytes = 64 * 1024 * 1024;
 constexpr size_t kMaxPath = MAX_PATH;  // characters, as the engine counts them
 constexpr size_t kMaxRegistryPath = 32767;
-
-bool SameName(const std::wstring& a, const std::wstring& b) {
-  return CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()), TRUE) ==
-         CSTR_EQUAL;
-}
-
-// Orders names as the file system compares them (case-insensitive).
-struct NoCaseLess {
-  bool operator()(const std::wstring& a, const std::wstring& b) const {
-    return CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()), TRUE) ==
-           CSTR_LESS_THAN;
-  }
-};
 
 // Why one name is not a plain name that Windows keeps as written; empty
 // when it is.
@@ -72,9 +60,7 @@ std::wstring BadOriginal(const std::wstring& path, const std::wstring& folder) {
     if (end == std::wstring::npos) break;
     start = end + 1;
   }
-  std::wstring inside = folder.back() == L'\\' ? folder : folder + L"\\";
-  if (path.size() > inside.size() && SameName(path.substr(0, inside.size()), inside))
-    return L"lies inside the quarantine folder";
+  if (broom::IsBelow(path, folder)) return L"lies inside the quarantine folder";
   return std::wstring();
 }
 
@@ -93,10 +79,6 @@ std::wstring BadRegistryOriginal(const std::wstring& path) {
   return std::wstring();
 }
 
-bool EndsWithNoCase(const std::wstring& text, const std::wstring& end) {
-  return text.size() >= end.size() && SameName(text.substr(text.size() - end.size()), end);
-}
-
 // Why a stored name is not a plain file name of the quarantine folder.
 std::wstring BadStored(const std::wstring& name, const std::wstring& folder) {
   if (name.empty()) return L"is empty";
@@ -104,10 +86,10 @@ std::wstring BadStored(const std::wstring& name, const std::wstring& folder) {
     return L"is not a plain file name (it holds a separator)";
   std::wstring why = BadName(name);
   if (!why.empty()) return why;
-  if (SameName(name, CQuarantineManifest::kName)) return L"is the manifest's own name";
-  if (SameName(name, std::wstring(CQuarantineManifest::kName) + L".tmp"))
+  if (broom::SamePath(name, CQuarantineManifest::kName)) return L"is the manifest's own name";
+  if (broom::SamePath(name, std::wstring(CQuarantineManifest::kName) + L".tmp"))
     return L"is the name of the manifest's temporary copy";
-  if (SameName(name, CQuarantineManifest::kIncomingName)) return L"is the name of a copy still being made";
+  if (broom::SamePath(name, CQuarantineManifest::kIncomingName)) return L"is the name of a copy still being made";
   if (folder.size() + 1 + name.size() > kMaxPath) return L"makes a path longer than 260 characters";
   return std::wstring();
 }
@@ -163,8 +145,8 @@ bool IsDeviceName(const std::wstring& name) {
   std::wstring base = name.substr(0, name.find(L'.'));
   while (!base.empty() && base.back() == L' ') base.pop_back();
   for (const wchar_t* device : {L"CON", L"PRN", L"AUX", L"NUL", L"CONIN$", L"CONOUT$"})
-    if (SameName(base, device)) return true;
-  if (base.size() != 4 || !(SameName(base.substr(0, 3), L"COM") || SameName(base.substr(0, 3), L"LPT"))) return false;
+    if (broom::SamePath(base, device)) return true;
+  if (base.size() != 4 || !(broom::SamePath(base.substr(0, 3), L"COM") || broom::SamePath(base.substr(0, 3), L"LPT"))) return false;
   const wchar_t digit = base[3];
   return (digit >= L'0' && digit <= L'9') || digit == 0xB9 || digit == 0xB2 || digit == 0xB3;
 }
@@ -268,7 +250,7 @@ void CQuarantineManifest::Validate(const std::string& bytes) {
   if (entries == doc.end()) Damaged(L"'entries' is missing");
   if (!entries->is_array()) Damaged(L"'entries' is not a list");
 
-  std::map<std::wstring, size_t, NoCaseLess> byStored, byOriginal;
+  std::map<std::wstring, size_t, broom::PathLess> byStored, byOriginal;
   for (size_t i = 0; i < entries->size(); ++i) {
     const json& e = (*entries)[i];
     if (!e.is_object()) Damaged(L"entry " + std::to_wstring(i + 1) + L" is not a JSON object");
@@ -316,7 +298,8 @@ void CQuarantineManifest::Validate(const std::string& bytes) {
     std::wstring why = WhyNotOriginal(entry.original, entry.registry);
     if (!why.empty()) Damaged(Field(i, "original") + L" " + why + L" (" + Quoted(entry.original, 80) + L")");
     why = BadStored(entry.stored, m_folder);
-    if (why.empty() && entry.registry && !EndsWithNoCase(entry.stored, L".reg"))
+    if (why.empty() && entry.registry && !(entry.stored.size() >= 4 &&
+                                           broom::SamePath(std::wstring_view(entry.stored).substr(entry.stored.size() - 4), L".reg")))
       why = L"is not the name of a registry export (.reg)";
     if (!why.empty()) Damaged(Field(i, "stored") + L" " + why + L" (" + Quoted(entry.stored, 80) + L")");
     auto stored = byStored.emplace(entry.stored, i);
@@ -338,17 +321,17 @@ void CQuarantineManifest::Validate(const std::string& bytes) {
     throw CHostError{exitUsage, L"the quarantine folder " + Quoted(m_folder) + L" cannot be listed (" +
                                     SystemMessage(GetLastError()) + L"); nothing was moved: run the command again"};
   const std::wstring temp = std::wstring(kName) + L".tmp";
-  std::map<std::wstring, const SListed*, NoCaseLess> byName;
+  std::map<std::wstring, const SListed*, broom::PathLess> byName;
   for (const SListed& item : listed) byName.emplace(item.name, &item);
   for (const SQuarantineEntry& entry : m_entries) {
     if (byName.count(entry.stored)) continue;
     for (const SListed& item : listed)
-      if (!item.shortName.empty() && SameName(item.shortName, entry.stored))
+      if (!item.shortName.empty() && broom::SamePath(item.shortName, entry.stored))
         Damaged(Field(static_cast<size_t>(byStored[entry.stored]), "stored") + L" " + Quoted(entry.stored, 80) +
                 L" is the short name of " + Quoted(item.name, 80) + L", not a name of its own");
   }
   for (const SListed& item : listed) {
-    if (SameName(item.name, kName) || SameName(item.name, temp) || byStored.count(item.name)) continue;
+    if (broom::SamePath(item.name, kName) || broom::SamePath(item.name, temp) || byStored.count(item.name)) continue;
     std::wstring newer = PathExists(Child(temp)) ? L" (a newer list may be in " + temp + L")" : std::wstring();
     Damaged(Quoted(item.name, 80) + L" in the quarantine folder is not listed in it" + newer,
             L"move that file out of the folder if it was never quarantined, or add its entry to the manifest");
@@ -371,7 +354,7 @@ std::wstring CQuarantineManifest::WhyNotOriginal(const std::wstring& path, bool 
 }
 
 bool CQuarantineManifest::IsOwnName(const std::wstring& name) {
-  return SameName(name, kName) || SameName(name, std::wstring(kName) + L".tmp") || SameName(name, kIncomingName);
+  return broom::SamePath(name, kName) || broom::SamePath(name, std::wstring(kName) + L".tmp") || broom::SamePath(name, kIncomingName);
 }
 
 bool CQuarantineManifest::TrySave(std::wstring& error) const {

@@ -7,28 +7,19 @@
 #include "clean/CleanableFolder.h"
 #include "clean/FileSystemOps.h"
 #include "core/Handles.h"
+#include "core/Names.h"
 #include "core/PathString.h"
 
 namespace host {
 
 namespace {
 
-bool SameName(const std::wstring& a, const std::wstring& b) {
-  return CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()), TRUE) ==
-         CSTR_EQUAL;
-}
-
-std::wstring ParentOf(const std::wstring& path) {
-  size_t slash = path.find_last_of(L'\\');
-  return slash == std::wstring::npos ? std::wstring() : path.substr(0, slash);
-}
-
 // Both paths lie on one volume, as far as Windows can tell; false when unsure.
 bool SameVolume(const std::wstring& a, const std::wstring& b) {
   wchar_t rootA[MAX_PATH + 1], rootB[MAX_PATH + 1], nameA[64], nameB[64];
   return GetVolumePathNameW(a.c_str(), rootA, MAX_PATH + 1) && GetVolumePathNameW(b.c_str(), rootB, MAX_PATH + 1) &&
          GetVolumeNameForVolumeMountPointW(rootA, nameA, 64) && GetVolumeNameForVolumeMountPointW(rootB, nameB, 64) &&
-         SameName(nameA, nameB);
+         broom::SamePath(nameA, nameB);
 }
 
 // A file copied to the quarantine on another drive under a temporary name,
@@ -91,7 +82,7 @@ DWORD CopyAcross(CQuarantineManifest& manifest, const std::wstring& source, std:
   copy = destination;
   SetFileAttributesW(copy.c_str(), attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
                                                  FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE));
-  entry.stored = NameOf(destination);
+  entry.stored = broom::NameOf(destination);
   std::wstring error;
   if (!manifest.Record(entry, error))
     throw CHostError{exitCleanFailures, error + L"; " + Quoted(source) +
@@ -125,11 +116,6 @@ DWORD CopyAcross(CQuarantineManifest& manifest, const std::wstring& source, std:
 }
 
 }  // namespace
-
-std::wstring NameOf(const std::wstring& path) {
-  size_t slash = path.find_last_of(L'\\');
-  return slash == std::wstring::npos ? path : path.substr(slash + 1);
-}
 
 bool FreeName(std::wstring& path) {
   try {
@@ -165,7 +151,7 @@ bool DeleteTree(const std::wstring& path, DWORD& error) {
 }
 
 DWORD MoveInto(CQuarantineManifest& manifest, const SHit& hit, SQuarantineEntry& entry) {
-  std::wstring name = NameOf(hit.path);
+  std::wstring name = broom::NameOf(hit.path);
   // The manifest's own names are never given to a quarantined file.
   if (CQuarantineManifest::IsOwnName(name)) name = L"_" + name;
   std::wstring destination = manifest.Child(name);
@@ -201,7 +187,7 @@ DWORD MoveInto(CQuarantineManifest& manifest, const SHit& hit, SQuarantineEntry&
   }
   if (result != kCleanDone) return result;
   if (!PathExists(destination) || PathExists(hit.path)) return kMoveException;
-  entry.stored = NameOf(destination);
+  entry.stored = broom::NameOf(destination);
   std::wstring error;
   if (!manifest.Record(entry, error)) {
     MoveFileExW(destination.c_str(), hit.path.c_str(), MOVEFILE_WRITE_THROUGH);
@@ -231,7 +217,7 @@ bool MoveBack(const CQuarantineManifest& manifest, const SQuarantineEntry& entry
     reason = L"the original place cannot be checked (" + SystemMessage(probe) + L")" + kept;
     return false;
   }
-  const std::wstring parent = ParentOf(entry.original);
+  const std::wstring parent = broom::ParentOf(entry.original);
   if (parent.size() > 2 && !PathExists(parent)) {
     int rc = SHCreateDirectoryExW(nullptr, parent.c_str(), nullptr);
     if (rc != ERROR_SUCCESS && rc != ERROR_ALREADY_EXISTS && rc != ERROR_FILE_EXISTS) {

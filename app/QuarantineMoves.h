@@ -30,6 +30,4 @@ bool DeleteTree(const std::wstring& path, DWORD& error);
 // none fits in 260 characters.
 bool FreeName(std::wstring& path);
 
-std::wstring NameOf(const std::wstring& path);
-
 }  // namespace host

@@ -6,6 +6,7 @@
 #include "app/QuarantineMoves.h"
 #include "app/Text.h"
 #include "clean/ResultCodes.h"
+#include "core/Names.h"
 #include "registry/CleanableRegistry.h"
 #include "registry/RegFile.h"
 #include "registry/RegistryPath.h"
@@ -70,7 +71,7 @@ DWORD ExportInto(CQuarantineManifest& manifest, const SHit& hit, SQuarantineEntr
     DeleteFileW(destination.c_str());
     return kQuarantineCopyMismatch;
   }
-  entry.stored = NameOf(destination);
+  entry.stored = broom::NameOf(destination);
   std::wstring error;
   if (!manifest.Record(entry, error)) {
     DeleteFileW(destination.c_str());

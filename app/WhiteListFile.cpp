@@ -2,6 +2,7 @@
 
 #include "app/Session.h"
 #include "app/Text.h"
+#include "core/Names.h"
 #include "core/PathString.h"
 #include "registry/RegistryPath.h"
 #include "whitelist/WhiteListTree.h"
@@ -85,8 +86,7 @@ bool SplitWhiteList(const std::string& bytes, std::vector<std::wstring>& lines, 
 std::wstring StoredForm(const std::wstring& line) {
   std::wstring stored = line;
   if (!stored.empty() && stored.back() == L'\\') stored.pop_back();
-  CWhiteListTree::UpperCase(&stored[0], static_cast<int>(stored.size()));
-  return stored;
+  return broom::Upper(stored);
 }
 
 std::wstring WhyNotStorable(const std::wstring& path) {
@@ -116,8 +116,7 @@ std::wstring ProtectedPathText(const std::wstring& given) {
 }
 
 bool IsListed(const CWhiteListTree& list, const std::wstring& path) {
-  std::wstring upper = path;
-  CWhiteListTree::UpperCase(&upper[0], static_cast<int>(upper.size()));
+  const std::wstring upper = broom::Upper(path);
   CRefPtr<IConstTArray<CString>> listed = list.SaveToArray(0x1);
   if (listed)
     for (const CString& entry : listed->GetArray())

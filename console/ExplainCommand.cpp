@@ -4,17 +4,13 @@
 
 #include "app/Text.h"
 #include "console/Console.h"
+#include "core/Names.h"
 #include "guard/BlastGuard.h"
 #include "scan/BaseFileScan.h"
 
 namespace host {
 
 namespace {
-
-bool SamePath(const std::wstring& a, const std::wstring& b) {
-  return CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()), TRUE) ==
-         CSTR_EQUAL;
-}
 
 // The whitelist entry that protects path: path itself or a folder above it.
 std::wstring ProtectingEntry(CSession& session, const std::wstring& path) {
@@ -23,9 +19,7 @@ std::wstring ProtectingEntry(CSession& session, const std::wstring& path) {
   std::wstring best;
   for (const CString& listed : list->GetArray()) {
     std::wstring entry = listed.GetString();
-    bool above = entry.size() <= path.size() && SamePath(entry, path.substr(0, entry.size())) &&
-                 (entry.size() == path.size() || path[entry.size()] == L'\\' || entry.back() == L'\\');
-    if (above && entry.size() > best.size()) best = entry;
+    if (broom::IsAtOrBelow(path, entry) && entry.size() > best.size()) best = entry;
   }
   return best;
 }
@@ -96,7 +90,7 @@ int CmdExplain(CSession& session, const SOptions& options) {
   unsigned takers = 0, aged = 0;
   for (const SItemResult& r : results.items) {
     for (const SHit& hit : r.hits) {
-      if (!SamePath(hit.path, path)) continue;
+      if (!broom::SamePath(hit.path, path)) continue;
       SOperationSource source;
       std::wstring rule = session.SourceOf(hit, source)
                               ? std::wstring(source.file.GetString()) + L":" + std::to_wstring(source.line) + L": " +

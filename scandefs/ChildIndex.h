@@ -3,7 +3,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 #include "scandefs/ScanGroup.h"
 
 // Finds the children of large groups by name without walking the sibling

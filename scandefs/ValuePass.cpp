@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 
 namespace {
 

@@ -8,13 +8,13 @@
 #include <memory>
 
 #include "core/Handles.h"
+#include "core/Names.h"
 #include "scan/StdFileScan.h"
 #include "scandefs/ChildIndex.h"
 #include "scandefs/DefinitionChecks.h"
 #include "scandefs/DefinitionText.h"
 #include "scandefs/FilePrefetch.h"
 #include "scandefs/FileScopes.h"
-#include "scandefs/NoCase.h"
 #include "scandefs/ValuePass.h"
 
 namespace {
@@ -422,7 +422,7 @@ bool XmlReader::ReadCheck(xml::NodePtr node, CScanGroup_imp& group) {
     if (!variable) {
       pass = false;
     } else if (test == L"equals") {
-      pass = _wcsicmp(variable, value) == 0;
+      pass = broom::CompareNoCase(variable, value) == 0;
     } else if (test == L"contains") {
       pass = wcsstr(variable, value) != nullptr;
     }

@@ -11,6 +11,7 @@
 #include "app/Text.h"
 #include "app/WhiteListFile.h"
 #include "core/Handles.h"
+#include "core/Names.h"
 #include "window/Resource.h"
 
 namespace broomw {
@@ -73,7 +74,7 @@ void FillProtected(HWND dialog, host::CSession& session, const std::wstring& sel
   if (paths)
     for (const CString& path : paths->GetArray()) {
       LRESULT at = SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(path.GetString()));
-      if (_wcsicmp(path.GetString(), select.c_str()) == 0) SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
+      if (broom::CompareNoCase(path.GetString(), select.c_str()) == 0) SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
     }
   EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), SendMessageW(list, LB_GETCURSEL, 0, 0) != LB_ERR);
 }
