@@ -16,6 +16,7 @@ include(CMakePackageConfigHelpers)
 # one (or a file of the source tree) fails there.
 set(BROOM_INTERNAL_HEADERS
   clean/FileOpsServer.h    # the fallback server's interface and identifiers
+  clean/ProgressScope.h    # the one-step progress of a cleanable item
   scandefs/ChildIndex.h       # the index of group children while files are read
   scandefs/DefinitionChecks.h # the depth checks of a parsed file
   scandefs/DefinitionText.h   # a file's bytes widened for the parser, with its lines

@@ -1,6 +1,7 @@
 // broom explain PATH: which enabled items would take a file, by which rule,
 // and when none would, why not.
 #include "console/Commands.h"
+#include "core/Handles.h"
 
 #include "app/Text.h"
 #include "console/Console.h"
@@ -52,12 +53,8 @@ std::wstring AgeReason(const IScanOperation* op, unsigned long olderThan, const 
 int CmdExplain(CSession& session, const SOptions& options) {
   std::wstring path = FullPath(Wide(options.path));
   WIN32_FIND_DATAW data = {};
-  {
-    HANDLE find = FindFirstFileW(path.c_str(), &data);
-    if (find == INVALID_HANDLE_VALUE)
-      throw CHostError{exitUsage, L"there is no file or folder " + Quoted(path) + L"; give the path of one"};
-    FindClose(find);
-  }
+  if (!broom::unique_hfind(FindFirstFileW(path.c_str(), &data)))
+    throw CHostError{exitUsage, L"there is no file or folder " + Quoted(path) + L"; give the path of one"};
   LoadDefinitions(session, options);
   session.LoadWhiteList();
 

@@ -3,6 +3,7 @@
 // closes only a valid handle, and closing keeps the caller's last-error value.
 #include <windows.h>
 #include <objbase.h>
+#include <oleauto.h>
 
 #include <utility>
 
@@ -88,6 +89,11 @@ struct local_mem {
   static pointer invalid() { return nullptr; }
   static void close(pointer p) { LocalFree(p); }
 };
+struct bstr {
+  using pointer = BSTR;
+  static pointer invalid() { return nullptr; }
+  static void close(pointer p) { SysFreeString(p); }
+};
 }  // namespace policy
 
 using unique_handle = unique_resource<policy::null_handle>;   // events, threads, processes
@@ -100,6 +106,7 @@ using unique_hwnd = unique_resource<policy::window>;
 using unique_hmodule = unique_resource<policy::module>;
 using unique_cotaskmem = unique_resource<policy::cotaskmem>;
 using unique_hlocal = unique_resource<policy::local_mem>;
+using unique_bstr = unique_resource<policy::bstr>;         // SysAllocString, a COM call's BSTR out-parameter
 
 // Balances a successful CoInitializeEx on the same thread.
 class unique_couninitialize {

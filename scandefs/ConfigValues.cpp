@@ -56,8 +56,9 @@ void FillGlobalScope(CScopedMap::ConfigValueMap& scope) {
                                                           {L"LOCALLOWAPPDATA", &kFolderLocalAppDataLow}};
   for (const auto& folder : folders) {
     PWSTR path = nullptr;
-    if (SUCCEEDED(known(*folder.second, 0, nullptr, &path)) && path) scope.Set(folder.first, path);
-    CoTaskMemFree(path);
+    HRESULT hr = known(*folder.second, 0, nullptr, &path);
+    broom::unique_cotaskmem hold(path);
+    if (SUCCEEDED(hr) && path) scope.Set(folder.first, path);
   }
 }
 

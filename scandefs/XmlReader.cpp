@@ -412,9 +412,8 @@ bool XmlReader::ReadCheck(xml::NodePtr node, CScanGroup_imp& group) {
     std::wstring ignored;
     pass = ReadRegistryString(path.str(), ignored);
   } else if (data.CompareNoCase(L"regkey") == 0) {
-    HKEY key = nullptr;
-    pass = OpenRegistryPath(path.str(), key);
-    if (pass) RegCloseKey(key);
+    broom::unique_hkey key;
+    pass = OpenRegistryPath(path.str(), *key.addressof());
   } else if (data.CompareNoCase(L"file") == 0) {
     pass = PathFileExistsW(path) != FALSE;
   } else if (data.CompareNoCase(L"env") == 0) {
