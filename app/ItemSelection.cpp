@@ -83,7 +83,8 @@ void FindWholeText(CScanGroup* top, const std::wstring& text, std::vector<CScanG
   ForEachBelow(top, [&](CScanGroup* group) {
     std::wstring path = JoinedPath(GroupPath(group));
     size_t at = path.size() >= wanted.size() ? path.size() - wanted.size() : std::wstring::npos;
-    if (at != std::wstring::npos && (at == 0 || path[at - 1] == L'/') && broom::CompareNoCase(path.c_str() + at, wanted.c_str()) == 0)
+    if (at != std::wstring::npos && (at == 0 || path[at - 1] == L'/') &&
+        broom::CompareNoCase(path.c_str() + at, wanted.c_str()) == 0)
       out.push_back(group);
   });
 }

@@ -146,7 +146,8 @@ bool IsDeviceName(const std::wstring& name) {
   while (!base.empty() && base.back() == L' ') base.pop_back();
   for (const wchar_t* device : {L"CON", L"PRN", L"AUX", L"NUL", L"CONIN$", L"CONOUT$"})
     if (broom::SamePath(base, device)) return true;
-  if (base.size() != 4 || !(broom::SamePath(base.substr(0, 3), L"COM") || broom::SamePath(base.substr(0, 3), L"LPT"))) return false;
+  if (base.size() != 4 || !(broom::SamePath(base.substr(0, 3), L"COM") || broom::SamePath(base.substr(0, 3), L"LPT")))
+    return false;
   const wchar_t digit = base[3];
   return (digit >= L'0' && digit <= L'9') || digit == 0xB9 || digit == 0xB2 || digit == 0xB3;
 }
@@ -298,8 +299,8 @@ void CQuarantineManifest::Validate(const std::string& bytes) {
     std::wstring why = WhyNotOriginal(entry.original, entry.registry);
     if (!why.empty()) Damaged(Field(i, "original") + L" " + why + L" (" + Quoted(entry.original, 80) + L")");
     why = BadStored(entry.stored, m_folder);
-    if (why.empty() && entry.registry && !(entry.stored.size() >= 4 &&
-                                           broom::SamePath(std::wstring_view(entry.stored).substr(entry.stored.size() - 4), L".reg")))
+    const std::wstring_view name(entry.stored);
+    if (why.empty() && entry.registry && !(name.size() >= 4 && broom::SamePath(name.substr(name.size() - 4), L".reg")))
       why = L"is not the name of a registry export (.reg)";
     if (!why.empty()) Damaged(Field(i, "stored") + L" " + why + L" (" + Quoted(entry.stored, 80) + L")");
     auto stored = byStored.emplace(entry.stored, i);
@@ -354,7 +355,8 @@ std::wstring CQuarantineManifest::WhyNotOriginal(const std::wstring& path, bool 
 }
 
 bool CQuarantineManifest::IsOwnName(const std::wstring& name) {
-  return broom::SamePath(name, kName) || broom::SamePath(name, std::wstring(kName) + L".tmp") || broom::SamePath(name, kIncomingName);
+  return broom::SamePath(name, kName) || broom::SamePath(name, std::wstring(kName) + L".tmp") ||
+         broom::SamePath(name, kIncomingName);
 }
 
 bool CQuarantineManifest::TrySave(std::wstring& error) const {

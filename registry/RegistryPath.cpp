@@ -94,7 +94,8 @@ bool CRegistryPath::SplitKey(const wchar_t* path, size_t length, HKEY& hive, std
   if (!found) return false;
   hive = found;
   subkey.clear();
-  for (const std::wstring& part : broom::Split(std::wstring_view(path, length).substr(slash < length ? slash + 1 : length), L'\\')) {
+  const std::wstring_view rest = std::wstring_view(path, length).substr(slash < length ? slash + 1 : length);
+  for (const std::wstring& part : broom::Split(rest, L'\\')) {
     if (!subkey.empty()) subkey += L'\\';
     subkey += part;
   }

@@ -208,7 +208,8 @@ void CScanRun::ScanPath(const CRegistryPath& path, const CRegistryScan::SKeep& k
       continue;
     std::wstring kernelName = CRegistryPath::KernelName(key.get());
     // the second view counts only when the system names another key for it
-    if (firstOpened && (kernelName.empty() || firstKernelName.empty() || broom::Upper(kernelName) == broom::Upper(firstKernelName)))
+    if (firstOpened &&
+        (kernelName.empty() || firstKernelName.empty() || broom::Upper(kernelName) == broom::Upper(firstKernelName)))
       continue;
     firstOpened = true;
     firstKernelName = kernelName;

@@ -74,7 +74,8 @@ void FillProtected(HWND dialog, host::CSession& session, const std::wstring& sel
   if (paths)
     for (const CString& path : paths->GetArray()) {
       LRESULT at = SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(path.GetString()));
-      if (broom::CompareNoCase(path.GetString(), select.c_str()) == 0) SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
+      if (broom::CompareNoCase(path.GetString(), select.c_str()) == 0)
+        SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
     }
   EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), SendMessageW(list, LB_GETCURSEL, 0, 0) != LB_ERR);
 }
