@@ -6,20 +6,10 @@
 #include <unknwn.h>
 
 #include "atl/CString.h"
+#include "clean/ResultCodes.h"
 #include "core/Export.h"
 #include "core/PathString.h"
 #include "scan/OperationNotify.h"
-
-// Result codes of Clean and Move.
-enum : DWORD {
-  kCleanDone = 0,
-  kCleanAlternateRemoved = 0xC0000000,  // the server's second way succeeded
-  kCleanFailed = 0x80000000,            // both server ways failed, or an exception
-  kCleanServerUnavailable = 0x88000000, // OR-ed with the creation HRESULT's facility and code
-  kTruncateOpenFailed = 0x88004005,
-  kMoveDestinationExists = 0x80640001,
-  kMoveException = 0x80640000,
-};
 
 struct ICleanableItem : public IUnknown {
   virtual unsigned __int64 GetSize() const = 0;

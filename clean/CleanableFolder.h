@@ -8,13 +8,6 @@
 #include "clean/CleanableFile.h"
 #include "core/Export.h"
 
-// Result codes of a folder removal: kFolderFailed OR-ed with the Win32
-// error; kFolderNotEmpty when something is still in it.
-enum : DWORD {
-  kFolderFailed = 0x80650000,
-  kFolderNotEmpty = kFolderFailed | ERROR_DIR_NOT_EMPTY,  // 0x80650091
-};
-
 class BROOM_API CCleanableEmptyFolder : public CCleanableFile {
  public:
   // folder: the full path of the folder; attributes as its listing gave them.

@@ -21,8 +21,13 @@ set(BROOM_INTERNAL_HEADERS
   browserdb/DbLayout.h           # the statements made for a database's layout
   browserdb/SqliteDb.h           # SQLite, linked into the engine only
   clean/FileOpsServer.h    # the fallback server's interface and identifiers
+  clean/ProgressScope.h    # the one-step progress of a cleanable item
+  scandefs/ChildIndex.h       # the index of group children while files are read
+  scandefs/DefinitionChecks.h # the depth checks of a parsed file
+  scandefs/DefinitionText.h   # a file's bytes widened for the parser, with its lines
   scandefs/FilePrefetch.h  # definition files read ahead of the load
   scandefs/FileScopes.h    # the value scopes of one file's value pass
+  scandefs/ValuePass.h     # "value" elements and %NAME% references of a file
   settings/TempBuffer.h
   core/NameMask.h          # name masks and path parts of rules and the guard
   winapp2/Winapp2Text.h    # reading and cutting a winapp2.ini file

@@ -49,13 +49,17 @@ if(BROOM_TESTS)
                              PRIVATE ${BROOM_GTEST_DIR})
 endif()
 
-# nlohmann/json, header-only, for the JSON the engine writes itself (policies,
-# run reports); only the engine's sources see it. Its header lives in
-# /usr/include beside glibc's, which must never reach the cross compiler, so
-# a folder holding a link to just that tree is added instead.
-set(BROOM_JSON_DIR ${CMAKE_BINARY_DIR}/engine-header-only)
-if(NOT EXISTS /usr/include/nlohmann)
-  message(FATAL_ERROR "/usr/include/nlohmann not found: run scripts/setup.sh (nlohmann-json3-dev)")
-endif()
-file(MAKE_DIRECTORY ${BROOM_JSON_DIR})
-file(CREATE_LINK /usr/include/nlohmann ${BROOM_JSON_DIR}/nlohmann SYMBOLIC)
+# CLI11 and nlohmann/json, header-only Debian packages, for the hosts (and
+# the tests and tools that read their JSON). Their headers live in
+# /usr/include beside glibc's, which must never reach the cross compiler; a
+# folder of symlinks to just those two trees is added instead.
+set(BROOM_HEADER_ONLY ${CMAKE_BINARY_DIR}/header-only)
+file(MAKE_DIRECTORY ${BROOM_HEADER_ONLY})
+foreach(tree CLI nlohmann)
+  if(NOT EXISTS /usr/include/${tree})
+    message(FATAL_ERROR "/usr/include/${tree} not found: run scripts/setup.sh (libcli11-dev, nlohmann-json3-dev)")
+  endif()
+  file(CREATE_LINK /usr/include/${tree} ${BROOM_HEADER_ONLY}/${tree} SYMBOLIC)
+endforeach()
+# The engine writes JSON itself too (policies, run reports): it sees the same folder.
+set(BROOM_JSON_DIR ${BROOM_HEADER_ONLY})

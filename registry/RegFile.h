@@ -12,27 +12,9 @@
 // the same key from either view.
 #include <windows.h>
 
+#include "clean/ResultCodes.h"
 #include "core/Export.h"
 #include "registry/RegistryPath.h"
-
-// Codes of the registry items, exports and restores: 0 or this OR-ed with a
-// Win32 error in the low 16 bits (0x80520005: access denied).
-enum : DWORD {
-  kRegistryFailed = 0x80520000,
-  // restore: a value in the way holds other data and was left as it was
-  kRegistryRestoreConflict = kRegistryFailed | ERROR_ALREADY_EXISTS,
-  // export: the file exists and overwriting was not allowed
-  kRegistryExportFileExists = kRegistryFailed | ERROR_FILE_EXISTS,
-  // clean: the key is in the safety table (or a hive root holds the value)
-  kRegistryRefused = kRegistryFailed | ERROR_INVALID_OPERATION,
-  // restore: the file names a key or value outside the one it was exported
-  // for; nothing was written
-  kRegistryRestoreOutside = kRegistryFailed | ERROR_BAD_PATHNAME,
-};
-
-inline DWORD RegistryResult(LONG error) {
-  return error == ERROR_SUCCESS ? 0 : kRegistryFailed | (static_cast<DWORD>(error) & 0xFFFF);
-}
 
 struct SRegRestoreStats {
   unsigned long keys = 0;       // key sections met (created or already there)

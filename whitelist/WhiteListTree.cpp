@@ -6,6 +6,7 @@
 
 #include "core/Exceptions.h"
 #include "core/Handles.h"
+#include "core/Names.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ class TreeLock {
 CString Component(const CPathString& text, unsigned short start, unsigned short count) {
   CPathString part;
   text.Mid(start, count, part);
-  CWhiteListTree::UpperCase(part.GetBuffer(), part.GetLength());
+  broom::UpperCase(part.GetBuffer(), part.GetLength());
   return part.ToCString();
 }
 
@@ -67,14 +68,7 @@ CWhiteListTree::CParsedString::CParsedString(const wchar_t* path) {
 }
 
 void CWhiteListTree::UpperCase(wchar_t* text, int length) {
-  // The invariant mapping does not depend on the user's locale, so a path
-  // saved on one machine protects the same path when loaded on another,
-  // and it maps letters beyond ASCII as the file system compares them.
-  // ASCII, by far the most common, maps the same way without the call.
-  int i = 0;
-  for (; i < length && text[i] < 0x80; ++i)
-    if (text[i] >= L'a' && text[i] <= L'z') text[i] = static_cast<wchar_t>(text[i] - (L'a' - L'A'));
-  if (i < length) LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, text + i, length - i, text + i, length - i);
+  if (length > 0) broom::UpperCase(text, static_cast<size_t>(length));
 }
 
 // ---- tree ----
@@ -266,7 +260,7 @@ unsigned long CWhiteListTree::Folder::GetFlags() const { return m_it.IsValid() ?
 CWhiteListTree::Folder CWhiteListTree::Folder::GetSubFolder(const wchar_t* name) const {
   if (!m_it.IsValid()) return Folder();
   CPathString upper(name);
-  UpperCase(upper.GetBuffer(), upper.GetLength());
+  broom::UpperCase(upper.GetBuffer(), upper.GetLength());
   ConstIterator it = m_it;
   return FindNode(it, upper.ToCString()) ? Folder(it) : Folder();
 }
