@@ -3,7 +3,7 @@
 #include <string>
 
 #include "browserdb/BrowserDbScan.h"
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 
 CRefPtr<IScanOperationFactory> CBrowserDbScanFactory::Create(const CCookieKeepList& keep) {
   auto* factory = new IUnknownNoQIImp<CBrowserDbScanFactory>();

@@ -30,6 +30,7 @@ set(BROOM_INTERNAL_HEADERS
   scandefs/ValuePass.h     # "value" elements and %NAME% references of a file
   settings/TempBuffer.h
   core/NameMask.h          # name masks and path parts of rules and the guard
+  winapp2/Winapp2Costs.h   # the cost class of a winapp2 entry
   winapp2/Winapp2Text.h    # reading and cutting a winapp2.ini file
   winapp2/Winapp2Variables.h  # the %Name% variables of winapp2 rules
   winapp2/Winapp2Detect.h) # the detection cache of a winapp2 load

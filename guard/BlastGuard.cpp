@@ -7,6 +7,7 @@
 
 #include "core/Handles.h"
 #include "core/NameMask.h"
+#include "core/Names.h"
 #include "recyclebin/RecycleBinItem.h"
 #include "scandefs/ConfigValues.h"
 #include "settings/AppInfo.h"
@@ -15,18 +16,15 @@ namespace {
 
 bool IsDriveRoot(const std::wstring& path) { return path.size() == 2 && path[1] == L':'; }
 
-// True when inner lies below outer (not equal).
-bool IsBelow(const std::wstring& inner, const std::wstring& outer) {
-  return !outer.empty() && inner.size() > outer.size() + 1 && inner.compare(0, outer.size(), outer) == 0 &&
-         inner[outer.size()] == L'\\';
-}
+bool IsBelow(const std::wstring& inner, const std::wstring& outer) { return !outer.empty() && broom::IsBelow(inner, outer); }
 bool AtOrBelow(const std::wstring& inner, const std::wstring& outer) {
-  return (!outer.empty() && inner == outer) || IsBelow(inner, outer);
+  return !outer.empty() && broom::IsAtOrBelow(inner, outer);
 }
 
+// The folder a path lies in; empty for a drive root or a \\server alone.
 std::wstring ParentOf(const std::wstring& path) {
-  size_t slash = path.find_last_of(L'\\');
-  return slash == std::wstring::npos || slash < 2 ? std::wstring() : path.substr(0, slash);
+  std::wstring parent = broom::ParentOf(path);
+  return parent.size() < 2 ? std::wstring() : parent;
 }
 
 std::wstring Environment(const wchar_t* name) {

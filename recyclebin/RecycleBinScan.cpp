@@ -22,7 +22,7 @@ struct SPair {
 };
 
 std::wstring Upper(std::wstring text) {
-  if (!text.empty()) CWhiteListTree::UpperCase(&text[0], static_cast<int>(text.size()));
+  if (!text.empty()) broom::UpperCase(&text[0], text.size());
   return text;
 }
 

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "recyclebin/RecycleBinScan.h"
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 #include "scandefs/XmlReader.h"
 
 CRefPtr<IScanOperationFactory> CRecycleBinScanFactory::Create() {

@@ -77,5 +77,3 @@ class BROOM_API CRegistryPath {
   bool m_hasValue = false;
 };
 
-// The short hive name by its older name; winapp2/ still calls it so.
-inline const wchar_t* RegistryHiveShortName(HKEY hive) { return CRegistryPath::HiveShortName(hive); }

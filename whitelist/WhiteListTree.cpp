@@ -67,10 +67,6 @@ CWhiteListTree::CParsedString::CParsedString(const wchar_t* path) {
   m_last = static_cast<int>(m_components.size()) - 1;
 }
 
-void CWhiteListTree::UpperCase(wchar_t* text, int length) {
-  if (length > 0) broom::UpperCase(text, static_cast<size_t>(length));
-}
-
 // ---- tree ----
 
 CWhiteListTree::CWhiteListTree() { InitializeSRWLock(&m_lock); }

@@ -86,9 +86,6 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
 
   static CString PathFromIterator(ConstIterator node);
   static constexpr int kMaxLineLength = 259;
-  // The case mapping used for stored names and queries alike
-  // (broom::UpperCase of core/Names.h, which new code calls).
-  static void UpperCase(wchar_t* text, int length);
 
  protected:
   static bool FindNode(Iterator& it, const CString& name, bool create);

@@ -171,7 +171,7 @@ void CDetector::PlanKey(const CRegistryPath& key) {
     for (const CRegistryPath& path : classes) PlanKey(path);
     return;
   }
-  const wchar_t* hive = RegistryHiveShortName(key.Hive());
+  const wchar_t* hive = CRegistryPath::HiveShortName(key.Hive());
   if (!hive) return;
   uint32_t node = m_keysPlanned.Add(0, hive);
   for (const std::wstring& part : Upper(CRegistryPath::Components(key.Subkey()))) node = m_keysPlanned.Add(node, part);
@@ -194,7 +194,7 @@ bool CDetector::KeyExists(const CRegistryPath& key) {
 // The open key in the view, or null when it does not exist there. Each key
 // on the way is opened once, relative to its parent, and kept.
 HKEY CDetector::OpenKey(const CRegistryPath& key, REGSAM view) {
-  const wchar_t* hive = RegistryHiveShortName(key.Hive());
+  const wchar_t* hive = CRegistryPath::HiveShortName(key.Hive());
   if (!hive) return nullptr;
   auto& keys = m_keys[view == KEY_WOW64_32KEY ? 1 : 0];
   std::wstring upperPath = hive;

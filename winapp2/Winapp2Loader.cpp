@@ -14,7 +14,7 @@
 #include "registry/RegistryPath.h"
 #include "registry/RegistryScan.h"
 #include "running/Winapp2Programs.h"
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 #include "winapp2/Winapp2Costs.h"
 #include "winapp2/Winapp2Detect.h"
 #include "winapp2/Winapp2FileScan.h"
@@ -361,14 +361,6 @@ class CLoad {
     return false;
   }
 
-  static bool AtOrBelow(const CRegistryPath& key, const CRegistryPath& outer) {
-    const std::wstring& a = key.Subkey();
-    const std::wstring& b = outer.Subkey();
-    return key.Hive() == outer.Hive() && a.size() >= b.size() &&
-           broom::EqualNoCase(a.c_str(), b.size(), b.c_str(), b.size()) &&
-           (a.size() == b.size() || b.empty() || a[b.size()] == L'\\');
-  }
-
   void Build(SPrepared& p) {
     const SEntry& entry = *p.entry;
     struct SOp {
@@ -403,7 +395,7 @@ class CLoad {
       bool kept = false;
       for (const CRegistryPath& exclude : p.regExcludes) {
         // a kept key keeps everything in it: a rule inside it has nothing left to find
-        if (AtOrBelow(rule.path, exclude) &&
+        if (rule.path.IsAtOrBelow(exclude) &&
             (!exclude.HasValue() || (rule.path.HasValue() && exclude.Subkey().size() == rule.path.Subkey().size() &&
                                      broom::EqualNoCase(exclude.ValueName().c_str(), exclude.ValueName().size(),
                                                         rule.path.ValueName().c_str(), rule.path.ValueName().size()))))
