@@ -15,6 +15,7 @@
 #include <windows.h>
 #include <shlobj.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <set>
 
@@ -65,7 +66,7 @@ int wmain(int argc, wchar_t** argv) {
            x.lostFiles, x.lostPaths, x.changedOnRefusal, x.untruthful, x.badMessages);
     if (x.lostFiles || x.lostPaths || x.changedOnRefusal || x.untruthful || x.badMessages || x.otherExit) status = 1;
   }
-  if (runs(L"winapp2")) status = std::max(status, Winapp2(g_root));
+  if (runs(L"winapp2")) status = std::max(status, Winapp2());
   RemoveTree(g_root);
   return status;
 }
