@@ -506,6 +506,41 @@ TEST_F(Winapp2, RulesThatWouldTakeProtectedFoldersAreRefusedAtLoadWithTheirReaso
   }
 }
 
+TEST_F(Winapp2, AWildcardInADetectionPathNeverLeadsThroughALink) {
+  WriteFile(m_dir / L"real\\app\\x.txt", 3);
+  MakeDirs(m_dir / L"links");
+  MakeDirs(m_dir / L"loop");
+  ASSERT_TRUE(broomtest::MakeUnixSymlink(m_dir / L"real", m_dir / L"links\\to_real"));
+  // links back to their own folder: every wildcard level would triple the walk
+  for (const wchar_t* name : {L"\\a", L"\\b", L"\\c"})
+    ASSERT_TRUE(broomtest::MakeUnixSymlink(m_dir / L"loop", m_dir / L"loop" + name));
+  const std::wstring v = Var();
+  std::wstring loop = v + L"\\loop";
+  for (int i = 0; i < 14; ++i) loop += L"\\*";
+  const struct {
+    std::wstring detect;
+    bool applies;
+  } cases[] = {
+      {L"DetectFile=" + v + L"\\links\\*\\app", false},
+      {L"DetectFile=" + v + L"\\real\\*\\x.txt", true},
+      {L"DetectFile=" + v + L"\\links\\to_real\\app", true},  // a path named whole is asked as named
+      {L"DetectFile=" + loop + L"\\nope", false},
+  };
+  std::wstring ini;
+  for (size_t i = 0; i < std::size(cases); ++i)
+    ini += L"[Detect " + std::to_wstring(i) + L" *]\n" + cases[i].detect + L"\nFileKey1=" + v + L"\\x|*\n";
+  PROCESS_MEMORY_COUNTERS before = {}, after = {};
+  GetProcessMemoryInfo(GetCurrentProcess(), &before, sizeof before);
+  ASSERT_TRUE(Load(ini).skipped.empty());
+  GetProcessMemoryInfo(GetCurrentProcess(), &after, sizeof after);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    CScanGroup_imp* item = Item(L"Other", (L"Detect " + std::to_wstring(i)).c_str());
+    ASSERT_TRUE(item);
+    EXPECT_EQ(cases[i].applies, item->IsEnabled() != abFalse) << Narrow(cases[i].detect);
+  }
+  EXPECT_LT(after.PeakWorkingSetSize - before.PeakWorkingSetSize, 64u << 20);
+}
+
 TEST_F(Winapp2, HostileDetectionPathsCostMemoryInLineWithTheFile) {
   // Long paths of many components were once planned as every prefix: a
   // 70 KB line took gigabytes. Now a line costs in line with its length.
