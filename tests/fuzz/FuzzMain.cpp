@@ -42,7 +42,8 @@ constexpr LONG64 kMemoryPerByte = 16;
 LONG64 Ceiling(LONG64 bytes) { return kMemoryFloor + kMemoryPerByte * bytes; }
 // A worker whose peak passed this ends itself after that input (exit code
 // kFresh), so that the next input's peak is its own again: the peak working
-// set only ever grows.
+// set only ever grows. An input past its ceiling in a worker that ran other
+// inputs first is judged again alone by a fresh worker.
 constexpr LONG64 kFreshPeak = 32ll << 20;
 constexpr DWORD kFresh = 75;
 
@@ -199,14 +200,16 @@ int Work(Shared* shared, const Inputs& inputs, uint64_t from, uint64_t to, const
     int outcome = in.winapp2 ? LoadWinapp2(file, in, text) : LoadDefinitions(folder, in, text);
     DeleteFileW(file.c_str());
     LONG64 ms = static_cast<LONG64>(GetTickCount64() - started);
+    // the peak of this input above the worker's base, with up to kFreshPeak that earlier inputs left
+    const LONG64 used = static_cast<LONG64>(Memory(GetCurrentProcess()).PeakWorkingSetSize) - base;
+    const LONG64 ceiling = Ceiling(static_cast<LONG64>(in.bytes.size()));
+    // past the ceiling after other inputs: judged again alone, by a fresh worker
+    if (used > ceiling && i > from) return static_cast<int>(kFresh);
     (in.winapp2 ? shared->msWinapp2 : shared->msDefinitions) += ms;
     if (ms > shared->slowestMs) {
       shared->slowestMs = ms;
       shared->slowestIndex = static_cast<LONG64>(i);
     }
-    // the peak of this input, above the worker's base (the peak before it was at most kFreshPeak above)
-    const LONG64 used = static_cast<LONG64>(Memory(GetCurrentProcess()).PeakWorkingSetSize) - base;
-    const LONG64 ceiling = Ceiling(static_cast<LONG64>(in.bytes.size()));
     if (used > shared->highestUsed) {
       shared->highestUsed = used;
       shared->highestIndex = static_cast<LONG64>(i);
@@ -272,7 +275,9 @@ int Supervise(const Options& o, const Inputs& inputs) {
   std::vector<Failure> failures;
   unsigned crashes = 0, hangs = 0, overMemory = 0, workers = 0, fresh = 0;
   ULONGLONG began = GetTickCount64();
+  uint64_t retried = total;  // the input last judged again by a fresh worker after passing the ceiling
   for (uint64_t next = 0; next < total;) {
+    const uint64_t first = next;
     shared->current = static_cast<LONG64>(next);
     shared->reached = static_cast<LONG64>(next);
     shared->base = 0;
@@ -320,6 +325,11 @@ int Supervise(const Options& o, const Inputs& inputs) {
       if (now > ceiling) {
         TerminateProcess(process.get(), 0xDEAD);
         WaitForSingleObject(process.get(), INFINITE);
+        // what earlier inputs of the worker left may be in it: once more, alone
+        if (static_cast<uint64_t>(current) > first && static_cast<uint64_t>(current) != retried) {
+          retried = next = static_cast<uint64_t>(current);
+          break;
+        }
         failures.push_back({static_cast<uint64_t>(current), "memory past its ceiling: " + Megabytes(now) +
                                                                 " above the worker's start, ceiling " + Megabytes(ceiling)});
         ++overMemory;
