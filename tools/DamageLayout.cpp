@@ -74,6 +74,11 @@ bool FindFolders(Folders& f, std::string& why) {
   f.known = {{L"Desktop", Shell(CSIDL_DESKTOPDIRECTORY)}, {L"Documents", Shell(CSIDL_PERSONAL)},
              {L"Downloads", Known(FOLDERID_Downloads)},   {L"Music", Shell(CSIDL_MYMUSIC)},
              {L"Pictures", Shell(CSIDL_MYPICTURES)},      {L"Videos", Shell(CSIDL_MYVIDEO)}};
+  // the user's and the shared known folders that are folders of the prefix
+  for (const wchar_t* name : {L"Favorites", L"Contacts", L"Links", L"Saved Games", L"Searches"})
+    f.otherKnown.push_back({name, f.profile + L"\\" + name});
+  for (const wchar_t* name : {L"Desktop", L"Documents", L"Music", L"Pictures", L"Videos"})
+    f.otherKnown.push_back({std::wstring(L"Public ") + name, f.publicDir + L"\\" + name});
   f.data = f.local + L"\\Broom";
   f.test = f.windows.substr(0, 2) + L"\\broomtest";
   f.home = FromUnix(Variable(L"BROOM_DAMAGE_HOME"));
@@ -163,6 +168,7 @@ bool Ground::Lay(std::string& why) {
     precious(known.second + L"\\broom-precious.txt");
     precious(known.second + L"\\PreciousKeep\\p.dat");
   }
+  for (const auto& other : f.otherKnown) precious(other.second + L"\\broom-precious.txt");
   const std::wstring documents = f.known[1].second;
   precious(documents + L"\\linked\\p.txt");
   precious(documents + L"\\linked\\sub\\q.txt");

@@ -16,6 +16,7 @@ struct Folders {
   std::wstring windows, system32, sysWow64, programFiles, programFilesX86, programData, users, profile, publicDir,
       roaming, local, localLow;
   std::vector<std::pair<std::wstring, std::wstring>> known;  // Desktop, Documents, ...: name, path
+  std::vector<std::pair<std::wstring, std::wstring>> otherKnown;  // Saved Games, Public Documents, ...
   std::wstring data;     // Broom's data folder, %LOCALAPPDATA%\Broom
   std::wstring test;     // C:\broomtest: what the rules may delete
   std::wstring outside;  // a folder outside drive C

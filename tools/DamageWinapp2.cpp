@@ -253,6 +253,12 @@ std::vector<Case> Cases(const Folders& f) {
   for (size_t i = 0; i < f.known.size(); ++i)
     roots.push_back({"a user folder", f.known[i].second,
                      {*knownVariables[i] ? knownVariables[i] : L"", L"%UserProfile%\\" + f.known[i].first}});
+  for (const auto& other : f.otherKnown) {
+    std::wstring leaf = other.second.substr(other.second.find_last_of(L'\\'));
+    bool shared = other.first.rfind(L"Public ", 0) == 0;
+    roots.push_back({shared ? "a shared user folder" : "a user folder", other.second,
+                     {(shared ? L"%Public%" : L"%UserProfile%") + leaf}});
+  }
   int serial = 0;
   for (const Root& root : roots) {
     Case c{std::string(root.name) + " " + Narrow(root.path), {}, {}, kUtf8};
@@ -265,7 +271,7 @@ std::vector<Case> Cases(const Folders& f) {
   }
   // the profile's file again, as it may arrive: UTF-16 cut short, lone CRs, NULs in the keys
   for (Encoding e : {kUtf16Odd, kLoneCr, kNulInKeys}) {
-    Case c = cases[8];
+    Case c = cases[8];  // the profile
     c.label += e == kUtf16Odd ? " (UTF-16 of odd length)" : e == kLoneCr ? " (lone CRs)" : " (NULs in the keys)";
     c.encoding = e;
     for (Rule& rule : c.rules) rule.refuse = e == kUtf16Odd && rule.refuse;
