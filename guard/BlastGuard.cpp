@@ -1,5 +1,7 @@
 #include "guard/BlastGuard.h"
 
+#include <objbase.h>
+
 #include <cwchar>
 #include <cwctype>
 #include <mutex>
@@ -152,6 +154,25 @@ CBlastGuard::SVerdict Refuse(const std::wstring& reason) {
   verdict.allowed = false;
   verdict.reason = reason.c_str();
   return verdict;
+}
+
+// Known folders without a shell-folder symbol.
+const std::pair<const wchar_t*, GUID> kKnownFolders[] = {
+    {L"Contacts", {0x56784854, 0xC6CB, 0x462B, {0x81, 0x69, 0x88, 0xE3, 0x50, 0xAC, 0xB8, 0x82}}},
+    {L"Links", {0xBFB9D5E0, 0xC6A9, 0x404C, {0xB2, 0xB2, 0xAE, 0x6D, 0xB6, 0xAF, 0x49, 0x68}}},
+    {L"Saved Games", {0x4C5C32FF, 0xBB9D, 0x43B0, {0xB5, 0xB4, 0x2D, 0x72, 0xE5, 0x4E, 0xAA, 0xA4}}},
+    {L"Searches", {0x7D1D3A04, 0xDEBB, 0x4115, {0x95, 0xCF, 0x2F, 0x29, 0xDA, 0x29, 0x20, 0xDA}}},
+    {L"Public Downloads", {0x3D644C9B, 0x1FB8, 0x4F30, {0x9B, 0x45, 0xF6, 0x70, 0x23, 0x5F, 0x79, 0xC0}}}};
+
+std::wstring KnownFolder(const GUID& id) {
+  using KnownFolderFn = HRESULT(WINAPI*)(REFGUID, DWORD, HANDLE, PWSTR*);
+  auto known = reinterpret_cast<KnownFolderFn>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"Shell32.dll"), "SHGetKnownFolderPath")));
+  PWSTR path = nullptr;
+  std::wstring out;
+  if (known && SUCCEEDED(known(id, 0, nullptr, &path)) && path) out = path;
+  CoTaskMemFree(path);
+  return out;
 }
 
 std::wstring Named(const CBlastGuard::SFolder& folder) { return folder.name + L" (" + folder.shown + L")"; }
@@ -321,6 +342,14 @@ CBlastGuard::CBlastGuard() : m_cache(new SCache) {
     Add(m_protected, folder.first, symbol(folder.second));
     Add(m_userFolders, folder.first, symbol(folder.second));
   }
+  // The user's other known folders and the ones all users share: never
+  // removed, and no rule walks or empties them.
+  const std::pair<const wchar_t*, const wchar_t*> more[] = {
+      {L"Favorites", L"FAVORITES"},           {L"Public Desktop", L"COMMON_DESKTOPDIRECTORY"},
+      {L"Public Documents", L"COMMON_DOCUMENTS"}, {L"Public Music", L"COMMON_MUSIC"},
+      {L"Public Pictures", L"COMMON_PICTURES"}, {L"Public Videos", L"COMMON_VIDEO"}};
+  for (const auto& folder : more) Add(m_protected, folder.first, symbol(folder.second));
+  for (const auto& folder : kKnownFolders) Add(m_protected, folder.first, KnownFolder(folder.second).c_str());
   const std::pair<const wchar_t*, const wchar_t*> appData[] = {
       {L"AppData\\Roaming", L"APPDATA"}, {L"AppData\\Local", L"LOCALAPPDATA"}, {L"AppData\\LocalLow", L"LOCALLOWAPPDATA"}};
   for (const auto& folder : appData) Add(m_protected, folder.first, symbol(folder.second));

@@ -9,7 +9,9 @@
 // SysWOW64 folder, a Program Files folder, ProgramData, the folder of the
 // user profiles, any profile folder or the user's own known folders
 // (Desktop, Documents, Downloads, Pictures, Music, Videos, AppData's
-// Roaming, Local and LocalLow), or any folder that holds one of them; a hit
+// Roaming, Local and LocalLow, Favorites, Contacts, Links, Saved Games,
+// Searches) or the ones all users share (Public's Desktop, Documents,
+// Downloads, Music, Pictures, Videos), or any folder that holds one of them; a hit
 // directly in a drive root or in a profile folder; anything in Broom's own
 // data folder; a program file (.exe, .dll, .sys) unless the pattern that
 // found it names that extension, and a program file of any kind below the

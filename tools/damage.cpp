@@ -1,441 +1,46 @@
-// Drives broom.exe through hundreds of damaged quarantine manifests and
-// whitelist files, made by mutating real ones that broom itself wrote, and
-// checks after every run that no file and no protected path was lost and
-// that the exit code and the messages tell the truth. Prints the counts and
-// exits with 1 when anything was lost or misreported.
+// Drives broom.exe through damaged quarantine manifests and whitelist files
+// (mutations of real ones that broom itself wrote) and through hostile
+// winapp2 files aimed at the folders the guard protects, and checks after
+// every run that no file and no protected path was lost and that the exit
+// code and the messages tell the truth. Prints the counts and exits with 1
+// when anything was lost or misreported.
 //
-//   broom_damage.exe [PATH\broom.exe]     (default: broom.exe beside it)
+//   broom_damage.exe [PATH\broom.exe] [--part manifests|whitelists|winapp2]...
+//                                      (default: broom.exe beside it, every part)
 //
-// Everything happens below %TEMP%\broom-damage; broom runs with its
-// LOCALAPPDATA and its current folder there.
+// Everything it makes happens below %TEMP%\broom-damage, apart from the
+// precious files the winapp2 part lays around its test folder; the manifest
+// and whitelist parts run broom with its LOCALAPPDATA there. The winapp2
+// part runs only on a Wine prefix made for it (scripts/damage.sh).
 #include <windows.h>
 #include <shlobj.h>
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <cstdio>
-#include <functional>
-#include <map>
-#include <string>
-#include <vector>
+#include <set>
 
-#include "core/Names.h"
-#include "tools/DamageSupport.h"
+#include "DamageCommon.h"
 
-using nlohmann::json;
-
-namespace {
-
-// ---- quarantine manifests ----
-
-struct ManifestCase {
-  std::string label;
-  std::string manifest;
-  std::function<void(const std::wstring& q)> extra;  // more damage to the folder
-};
-
-std::string Dump(const json& j) { return j.dump(2) + "\n"; }
-
-std::vector<ManifestCase> ManifestCases(const std::string& text, const std::wstring& root) {
-  std::vector<ManifestCase> cases;
-  const json base = json::parse(text);
-  const size_t entries = base["entries"].size();
-  // cut anywhere
-  for (size_t n = 0; n < text.size(); n += text.size() / 70 + 1)
-    cases.push_back({"truncated at " + std::to_string(n), text.substr(0, n), nullptr});
-  cases.push_back({"last byte cut", text.substr(0, text.size() - 1), nullptr});
-  cases.push_back({"last two bytes cut", text.substr(0, text.size() - 2), nullptr});
-  // one byte changed anywhere
-  const char flips[] = {'\0', '"', '\\', '*', '}', ',', '/', '\x1A'};
-  int f = 0;
-  for (size_t p = 0; p < text.size(); p += text.size() / 40 + 1)
-    for (int k = 0; k < 3; ++k, ++f) {
-      std::string m = text;
-      char c = flips[f % sizeof flips];
-      if (m[p] == c) c ^= 0x20;
-      m[p] = c;
-      cases.push_back({"byte " + std::to_string(p) + " set to " + std::to_string(static_cast<int>(c)), m, nullptr});
-    }
-
-  auto edit = [&](const std::string& label, const std::function<void(json&)>& change,
-                  std::function<void(const std::wstring&)> extra = nullptr) {
-    json j = base;
-    change(j);
-    cases.push_back({label, Dump(j), extra});
-  };
-  const std::string r = Narrow(root);
-  std::vector<std::string> originals = {
-      r + "\\tree\\junk\\*.bin", r + "\\tree\\junk\\?.bin", r + "\\tree\\junk\\a<.bin", r + "\\tree\\junk\\a|b",
-      "tree\\junk\\a.bin", "a.bin", "\\tree\\junk\\a.bin", r.substr(0, 2) + "tree\\a.bin", r.substr(0, 3),
-      "\\\\?\\" + r + "\\tree\\junk\\q.bin", "\\\\.\\" + r + "\\tree\\junk\\q.bin", "\\\\server\\share\\a.bin",
-      "//server/share/a.bin", r + "/tree/junk/a.bin", r + "\\tree\\..\\tree\\junk\\x.bin", r + "\\tree\\.\\x.bin",
-      r + "\\tree\\junk\\NUL", r + "\\tree\\junk\\con.txt", r + "\\tree\\junk\\COM1", r + "\\tree\\junk\\lpt9.log",
-      r + "\\tree\\junk\\CONOUT$", r + "\\tree\\junk\\x.bin.", r + "\\tree\\junk\\x.bin ", r + "\\tree\\\\x.bin",
-      r + "\\tree\\junk\\", r + "\\tree\\junk\\a.bin:stream", "", r + "\\tree\\junk\\" + std::string(300, 'l'),
-      r + "\\tree\\junk\\decoy.bin", r + std::string("\\tree\\junk\\nul\0x.bin", sizeof "\\tree\\junk\\nul\0x.bin" - 1), r + "\\tree\\junk\\x\ty.bin",
-      "C:x.bin"};
-  for (size_t i = 0; i < originals.size(); ++i)
-    edit("original '" + originals[i] + "'", [&](json& j) { j["entries"][i % entries]["original"] = originals[i]; });
-  std::vector<std::string> stored = {"broom-quarantine.json", "BROOM-QUARANTINE.JSON", "broom-quarantine.json.tmp",
-                                     "..", ".", "..\\a.bin", "sub\\a.bin", "", "CON", "a*.bin", "BROOM-~1.JSO",
-                                     "x.bin.", "nul.txt", std::string(260, 's'), "a:b", "../x"};
-  for (size_t i = 0; i < stored.size(); ++i)
-    edit("stored '" + stored[i] + "'", [&](json& j) { j["entries"][i % entries]["stored"] = stored[i]; });
-  std::vector<json> sizes = {-1, 1.5, "12", nullptr, true, 1e30, json::array(), json::object(), -9223372036854775807LL};
-  for (size_t i = 0; i < sizes.size(); ++i)
-    edit("size " + sizes[i].dump(), [&](json& j) { j["entries"][i % entries]["size"] = sizes[i]; });
-  for (size_t e = 0; e < entries; ++e) {
-    for (const char* field : {"original", "stored", "size"})
-      edit(std::string("entry without ") + field, [&](json& j) { j["entries"][e].erase(field); });
-    edit("original and stored swapped", [&](json& j) { std::swap(j["entries"][e]["original"], j["entries"][e]["stored"]); });
-    edit("original and size swapped", [&](json& j) { std::swap(j["entries"][e]["original"], j["entries"][e]["size"]); });
-    edit("original is a number", [&](json& j) { j["entries"][e]["original"] = 7; });
-    edit("stored is a list", [&](json& j) { j["entries"][e]["stored"] = json::array({"a.bin"}); });
-    edit("entry removed", [&](json& j) { j["entries"].erase(e); });
-    edit("entry is a string", [&](json& j) { j["entries"][e] = "a.bin"; });
-    edit("stored names another entry's file",
-         [&](json& j) { j["entries"][e]["stored"] = j["entries"][(e + 1) % entries]["stored"]; });
-    edit("original names another entry's place",
-         [&](json& j) { j["entries"][e]["original"] = j["entries"][(e + 1) % entries]["original"]; });
-    edit("original inside the quarantine", [&](json& j) { j["entries"][e]["original"] = "@Q@\\x.bin"; });
-    edit("extra field", [&](json& j) { j["entries"][e]["note"] = "kept"; });
-    edit("stored file missing", [](json&) {},
-         [e, base](const std::wstring& folder) {
-           DeleteFileW((folder + L"\\" + Widen(base["entries"][e]["stored"].get<std::string>())).c_str());
-         });
-    edit("original place taken", [](json&) {},
-         [e, base](const std::wstring&) {
-           WriteBytes(Widen(base["entries"][e]["original"].get<std::string>()), "someone else's file");
-         });
-  }
-  edit("format missing", [](json& j) { j.erase("format"); });
-  edit("format other", [](json& j) { j["format"] = "broom-quarantine-2"; });
-  edit("format number", [](json& j) { j["format"] = 1; });
-  edit("version missing", [](json& j) { j.erase("version"); });
-  edit("version 2", [](json& j) { j["version"] = 2; });
-  edit("version \"1\"", [](json& j) { j["version"] = "1"; });
-  edit("version 1.0", [](json& j) { j["version"] = 1.0; });
-  edit("entries missing", [](json& j) { j.erase("entries"); });
-  edit("entries an object", [](json& j) { j["entries"] = json::object(); });
-  edit("entries null", [](json& j) { j["entries"] = nullptr; });
-  edit("entries empty", [](json& j) { j["entries"] = json::array(); });
-  edit("entries reversed", [](json& j) { std::reverse(j["entries"].begin(), j["entries"].end()); });
-  edit("entries doubled", [](json& j) {
-    json copy = j["entries"];
-    for (auto& e : copy) j["entries"].push_back(e);
-  });
-  edit("top-level extra field", [](json& j) { j["made by"] = "test"; });
-  edit("an unlisted file", [](json&) {}, [](const std::wstring& folder) { WriteBytes(folder + L"\\stray.bin", "stray"); });
-  edit("an unlisted folder", [](json&) {}, [](const std::wstring& folder) {
-    WriteBytes(folder + L"\\straydir\\inner.bin", "inner");
-  });
-  edit("a leftover .tmp", [](json&) {},
-       [](const std::wstring& folder) { WriteBytes(folder + L"\\broom-quarantine.json.tmp", "{}"); });
-  edit("untouched", [](json&) {});
-  for (const char* whole : {"[]", "null", "42", "\"text\"", "{}", "", " ", "{\"format\":\"broom-quarantine\"}",
-                            "\xEF\xBB\xBF"})
-    cases.push_back({std::string("whole file '") + whole + "'", whole, nullptr});
-  cases.push_back({"byte-order mark", "\xEF\xBB\xBF" + text, nullptr});
-  cases.push_back({"deep nesting", std::string(100000, '[') + std::string(100000, ']'), nullptr});
-  cases.push_back({"deep nesting in an entry", [&] {
-                     json j = base;
-                     json deep = json::array();
-                     for (int i = 0; i < 50; ++i) deep = json::array({deep});
-                     j["entries"][0]["note"] = deep;
-                     return Dump(j);
-                   }(),
-                   nullptr});
-  {
-    std::string dup = text;
-    size_t at = dup.find("\"original\"");
-    dup.insert(at, "\"original\": \"" + r + "\\\\tree\\\\junk\\\\decoy.bin\",\n      ");
-    cases.push_back({"a repeated key", dup, nullptr});
-    std::string nul = text;
-    at = nul.find(".bin\"");
-    if (at != std::string::npos) nul.insert(at, "\\u0000");
-    cases.push_back({"an escaped NUL", nul, nullptr});
-    std::string surrogate = text;
-    at = surrogate.find(".bin\"");
-    if (at != std::string::npos) surrogate.insert(at, "\\ud800");
-    cases.push_back({"a lone surrogate", surrogate, nullptr});
-    std::string badUtf8 = text;
-    at = badUtf8.find(".bin\"");
-    if (at != std::string::npos) badUtf8.insert(at, "\xC3");
-    cases.push_back({"broken UTF-8", badUtf8, nullptr});
-  }
-  return cases;
-}
-
-void Manifests(const std::wstring& root, Figures& f) {
-  const std::wstring appData = root + L"\\appdata-q", tree = root + L"\\tree";
-  const std::vector<std::pair<std::wstring, std::string>> files = {{tree + L"\\junk\\a.bin", Bytes(1000, 1)},
-                                                                   {tree + L"\\junk\\sub\\b.txt", Bytes(2000, 2)},
-                                                                   {tree + L"\\junk\\c d.dat", Bytes(3, 3)}};
-  for (auto& file : files) WriteBytes(file.first, file.second);
-  const std::wstring q0 = root + L"\\q0";
-  Run made = Broom({L"--defs", root + L"\\defs", L"clean", L"--yes", L"--quarantine", q0}, appData);
-  std::string text;
-  if (made.code != 0 || !ReadBytes(q0 + L"\\broom-quarantine.json", text)) {
-    fprintf(stderr, "the quarantine was not made (exit %lu): %s\n", made.code, made.err.c_str());
-    ExitProcess(3);
-  }
-  Snapshot stored;
-  Take(q0, stored);
-  stored.erase(q0 + L"\\broom-quarantine.json");
-  RemoveTree(tree);
-
-  std::vector<ManifestCase> cases = ManifestCases(text, root);
-  for (size_t k = 0; k < cases.size(); ++k) {
-    const ManifestCase& c = cases[k];
-    const std::wstring q = root + L"\\m\\" + std::to_wstring(k);
-    for (auto& s : stored) WriteBytes(q + s.first.substr(q0.size()), s.second);
-    std::string manifest = c.manifest;
-    const std::string escaped = json(Narrow(q)).dump();  // the case's own folder, as JSON text
-    for (size_t at; (at = manifest.find("@Q@")) != std::string::npos;)
-      manifest.replace(at, 3, escaped.substr(1, escaped.size() - 2));
-    WriteBytes(q + L"\\broom-quarantine.json", manifest);
-    WriteBytes(tree + L"\\junk\\decoy.bin", "an unrelated file");
-    if (c.extra) c.extra(q);
-    Snapshot before;
-    Take(q, before);
-    Take(tree, before);
-    Take(g_cwd, before);
-
-    Run r = Broom({L"restore", q}, appData);
-    Count(f, r);
-    ++f.cases;
-    Snapshot after;
-    Take(q, after);
-    Take(tree, after);
-    Take(g_cwd, after);
-
-    // Every file's bytes are somewhere afterwards: moved, never overwritten.
-    auto isManifest = [&](const std::wstring& path) { return path.rfind(q + L"\\broom-quarantine.json", 0) == 0; };
-    std::map<std::string, int> contents;
-    size_t inQuarantineBefore = 0, inQuarantineAfter = 0;
-    for (auto& b : before)
-      if (!isManifest(b.first)) {
-        ++contents[b.second];
-        inQuarantineBefore += b.first.rfind(q + L"\\", 0) == 0;
-      }
-    for (auto& a : after)
-      if (!isManifest(a.first)) {
-        --contents[a.second];
-        inQuarantineAfter += a.first.rfind(q + L"\\", 0) == 0;
-      }
-    for (auto& c2 : contents)
-      for (int n = 0; n < c2.second; ++n) Complain(f, f.lostFiles, c.label, "file bytes lost or overwritten", r);
-    CheckMessage(f, c.label, r);
-    if (r.code == 2) {
-      if (after != before) Complain(f, f.changedOnRefusal, c.label, "refused, yet files changed", r);
-    } else if (r.code == 0 || r.code == 1) {
-      // "Restored N" is what left the folder; "M files stay" what the
-      // manifest still lists; exit 0 only when nothing stays.
-      unsigned long restored = 0, stay = 0;
-      size_t at = r.out.find("Restored ");
-      bool said = at != std::string::npos && sscanf(r.out.c_str() + at, "Restored %lu", &restored) == 1;
-      for (size_t line = 0; (line = r.err.find("broom: ", line)) != std::string::npos; line += 7)
-        if (sscanf(r.err.c_str() + line, "broom: %lu file", &stay) == 1) break;
-      std::string left;
-      size_t listed = 0;
-      if (ReadBytes(q + L"\\broom-quarantine.json", left)) {
-        json j = json::parse(left, nullptr, false);
-        listed = j.is_object() && j["entries"].is_array() ? j["entries"].size() : 999;
-      }
-      size_t moved = inQuarantineBefore - inQuarantineAfter;
-      bool truthful = said && restored == moved && stay == listed && (r.code == 0) == (listed == 0) &&
-                      (r.code != 0 || inQuarantineAfter == 0);
-      if (!truthful)
-        Complain(f, f.untruthful, c.label,
-                 "says " + std::to_string(restored) + " restored and " + std::to_string(stay) + " staying; " +
-                     std::to_string(moved) + " moved, " + std::to_string(listed) + " still listed",
-                 r);
-    } else {
-      Complain(f, f.untruthful, c.label, "unexpected exit code", r);
-    }
-    RemoveTree(q);
-    RemoveTree(tree);
-    RemoveTree(g_cwd);
-    CreateDirectoryW(g_cwd.c_str(), nullptr);
-  }
-}
-
-// ---- whitelist files ----
-
-std::wstring Upper(std::wstring text) {
-  if (!text.empty())
-    LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, &text[0], static_cast<int>(text.size()), &text[0],
-                 static_cast<int>(text.size()));
-  return text;
-}
-
-// The paths a whitelist file names, read on its own terms: lines end at LF
-// (a CR before it goes), the text at a Ctrl+Z, one byte per character.
-std::vector<std::wstring> Named(const std::string& bytes) {
-  std::vector<std::wstring> paths;
-  std::string text = bytes.substr(0, bytes.find('\x1A'));
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    std::string line = text.substr(start, end == std::string::npos ? std::string::npos : end - start);
-    start = end == std::string::npos ? text.size() : end + 1;
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    std::wstring wide;
-    for (char c : line) wide += static_cast<wchar_t>(static_cast<unsigned char>(c));
-    if (!wide.empty() && wide.back() == L'\\') wide.pop_back();
-    if (!wide.empty()) paths.push_back(Upper(wide));
-  }
-  return paths;
-}
-
-bool Covers(const std::vector<std::wstring>& paths, const std::wstring& file) {
-  std::wstring upper = Upper(file);
-  for (const std::wstring& p : paths)
-    if (upper == p || (upper.size() > p.size() && upper.compare(0, p.size(), p) == 0 && upper[p.size()] == L'\\'))
-      return true;
-  return false;
-}
-
-std::vector<std::pair<std::string, std::string>> WhiteListCases(const std::string& w) {
-  std::vector<std::pair<std::string, std::string>> cases;
-  for (size_t n = 0; n < w.size(); n += w.size() / 30 + 1) cases.push_back({"truncated at " + std::to_string(n), w.substr(0, n)});
-  const char values[] = {'\0', '\x1A', '\r', '\n', '\xFF', '\xB5', '\\', 'a', '\x80', ' '};
-  int v = 0;
-  for (size_t p = 0; p < w.size(); p += w.size() / 12 + 1)
-    for (int k = 0; k < 10; ++k, ++v) {
-      std::string m = w;
-      m[p] = values[v % 10];
-      cases.push_back({"byte " + std::to_string(p) + " set to " + std::to_string(static_cast<unsigned char>(m[p])), m});
-    }
-  const size_t firstEnd = w.find("\r\n") + 2;
-  const std::string head = w.substr(0, firstEnd), tail = w.substr(firstEnd);
-  auto lineOf = [](size_t n) { return "C:\\" + std::string(n - 3, 'L') + "\r\n"; };
-  cases.push_back({"259-character line", head + lineOf(259) + tail});
-  cases.push_back({"260-character line", head + lineOf(260) + tail});
-  cases.push_back({"300-character first line", lineOf(300) + w});
-  cases.push_back({"1000-character last line", w + lineOf(1000)});
-  cases.push_back({"empty line inside", head + "\r\n" + tail});
-  cases.push_back({"empty line at the end", w + "\r\n"});
-  cases.push_back({"empty first line", "\r\n" + w});
-  cases.push_back({"Ctrl+Z at the end", w + "\x1A"});
-  cases.push_back({"Ctrl+Z and a line end at the end", w + "\x1A\r\n"});
-  cases.push_back({"Ctrl+Z inside", head + "\x1A" + tail});
-  cases.push_back({"NUL inside a line", head.substr(0, 6) + std::string(1, '\0') + head.substr(6) + tail});
-  std::string lf, cr;
-  for (char c : w) {
-    if (c != '\r') lf += c;
-    if (c != '\n') cr += c;
-  }
-  cases.push_back({"LF line ends", lf});
-  cases.push_back({"CR line ends", cr});
-  cases.push_back({"no line end at the end", w.substr(0, w.size() - 2)});
-  std::string lower = w;
-  for (char& c : lower) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  cases.push_back({"lower case", lower});
-  cases.push_back({"trailing backslashes", [&] {
-                     std::string m;
-                     for (size_t s = 0, e; (e = w.find("\r\n", s)) != std::string::npos; s = e + 2)
-                       m += w.substr(s, e - s) + "\\\r\n";
-                     return m;
-                   }()});
-  cases.push_back({"two trailing backslashes", head.substr(0, head.size() - 2) + "\\\\\r\n" + tail});
-  cases.push_back({"a lone backslash", head + "\\\r\n" + tail});
-  cases.push_back({"a UNC path", head + "\\\\SERVER\\SHARE\r\n" + tail});
-  cases.push_back({"a relative path", head + "DATA\\X\r\n" + tail});
-  cases.push_back({"lines doubled", w + w});
-  cases.push_back({"y with diaeresis", head + "C:\\\xFF\r\n" + tail});
-  cases.push_back({"micro sign", w + "C:\\\xB5M\r\n"});
-  cases.push_back({"byte-order mark", "\xEF\xBB\xBF" + w});
-  cases.push_back({"lone CR inside a line", head.substr(0, 6) + "\r" + head.substr(6) + tail});
-  cases.push_back({"CR CR LF", head.substr(0, head.size() - 2) + "\r\r\n" + tail});
-  cases.push_back({"empty file", ""});
-  cases.push_back({"untouched", w});
-  return cases;
-}
-
-void WhiteLists(const std::wstring& root, Figures& f) {
-  const std::wstring appData = root + L"\\appdata-w", file = appData + L"\\Broom\\whitelist.txt";
-  const std::wstring junk = root + L"\\tree\\junk";
-  const std::vector<std::wstring> guarded = {junk + L"\\p1", junk + L"\\p2\\deep", junk + L"\\keep.bin",
-                                             root + L"\\keep\\\u00c4rger", root + L"\\keep\\x y", junk + L"\\p3"};
-  for (const std::wstring& g : guarded)
-    if (Broom({L"protect", g}, appData).code != 0) {
-      fprintf(stderr, "cannot protect %s\n", Narrow(g).c_str());
-      ExitProcess(3);
-    }
-  std::string w;
-  ReadBytes(file, w);
-  const std::vector<std::wstring> junkFiles = {junk + L"\\p1\\f.bin", junk + L"\\p2\\deep\\g.bin", junk + L"\\p2\\h.bin",
-                                               junk + L"\\keep.bin", junk + L"\\free.bin", junk + L"\\p3\\i.bin"};
-
-  auto cases = WhiteListCases(w);
-  for (size_t k = 0; k < cases.size(); ++k) {
-    const std::string& label = cases[k].first;
-    ++f.cases;
-    // clean: nothing the file names may go, and a refusal deletes nothing
-    WriteBytes(file, cases[k].second);
-    for (const std::wstring& j : junkFiles) WriteBytes(j, "junk");
-    std::vector<std::wstring> named = Named(cases[k].second);
-    Run clean = Broom({L"--defs", root + L"\\defs", L"clean", L"--yes"}, appData);
-    Count(f, clean);
-    CheckMessage(f, label, clean);
-    for (const std::wstring& j : junkFiles)
-      if (!Exists(j) && (clean.code == 2 || Covers(named, j)))
-        Complain(f, f.lostFiles, label, "clean deleted the protected " + Narrow(j), clean);
-    std::string now;
-    ReadBytes(file, now);
-    if (now != cases[k].second) Complain(f, f.changedOnRefusal, label, "clean changed the whitelist", clean);
-
-    // protect, then unprotect one of the paths the file names
-    std::vector<std::pair<std::wstring, std::wstring>> steps = {{L"protect", root + L"\\new\\k" + std::to_wstring(k)}};
-    for (const std::wstring& n : named)
-      if (n.rfind(Upper(root), 0) == 0) {
-        steps.push_back({L"unprotect", n});
-        break;
-      }
-    for (auto& step : steps) {
-      std::string old;
-      ReadBytes(file, old);
-      std::vector<std::wstring> oldPaths = Named(old);
-      Run r = Broom({step.first, step.second}, appData);
-      Count(f, r);
-      CheckMessage(f, label, r);
-      std::string after;
-      ReadBytes(file, after);
-      if (r.code == 2) {
-        if (after != old) Complain(f, f.changedOnRefusal, label, Narrow(step.first) + " refused, yet changed the file", r);
-        continue;
-      }
-      if (r.code != 0) {
-        Complain(f, f.untruthful, label, Narrow(step.first) + ": unexpected exit code", r);
-        continue;
-      }
-      std::vector<std::wstring> newPaths = Named(after);
-      for (const std::wstring& p : oldPaths) {
-        if (step.first == L"unprotect" && p == Upper(step.second)) continue;
-        bool kept = false;
-        for (const std::wstring& n : newPaths) kept = kept || n == p;
-        if (!kept) Complain(f, f.lostPaths, label, Narrow(step.first) + " dropped " + Narrow(p), r);
-      }
-      bool added = false;
-      for (const std::wstring& n : newPaths) added = added || n == Upper(step.second);
-      if (step.first == L"protect" && !added) Complain(f, f.untruthful, label, "protect said done, path not listed", r);
-    }
-  }
-  RemoveTree(root + L"\\tree");
-}
-
-}  // namespace
+using namespace damage;
 
 int wmain(int argc, wchar_t** argv) {
+  std::set<std::wstring> parts;
+  for (int i = 1; i < argc; ++i) {
+    std::wstring a = argv[i];
+    if (a == L"--part" && i + 1 < argc) {
+      parts.insert(argv[++i]);
+    } else if (a.rfind(L"--", 0) == 0) {
+      fprintf(stderr, "usage: broom_damage [PATH\\broom.exe] [--part manifests|whitelists|winapp2]...\n");
+      return 2;
+    } else {
+      g_exe = a;
+    }
+  }
+  auto runs = [&](const wchar_t* part) { return parts.empty() || parts.count(part); };
   wchar_t buffer[MAX_PATH + 1];
-  if (argc > 1) {
-    g_exe = argv[1];
-  } else {
+  if (g_exe.empty()) {
     DWORD n = GetModuleFileNameW(nullptr, buffer, MAX_PATH + 1);
-    g_exe = std::wstring(buffer, n);
-    g_exe = broom::ParentOf(g_exe) + L"\\broom.exe";
+    g_exe = ParentOf(std::wstring(buffer, n)) + L"\\broom.exe";
   }
   GetTempPathW(MAX_PATH, buffer);
   g_root = std::wstring(buffer) + L"broom-damage";
@@ -448,19 +53,20 @@ int wmain(int argc, wchar_t** argv) {
              "clean=\"yes\"><clean kind=\"file\">" +
                  Narrow(g_root) + "\\tree\\junk\\*</clean></item>\n</ConfigItems>\n");
 
+  int status = 0;
   Figures manifests, whitelists;
-  Manifests(g_root, manifests);
-  WhiteLists(g_root, whitelists);
+  if (runs(L"manifests")) Manifests(g_root, manifests);
+  if (runs(L"whitelists")) WhiteLists(g_root, whitelists);
   for (auto& part : {std::make_pair("quarantine manifests", &manifests), std::make_pair("whitelist files", &whitelists)}) {
     const Figures& x = *part.second;
+    if (!x.cases) continue;
     printf("%-21s %4d cases, %4d runs of broom (exit 0: %d, 1: %d, 2: %d, other: %d)\n", part.first, x.cases, x.runs,
            x.exit0, x.exit1, x.exit2, x.otherExit);
     printf("%-21s lost files %d, lost protected paths %d, changed on refusal %d, untruthful %d, bad messages %d\n", "",
            x.lostFiles, x.lostPaths, x.changedOnRefusal, x.untruthful, x.badMessages);
+    if (x.lostFiles || x.lostPaths || x.changedOnRefusal || x.untruthful || x.badMessages || x.otherExit) status = 1;
   }
+  if (runs(L"winapp2")) status = std::max(status, Winapp2());
   RemoveTree(g_root);
-  const Figures* all[] = {&manifests, &whitelists};
-  for (const Figures* x : all)
-    if (x->lostFiles || x->lostPaths || x->changedOnRefusal || x->untruthful || x->badMessages || x->otherExit) return 1;
-  return 0;
+  return status;
 }

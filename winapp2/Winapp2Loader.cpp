@@ -328,6 +328,8 @@ class CLoad {
     if (folder.empty()) return broken(L"empty path", true, false);
     std::vector<std::wstring> masks;
     for (Text one : Fields(mask, L';')) {
+      // a name as the system opens it: a trailing dot or space would make the exclude keep nothing
+      while (!one.empty() && (one.back() == L'.' || one.back() == L' ')) one.remove_suffix(1);
       if (one.empty()) continue;
       if (one.find_first_of(L"\\/:|") != Text::npos)
         return broken(file ? L"a file name holds a folder separator" : L"the mask holds a folder separator", true,

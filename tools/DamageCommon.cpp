@@ -1,11 +1,12 @@
-#include "tools/DamageSupport.h"
+#include "DamageCommon.h"
 
 #include <shlobj.h>
 
 #include <cstdio>
 
 #include "core/Handles.h"
-#include "core/Names.h"
+
+namespace damage {
 
 std::wstring g_exe, g_root, g_cwd;
 
@@ -27,24 +28,29 @@ std::wstring Widen(const std::string& text) {
 
 // ---- files ----
 
+std::wstring ParentOf(const std::wstring& path) { return path.substr(0, path.find_last_of(L'\\')); }
+
 namespace {
 
-// Calls f(path, isFolder) for every entry of the folder but "." and "..".
+// Calls f(path, attributes) for every entry of the folder but "." and "..".
 template <class F>
 void ForEachEntry(const std::wstring& folder, F f) {
   WIN32_FIND_DATAW data;
   broom::unique_hfind find(FindFirstFileW((folder + L"\\*").c_str(), &data));
   for (bool more = find.valid(); more; more = FindNextFileW(find.get(), &data)) {
     std::wstring name = data.cFileName;
-    if (name != L"." && name != L"..")
-      f(folder + L"\\" + name, (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0);
+    if (name != L"." && name != L"..") f(folder + L"\\" + name, data.dwFileAttributes);
   }
+}
+
+bool IsPlainFolder(DWORD attributes) {
+  return (attributes & FILE_ATTRIBUTE_DIRECTORY) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT);
 }
 
 }  // namespace
 
 void WriteBytes(const std::wstring& path, const std::string& bytes) {
-  SHCreateDirectoryExW(nullptr, broom::ParentOf(path).c_str(), nullptr);
+  SHCreateDirectoryExW(nullptr, ParentOf(path).c_str(), nullptr);
   broom::unique_hfile h(
       CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!h) {
@@ -69,21 +75,22 @@ bool ReadBytes(const std::wstring& path, std::string& bytes) {
 bool Exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 void RemoveTree(const std::wstring& path) {
-  ForEachEntry(path, [](const std::wstring& child, bool folder) {
-    SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
-    if (folder)
-      RemoveTree(child);
-    else
-      DeleteFileW(child.c_str());
-  });
+  DWORD attributes = GetFileAttributesW(path.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) return;
+  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+  if (!(attributes & FILE_ATTRIBUTE_DIRECTORY)) {
+    DeleteFileW(path.c_str());
+    return;
+  }
+  if (IsPlainFolder(attributes)) ForEachEntry(path, [](const std::wstring& child, DWORD) { RemoveTree(child); });
   RemoveDirectoryW(path.c_str());
 }
 
 void Take(const std::wstring& folder, Snapshot& into) {
-  ForEachEntry(folder, [&into](const std::wstring& child, bool isFolder) {
-    if (isFolder)
+  ForEachEntry(folder, [&into](const std::wstring& child, DWORD attributes) {
+    if (IsPlainFolder(attributes))
       Take(child, into);
-    else
+    else if (!(attributes & FILE_ATTRIBUTE_DIRECTORY))
       ReadBytes(child, into[child]);
   });
 }
@@ -95,8 +102,6 @@ std::string Bytes(size_t n, unsigned seed) {
 }
 
 // ---- running broom ----
-
-namespace {
 
 std::wstring Quote(const std::wstring& arg) {
   std::wstring out = L"\"";
@@ -114,8 +119,6 @@ std::wstring Quote(const std::wstring& arg) {
   return out + L"\"";
 }
 
-}  // namespace
-
 // Standard output and error go to files: Wine's own service processes,
 // started on the first run that needs them, inherit the handles and keep a
 // pipe open long after broom has ended.
@@ -127,21 +130,24 @@ Run Broom(const std::vector<std::wstring>& args, const std::wstring& appData) {
   std::vector<wchar_t> env;
   wchar_t* block = GetEnvironmentStringsW();
   for (const wchar_t* p = block; *p; p += wcslen(p) + 1)
-    if (_wcsnicmp(p, L"LOCALAPPDATA=", 13) != 0) env.insert(env.end(), p, p + wcslen(p) + 1);
+    if (appData.empty() || _wcsnicmp(p, L"LOCALAPPDATA=", 13) != 0) env.insert(env.end(), p, p + wcslen(p) + 1);
   FreeEnvironmentStringsW(block);
-  std::wstring entry = L"LOCALAPPDATA=" + appData;
-  env.insert(env.end(), entry.begin(), entry.end());
-  env.push_back(0);
+  if (!appData.empty()) {
+    std::wstring entry = L"LOCALAPPDATA=" + appData;
+    env.insert(env.end(), entry.begin(), entry.end());
+    env.push_back(0);
+  }
   env.push_back(0);
 
   const std::wstring outPath = g_root + L"\\out\\" + std::to_wstring(++serial) + L".out";
   const std::wstring errPath = outPath.substr(0, outPath.size() - 4) + L".err";
-  SHCreateDirectoryExW(nullptr, broom::ParentOf(outPath).c_str(), nullptr);
+  SHCreateDirectoryExW(nullptr, ParentOf(outPath).c_str(), nullptr);
   SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};
   const DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
   broom::unique_hfile out(CreateFileW(outPath.c_str(), GENERIC_WRITE, share, &sa, CREATE_ALWAYS, 0, nullptr));
   broom::unique_hfile err(CreateFileW(errPath.c_str(), GENERIC_WRITE, share, &sa, CREATE_ALWAYS, 0, nullptr));
-  broom::unique_hfile in(CreateFileW(L"NUL", GENERIC_READ, share, &sa, OPEN_EXISTING, 0, nullptr));  // a question reads "no"
+  // a question reads "no"
+  broom::unique_hfile in(CreateFileW(L"NUL", GENERIC_READ, share, &sa, OPEN_EXISTING, 0, nullptr));
   STARTUPINFOW si = {};
   si.cb = sizeof si;
   si.dwFlags = STARTF_USESTDHANDLES;
@@ -179,11 +185,10 @@ int Lines(const std::string& text) {
 
 // ---- figures ----
 
-void Complain(Figures& f, int& counter, const std::string& label, const std::string& what, const Run& r) {
+void Complain(int& counter, const std::string& label, const std::string& what, const Run& r) {
   ++counter;
   static int shown = 0;
   if (++shown <= 40) fprintf(stderr, "  [%s] %s (exit %lu)\n    %s", label.c_str(), what.c_str(), r.code, r.err.c_str());
-  (void)f;
 }
 
 void Count(Figures& f, const Run& r) {
@@ -197,6 +202,8 @@ void Count(Figures& f, const Run& r) {
 bool CheckMessage(Figures& f, const std::string& label, const Run& r) {
   bool raw = r.err.find("json.exception") != std::string::npos || r.err.find("[json") != std::string::npos;
   bool lines = r.code == 2 && (Lines(r.err) != 1 || r.err.rfind("broom: ", 0) != 0);
-  if (raw || lines) Complain(f, f.badMessages, label, raw ? "raw library message" : "refusal not one line", r);
+  if (raw || lines) Complain(f.badMessages, label, raw ? "raw library message" : "refusal not one line", r);
   return !(raw || lines);
 }
+
+}  // namespace damage
