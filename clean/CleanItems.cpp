@@ -30,9 +30,11 @@ class CDeleteRunHandler : public CNamedMsgRouter::IMsgReceiver {
   const std::vector<CCleanableFile*>& m_files;
 };
 
-// Only the engine's own file items: a subclass may clean differently.
+// Only the engine's own file items: a subclass may clean differently, and
+// an overwrite is not the shell's.
 bool IsShellDeleted(ICleanableItem* item) {
-  return item && typeid(*item) == typeid(IUnknownNoQIImp<CCleanableFile>);
+  return item && typeid(*item) == typeid(IUnknownNoQIImp<CCleanableFile>) &&
+         !static_cast<CCleanableFile*>(item)->GetOverwrite();
 }
 
 void CleanRun(const std::vector<CCleanableFile*>& files, const std::vector<size_t>& at, DWORD* results) {
@@ -56,6 +58,10 @@ void CleanRun(const std::vector<CCleanableFile*>& files, const std::vector<size_
 }  // namespace
 
 void CleanItems(ICleanableItem* const* items, size_t count, DWORD* results) {
+  CleanItems(items, count, results, false);
+}
+
+void CleanItems(ICleanableItem* const* items, size_t count, DWORD* results, bool overwrite) {
   std::vector<CCleanableFile*> run;
   std::vector<size_t> at;
   run.reserve(kCleanRun);
@@ -67,6 +73,13 @@ void CleanItems(ICleanableItem* const* items, size_t count, DWORD* results) {
     at.clear();
   };
   for (size_t i = 0; i < count; ++i) {
+    if (overwrite) {
+      if (auto* file = dynamic_cast<CCleanableFile*>(items[i])) {
+        flush();
+        results[i] = file->CleanWith(true, nullptr, nullptr);
+        continue;
+      }
+    }
     if (!IsShellDeleted(items[i])) {
       flush();  // keeps the order in which items are cleaned
       results[i] = items[i] ? items[i]->Clean(nullptr, nullptr) : kCleanFailed;

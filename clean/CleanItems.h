@@ -16,5 +16,12 @@
 // server, and every other item (truncation, registry, a host's own) is asked
 // to Clean itself. Never throws.
 BROOM_API void CleanItems(ICleanableItem* const* items, size_t count, DWORD* results);
+// The same with overwrite for the whole run (broom clean --overwrite): every
+// file item (CCleanableFile and its subclasses) is cleaned with
+// CleanWith(true) on the calling thread, so its contents are overwritten
+// before it goes; items without file contents (registry) clean as always.
+// An item switched to overwrite on its own (SetOverwrite) is overwritten
+// in either call.
+BROOM_API void CleanItems(ICleanableItem* const* items, size_t count, DWORD* results, bool overwrite);
 
 constexpr size_t kCleanRun = 128;

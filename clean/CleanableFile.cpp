@@ -4,33 +4,21 @@
 #include <shlwapi.h>
 
 #include "clean/FileOpsServer.h"
+#include "clean/FileOverwrite.h"
 #include "clean/FileSystemOps.h"
+#include "clean/ProgressScope.h"
 #include "core/Handles.h"
 #include "settings/AppInfo.h"
 #include "threads/MsgThreadSTA.h"
 
 namespace {
 
-// A BSTR that is freed on every path.
-class Bstr {
- public:
-  explicit Bstr(const wchar_t* text) : m_bstr(SysAllocString(text)) {
-    if (text && !m_bstr) AtlThrow(E_OUTOFMEMORY);
-  }
-  Bstr() = default;
-  ~Bstr() { SysFreeString(m_bstr); }
-  Bstr(const Bstr&) = delete;
-  Bstr& operator=(const Bstr&) = delete;
-  BSTR get() const { return m_bstr; }
-  BSTR* out() {
-    SysFreeString(m_bstr);
-    m_bstr = nullptr;
-    return &m_bstr;
-  }
-
- private:
-  BSTR m_bstr = nullptr;
-};
+// A BSTR copy of text; throws CAtlException(E_OUTOFMEMORY) when none can be made.
+broom::unique_bstr MakeBstr(const wchar_t* text) {
+  broom::unique_bstr copy(SysAllocString(text));
+  if (text && !copy) AtlThrow(E_OUTOFMEMORY);
+  return copy;
+}
 
 // Creates the fallback server for the item's kind; hr tells why not.
 HRESULT CreateServer(DWORD attributes, CRefPtr<IFileOpsServer>& server) {
@@ -43,21 +31,6 @@ HRESULT CreateServer(DWORD attributes, CRefPtr<IFileOpsServer>& server) {
   server.Attach(raw);
   return S_OK;
 }
-
-class ProgressScope {
- public:
-  explicit ProgressScope(IOperationProgressNotify* progress) : m_progress(progress) {
-    if (m_progress) m_progress->SetTotal(1);
-  }
-  ~ProgressScope() {
-    if (m_progress) m_progress->Finish();
-  }
-  ProgressScope(const ProgressScope&) = delete;
-  ProgressScope& operator=(const ProgressScope&) = delete;
-
- private:
-  IOperationProgressNotify* m_progress;
-};
 
 }  // namespace
 
@@ -88,8 +61,15 @@ CString CCleanableFile::GetDetails() const {
   return folder.ToCString();
 }
 
-DWORD CCleanableFile::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
-  ProgressScope scope(progress);
+DWORD CCleanableFile::Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) {
+  return CleanWith(m_overwrite, progress, status);
+}
+
+DWORD CCleanableFile::CleanWith(bool overwrite, IOperationProgressNotify* progress, IOperationStatusNotify*) {
+  CProgressScope scope(progress);
+  if (overwrite)
+    return IsDirectory() ? CFileSystemOps::RemoveTree(m_path.c_str(), true)
+                         : CFileOverwrite::OverwriteAndDelete(m_path.c_str());
   try {
     // A reference of our own: a Shutdown on another thread cannot free the thread under the request.
     CRefPtr<CMsgThreadSTA> sta = CXmlConfigGlobal::AcquireSTAMsgThread();
@@ -105,7 +85,7 @@ DWORD CCleanableFile::CleanAfterShell(int shellResult) {
     CRefPtr<IFileOpsServer> server;
     HRESULT hr = CreateServer(m_attributes, server);
     if (FAILED(hr)) return ServerCreationCode(hr);
-    Bstr path(m_path.c_str());
+    broom::unique_bstr path = MakeBstr(m_path.c_str());
     if (FAILED(server->SetPath(path.get()))) AtlThrow(E_FAIL);
     if (SUCCEEDED(server->Remove())) return kCleanDone;
     return SUCCEEDED(server->RemoveAlternate()) ? kCleanAlternateRemoved : kCleanFailed;
@@ -116,7 +96,7 @@ DWORD CCleanableFile::CleanAfterShell(int shellResult) {
 
 DWORD CCleanableFile::Move(CString destination, IOperationProgressNotify* progress, IOperationStatusNotify*,
                            bool overwrite, CPathString& newPath) {
-  ProgressScope scope(progress);
+  CProgressScope scope(progress);
   try {
     CRefPtr<CMsgThreadSTA> sta = CXmlConfigGlobal::AcquireSTAMsgThread();
     int r = CFileSystemOps::ShellMove(sta.Get(), m_path, CPathString(destination),
@@ -126,12 +106,12 @@ DWORD CCleanableFile::Move(CString destination, IOperationProgressNotify* progre
     CRefPtr<IFileOpsServer> server;
     HRESULT hr = CreateServer(m_attributes, server);
     if (FAILED(hr)) return ServerCreationCode(hr);
-    Bstr path(m_path.c_str());
-    Bstr target(destination.GetString());
-    Bstr suggested;
+    broom::unique_bstr path = MakeBstr(m_path.c_str());
+    broom::unique_bstr target = MakeBstr(destination.GetString());
+    broom::unique_bstr suggested;
     long code = 0;
     server->SetPath(path.get());
-    hr = server->MoveTo(&code, overwrite ? VARIANT_TRUE : VARIANT_FALSE, target.get(), suggested.out());
+    hr = server->MoveTo(&code, overwrite ? VARIANT_TRUE : VARIANT_FALSE, target.get(), suggested.addressof());
     if (code == 1) {
       // a proposal without a path is taken as an empty one
       newPath = CPathString(suggested.get() ? suggested.get() : L"");
@@ -143,8 +123,10 @@ DWORD CCleanableFile::Move(CString destination, IOperationProgressNotify* progre
   }
 }
 
-DWORD CCleanableFile_trunc::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
-  ProgressScope scope(progress);
+DWORD CCleanableFile_trunc::CleanWith(bool overwrite, IOperationProgressNotify* progress,
+                                      IOperationStatusNotify*) {
+  CProgressScope scope(progress);
+  if (overwrite) return CFileOverwrite::OverwriteAndTruncate(m_path.c_str());
   try {
     CXmlConfigGlobal::GetSTAMsgThread();
     // Passing the file's own attributes lets a hidden or system file be

@@ -6,20 +6,10 @@
 #include <unknwn.h>
 
 #include "atl/CString.h"
+#include "clean/ResultCodes.h"
 #include "core/Export.h"
 #include "core/PathString.h"
 #include "scan/OperationNotify.h"
-
-// Result codes of Clean and Move.
-enum : DWORD {
-  kCleanDone = 0,
-  kCleanAlternateRemoved = 0xC0000000,  // the server's second way succeeded
-  kCleanFailed = 0x80000000,            // both server ways failed, or an exception
-  kCleanServerUnavailable = 0x88000000, // OR-ed with the creation HRESULT's facility and code
-  kTruncateOpenFailed = 0x88004005,
-  kMoveDestinationExists = 0x80640001,
-  kMoveException = 0x80640000,
-};
 
 struct ICleanableItem : public IUnknown {
   virtual unsigned __int64 GetSize() const = 0;
@@ -47,6 +37,7 @@ class BROOM_API CCleanableFile : public ICleanableItem {
   DWORD GetAttributes() const { return m_attributes; }
 
   unsigned __int64 GetSize() const override { return m_size; }
+  // CleanWith(GetOverwrite(), ...).
   DWORD Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
   CString GetLogEntry() const override;
   CString GetName() const override;
@@ -60,13 +51,26 @@ class BROOM_API CCleanableFile : public ICleanableItem {
   // succeeded, otherwise the fallback server's outcome. Never throws.
   DWORD CleanAfterShell(int shellResult);
 
+  // Whether Clean overwrites the contents before deleting (off until set).
+  void SetOverwrite(bool overwrite) { m_overwrite = overwrite; }
+  bool GetOverwrite() const { return m_overwrite; }
+  // Cleans, overwriting first when overwrite is true, whatever the item's
+  // own setting (CleanItems uses it for a whole run). Overwriting deletes
+  // through CFileOverwrite instead of the shell, a folder with everything
+  // in it (CFileSystemOps::RemoveTree); a file it cannot open for writing
+  // stays (kOverwriteOpenFailed). Subclasses that clean differently
+  // override this rather than Clean.
+  virtual DWORD CleanWith(bool overwrite, IOperationProgressNotify* progress, IOperationStatusNotify* status);
+
  protected:
   unsigned __int64 m_size = 0;
   DWORD m_attributes = 0;
   CPathString m_path;
+  bool m_overwrite = false;
 };
 
+// Empties the file instead; with overwrite it is overwritten, then emptied.
 class BROOM_API CCleanableFile_trunc : public CCleanableFile {
  public:
-  DWORD Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
+  DWORD CleanWith(bool overwrite, IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
 };

@@ -49,7 +49,7 @@ bool CCleanableEmptyFolder::IsEmpty() const {
   return true;
 }
 
-DWORD CCleanableEmptyFolder::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
+DWORD CCleanableEmptyFolder::CleanWith(bool, IOperationProgressNotify* progress, IOperationStatusNotify*) {
   if (progress) progress->SetTotal(1);
   DWORD result = kCleanFailed;
   try {

@@ -8,21 +8,15 @@
 #include "clean/CleanableFile.h"
 #include "core/Export.h"
 
-// Result codes of a folder removal: kFolderFailed OR-ed with the Win32
-// error; kFolderNotEmpty when something is still in it.
-enum : DWORD {
-  kFolderFailed = 0x80650000,
-  kFolderNotEmpty = kFolderFailed | ERROR_DIR_NOT_EMPTY,  // 0x80650091
-};
-
 class BROOM_API CCleanableEmptyFolder : public CCleanableFile {
  public:
   // folder: the full path of the folder; attributes as its listing gave them.
   // The size is 0: the files in it are items of their own.
   void InitFolder(const CPathString& folder, DWORD attributes);
 
-  // 0 when removed or already gone; kFolderNotEmpty when something is in it.
-  DWORD Clean(IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
+  // 0 when removed or already gone; kFolderNotEmpty when something is in
+  // it. An empty folder has no contents to overwrite: overwrite changes nothing.
+  DWORD CleanWith(bool overwrite, IOperationProgressNotify* progress, IOperationStatusNotify* status) override;
   // "Folder: C:\x\cache\t\tSize: 0\r\n"
   CString GetLogEntry() const override;
   // An empty folder has nothing to keep: the destination folder is created

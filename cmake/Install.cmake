@@ -5,6 +5,7 @@
 #   lib/            libbroomcore.dll.a, pugixml (static, wide characters)
 #   lib/cmake/Broom the package: find_package(Broom) gives Broom::core
 #   docs/, examples/minimal-host/, README.md, licenses/
+#   admx/           broom.admx and en-US/broom.adml, the Group Policy template
 include(CMakePackageConfigHelpers)
 
 # Public headers: every header of every engine folder (BROOM_FOLDERS) is
@@ -15,12 +16,22 @@ include(CMakePackageConfigHelpers)
 # against the installed package, so a public header that includes a left-out
 # one (or a file of the source tree) fails there.
 set(BROOM_INTERNAL_HEADERS
+  browserdb/ChromiumBookmarks.h  # the bookmark files' URLs (nlohmann/json)
+  browserdb/DbFiles.h            # sizes, checksums and copies of a database's files
+  browserdb/DbLayout.h           # the statements made for a database's layout
+  browserdb/SqliteDb.h           # SQLite, linked into the engine only
   clean/FileOpsServer.h    # the fallback server's interface and identifiers
+  clean/ProgressScope.h    # the one-step progress of a cleanable item
+  scandefs/ChildIndex.h       # the index of group children while files are read
+  scandefs/DefinitionChecks.h # the depth checks of a parsed file
+  scandefs/DefinitionText.h   # a file's bytes widened for the parser, with its lines
   scandefs/FilePrefetch.h  # definition files read ahead of the load
   scan/ListAheadWalk.h     # one scan walk's folder listings ahead
   scandefs/FileScopes.h    # the value scopes of one file's value pass
+  scandefs/ValuePass.h     # "value" elements and %NAME% references of a file
   settings/TempBuffer.h
   core/NameMask.h          # name masks and path parts of rules and the guard
+  winapp2/Winapp2Costs.h   # the cost class of a winapp2 entry
   winapp2/Winapp2Text.h    # reading and cutting a winapp2.ini file
   winapp2/Winapp2Variables.h  # the %Name% variables of winapp2 rules
   winapp2/Winapp2Detect.h) # the detection cache of a winapp2 load
@@ -88,18 +99,26 @@ if(CMAKE_TOOLCHAIN_FILE)
 endif()
 
 install(FILES ${CMAKE_SOURCE_DIR}/README.md DESTINATION .)
+# The Group Policy template and its English texts, for a policy store or Intune's ADMX import.
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/admx/ DESTINATION admx)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/host-guide.md DESTINATION docs)
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/minimal-host DESTINATION examples)
 
 # Licences: the project's own, when it has one, and those of what ships
-# inside the package (pugixml, the MinGW-w64 runtime DLLs).
+# inside the package (pugixml, the MinGW-w64 runtime DLLs, CLI11 and
+# nlohmann/json inside the hosts). The packages for users ship this folder
+# and name each component in NOTICES.txt (packaging/notices).
 file(GLOB BROOM_LICENSE_FILES ${CMAKE_SOURCE_DIR}/LICENSE* ${CMAKE_SOURCE_DIR}/COPYING*)
 if(BROOM_LICENSE_FILES)
   install(FILES ${BROOM_LICENSE_FILES} DESTINATION .)
 endif()
 install(FILES ${BROOM_PUGIXML_DIR}/LICENSE.md DESTINATION licenses RENAME pugixml-LICENSE.md)
-foreach(pkg gcc-mingw-w64-base mingw-w64-common)
-  if(EXISTS /usr/share/doc/${pkg}/copyright)
-    install(FILES /usr/share/doc/${pkg}/copyright DESTINATION licenses RENAME ${pkg}-copyright.txt)
+foreach(pkg gcc-mingw-w64-base:gcc-mingw-w64-base mingw-w64-common:mingw-w64-common
+            libcli11-dev:cli11 nlohmann-json3-dev:nlohmann-json)
+  string(REPLACE ":" ";" pkg ${pkg})
+  list(GET pkg 0 debian_name)
+  list(GET pkg 1 name)
+  if(EXISTS /usr/share/doc/${debian_name}/copyright)
+    install(FILES /usr/share/doc/${debian_name}/copyright DESTINATION licenses RENAME ${name}-copyright.txt)
   endif()
 endforeach()

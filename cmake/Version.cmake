@@ -1,6 +1,7 @@
 # The version lives in one place, project(Broom VERSION ...). From there it
 # reaches the version resources below, broom --version (a definition in
-# host/CMakeLists.txt) and the CMake package's version file (Install.cmake).
+# console/CMakeLists.txt), the CMake package's version file (Install.cmake) and
+# the packages (scripts/package.sh). The resources' company is BROOM_PUBLISHER.
 
 # broom_version_resource(TARGET DESCRIPTION): a VERSIONINFO resource for an
 # executable or DLL target, compiled by windres.

@@ -7,9 +7,9 @@
 namespace {
 
 // FormatMessageW with a system-allocated buffer; empty when the system has no text.
-std::wstring SystemText(DWORD code, DWORD languageId) {
+std::wstring SystemText(DWORD code, DWORD languageId, DWORD flags = 0) {
   wchar_t* text = nullptr;
-  DWORD length = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, nullptr, code,
+  DWORD length = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | flags, nullptr, code,
                                 languageId, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
   broom::unique_hlocal holder(text);
   if (length == 0 || !text) return std::wstring();
@@ -31,4 +31,13 @@ Win32Exception::Win32Exception(const wchar_t* format, ...) {
   DWORD error = GetLastError();
   m_message += L"\r\nError: ";
   m_message += SystemText(error, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT));
+}
+
+std::wstring broom::SystemMessage(DWORD error) {
+  std::wstring message = SystemText(error, 0, FORMAT_MESSAGE_IGNORE_INSERTS);
+  if (message.empty()) message = L"system error";
+  while (!message.empty() && (message.back() == L'\n' || message.back() == L'\r' || message.back() == L' ' ||
+                              message.back() == L'.'))
+    message.pop_back();
+  return message + L" (error " + std::to_wstring(error) + L")";
 }

@@ -52,3 +52,10 @@ class BROOM_API Win32Exception : public Exception {
  public:
   Win32Exception(const wchar_t* format, ...);
 };
+
+namespace broom {
+
+// What a Win32 error code means, with its number: "Access is denied (error 5)".
+BROOM_API std::wstring SystemMessage(DWORD error);
+
+}  // namespace broom

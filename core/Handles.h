@@ -2,9 +2,17 @@
 // Holders for every kind of Windows handle the engine acquires. Each holder
 // closes only a valid handle, and closing keeps the caller's last-error value.
 #include <windows.h>
+#include <bcrypt.h>
 #include <objbase.h>
+#include <oleauto.h>
 
 #include <utility>
+
+// SQLite is linked into the engine only; these are its own declarations.
+struct sqlite3;
+struct sqlite3_stmt;
+extern "C" int sqlite3_close_v2(sqlite3*);
+extern "C" int sqlite3_finalize(sqlite3_stmt*);
 
 namespace broom {
 
@@ -88,6 +96,36 @@ struct local_mem {
   static pointer invalid() { return nullptr; }
   static void close(pointer p) { LocalFree(p); }
 };
+struct bstr {
+  using pointer = BSTR;
+  static pointer invalid() { return nullptr; }
+  static void close(pointer p) { SysFreeString(p); }
+};
+struct event_source {
+  using pointer = HANDLE;
+  static pointer invalid() { return nullptr; }
+  static void close(pointer h) { DeregisterEventSource(h); }
+};
+struct bcrypt_alg {
+  using pointer = BCRYPT_ALG_HANDLE;
+  static pointer invalid() { return nullptr; }
+  static void close(pointer h) { BCryptCloseAlgorithmProvider(h, 0); }
+};
+struct bcrypt_hash {
+  using pointer = BCRYPT_HASH_HANDLE;
+  static pointer invalid() { return nullptr; }
+  static void close(pointer h) { BCryptDestroyHash(h); }
+};
+struct sqlite_db {
+  using pointer = sqlite3*;
+  static pointer invalid() { return nullptr; }
+  static void close(pointer h) { sqlite3_close_v2(h); }
+};
+struct sqlite_stmt {
+  using pointer = sqlite3_stmt*;
+  static pointer invalid() { return nullptr; }
+  static void close(pointer h) { sqlite3_finalize(h); }
+};
 }  // namespace policy
 
 using unique_handle = unique_resource<policy::null_handle>;   // events, threads, processes
@@ -100,6 +138,12 @@ using unique_hwnd = unique_resource<policy::window>;
 using unique_hmodule = unique_resource<policy::module>;
 using unique_cotaskmem = unique_resource<policy::cotaskmem>;
 using unique_hlocal = unique_resource<policy::local_mem>;
+using unique_bstr = unique_resource<policy::bstr>;         // SysAllocString, a COM call's BSTR out-parameter
+using unique_event_source = unique_resource<policy::event_source>;  // RegisterEventSourceW
+using unique_bcrypt_alg = unique_resource<policy::bcrypt_alg>;    // BCryptOpenAlgorithmProvider
+using unique_bcrypt_hash = unique_resource<policy::bcrypt_hash>;  // BCryptCreateHash
+using unique_sqlite = unique_resource<policy::sqlite_db>;         // sqlite3_open_v2 (engine only)
+using unique_sqlite_stmt = unique_resource<policy::sqlite_stmt>;  // sqlite3_prepare_v2 (engine only)
 
 // Balances a successful CoInitializeEx on the same thread.
 class unique_couninitialize {

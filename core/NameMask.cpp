@@ -1,19 +1,6 @@
 #include "core/NameMask.h"
 
-#include <windows.h>
-
 namespace broom {
-
-void UpperName(wchar_t* text, size_t length) {
-  // The invariant mapping, as the whitelist folds names: the same on every
-  // machine, and letters beyond ASCII as the file system compares them.
-  size_t i = 0;
-  for (; i < length && text[i] < 0x80; ++i)
-    if (text[i] >= L'a' && text[i] <= L'z') text[i] = static_cast<wchar_t>(text[i] - (L'a' - L'A'));
-  if (i < length)
-    LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, text + i, static_cast<int>(length - i), text + i,
-                 static_cast<int>(length - i));
-}
 
 bool MatchUpper(const wchar_t* mask, size_t maskLength, const wchar_t* name, size_t nameLength) {
   if (maskLength == 3 && mask[0] == L'*' && mask[1] == L'.' && mask[2] == L'*') return true;

@@ -7,12 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "core/Names.h"
+
 namespace broom {
 
-// Upper-cases the way the whitelist and the file system compare names.
-void UpperName(wchar_t* text, size_t length);
+// Upper-cases in place the way the whitelist and the file system compare names.
+inline void UpperName(wchar_t* text, size_t length) { UpperCase(text, length); }
 inline void UpperName(std::wstring& text) {
-  if (!text.empty()) UpperName(&text[0], text.size());
+  if (!text.empty()) UpperCase(&text[0], text.size());
 }
 
 inline bool HasWildcard(const wchar_t* text, size_t length) {

@@ -1,5 +1,7 @@
 #include "guard/BlastGuard.h"
 
+#include <objbase.h>
+
 #include <cwchar>
 #include <cwctype>
 #include <mutex>
@@ -7,6 +9,8 @@
 
 #include "core/Handles.h"
 #include "core/NameMask.h"
+#include "core/Names.h"
+#include "recyclebin/RecycleBinItem.h"
 #include "scandefs/ConfigValues.h"
 #include "settings/AppInfo.h"
 
@@ -14,18 +18,15 @@ namespace {
 
 bool IsDriveRoot(const std::wstring& path) { return path.size() == 2 && path[1] == L':'; }
 
-// True when inner lies below outer (not equal).
-bool IsBelow(const std::wstring& inner, const std::wstring& outer) {
-  return !outer.empty() && inner.size() > outer.size() + 1 && inner.compare(0, outer.size(), outer) == 0 &&
-         inner[outer.size()] == L'\\';
-}
+bool IsBelow(const std::wstring& inner, const std::wstring& outer) { return !outer.empty() && broom::IsBelow(inner, outer); }
 bool AtOrBelow(const std::wstring& inner, const std::wstring& outer) {
-  return (!outer.empty() && inner == outer) || IsBelow(inner, outer);
+  return !outer.empty() && broom::IsAtOrBelow(inner, outer);
 }
 
+// The folder a path lies in; empty for a drive root or a \\server alone.
 std::wstring ParentOf(const std::wstring& path) {
-  size_t slash = path.find_last_of(L'\\');
-  return slash == std::wstring::npos || slash < 2 ? std::wstring() : path.substr(0, slash);
+  std::wstring parent = broom::ParentOf(path);
+  return parent.size() < 2 ? std::wstring() : parent;
 }
 
 std::wstring Environment(const wchar_t* name) {
@@ -153,6 +154,25 @@ CBlastGuard::SVerdict Refuse(const std::wstring& reason) {
   verdict.allowed = false;
   verdict.reason = reason.c_str();
   return verdict;
+}
+
+// Known folders without a shell-folder symbol.
+const std::pair<const wchar_t*, GUID> kKnownFolders[] = {
+    {L"Contacts", {0x56784854, 0xC6CB, 0x462B, {0x81, 0x69, 0x88, 0xE3, 0x50, 0xAC, 0xB8, 0x82}}},
+    {L"Links", {0xBFB9D5E0, 0xC6A9, 0x404C, {0xB2, 0xB2, 0xAE, 0x6D, 0xB6, 0xAF, 0x49, 0x68}}},
+    {L"Saved Games", {0x4C5C32FF, 0xBB9D, 0x43B0, {0xB5, 0xB4, 0x2D, 0x72, 0xE5, 0x4E, 0xAA, 0xA4}}},
+    {L"Searches", {0x7D1D3A04, 0xDEBB, 0x4115, {0x95, 0xCF, 0x2F, 0x29, 0xDA, 0x29, 0x20, 0xDA}}},
+    {L"Public Downloads", {0x3D644C9B, 0x1FB8, 0x4F30, {0x9B, 0x45, 0xF6, 0x70, 0x23, 0x5F, 0x79, 0xC0}}}};
+
+std::wstring KnownFolder(const GUID& id) {
+  using KnownFolderFn = HRESULT(WINAPI*)(REFGUID, DWORD, HANDLE, PWSTR*);
+  auto known = reinterpret_cast<KnownFolderFn>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"Shell32.dll"), "SHGetKnownFolderPath")));
+  PWSTR path = nullptr;
+  std::wstring out;
+  if (known && SUCCEEDED(known(id, 0, nullptr, &path)) && path) out = path;
+  CoTaskMemFree(path);
+  return out;
 }
 
 std::wstring Named(const CBlastGuard::SFolder& folder) { return folder.name + L" (" + folder.shown + L")"; }
@@ -322,6 +342,14 @@ CBlastGuard::CBlastGuard() : m_cache(new SCache) {
     Add(m_protected, folder.first, symbol(folder.second));
     Add(m_userFolders, folder.first, symbol(folder.second));
   }
+  // The user's other known folders and the ones all users share: never
+  // removed, and no rule walks or empties them.
+  const std::pair<const wchar_t*, const wchar_t*> more[] = {
+      {L"Favorites", L"FAVORITES"},           {L"Public Desktop", L"COMMON_DESKTOPDIRECTORY"},
+      {L"Public Documents", L"COMMON_DOCUMENTS"}, {L"Public Music", L"COMMON_MUSIC"},
+      {L"Public Pictures", L"COMMON_PICTURES"}, {L"Public Videos", L"COMMON_VIDEO"}};
+  for (const auto& folder : more) Add(m_protected, folder.first, symbol(folder.second));
+  for (const auto& folder : kKnownFolders) Add(m_protected, folder.first, KnownFolder(folder.second).c_str());
   const std::pair<const wchar_t*, const wchar_t*> appData[] = {
       {L"AppData\\Roaming", L"APPDATA"}, {L"AppData\\Local", L"LOCALAPPDATA"}, {L"AppData\\LocalLow", L"LOCALLOWAPPDATA"}};
   for (const auto& folder : appData) Add(m_protected, folder.first, symbol(folder.second));
@@ -333,6 +361,18 @@ CBlastGuard::CBlastGuard(CBlastGuard&&) noexcept = default;
 CBlastGuard& CBlastGuard::operator=(CBlastGuard&&) noexcept = default;
 
 CBlastGuard::SVerdict CBlastGuard::Check(ICleanableItem* item, const wchar_t* pattern) const {
+  // An entry of the Recycle Bin keeps its original name (a deleted setup.exe
+  // is $RAB12.exe): it is judged by where it lies, directly in a real bin folder.
+  if (auto* entry = dynamic_cast<CRecycleBinItem*>(item)) {
+    const std::wstring& bin = entry->GetBinFolder();
+    auto directlyIn = [&](const std::wstring& path) {
+      return path.empty() || (path.size() > bin.size() + 1 && _wcsnicmp(path.c_str(), bin.c_str(), bin.size()) == 0 &&
+                              path[bin.size()] == L'\\' && path.find(L'\\', bin.size() + 1) == std::wstring::npos);
+    };
+    if (!CRecycleBinItem::IsBinFolder(bin) || !directlyIn(entry->GetDataPath()) || !directlyIn(entry->GetRecordPath()))
+      return Refuse(L"it is not an entry directly in a Recycle Bin folder");
+    return SVerdict();
+  }
   auto* file = dynamic_cast<CCleanableFile*>(item);
   if (!file) return SVerdict();
   return CheckPath(file->GetPath().c_str(), file->IsDirectory(), pattern);

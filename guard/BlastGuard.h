@@ -9,12 +9,16 @@
 // SysWOW64 folder, a Program Files folder, ProgramData, the folder of the
 // user profiles, any profile folder or the user's own known folders
 // (Desktop, Documents, Downloads, Pictures, Music, Videos, AppData's
-// Roaming, Local and LocalLow), or any folder that holds one of them; a hit
+// Roaming, Local and LocalLow, Favorites, Contacts, Links, Saved Games,
+// Searches) or the ones all users share (Public's Desktop, Documents,
+// Downloads, Music, Pictures, Videos), or any folder that holds one of them; a hit
 // directly in a drive root or in a profile folder; anything in Broom's own
 // data folder; a program file (.exe, .dll, .sys) unless the pattern that
 // found it names that extension, and a program file of any kind below the
 // Windows folder whatever the pattern names; and an item whose hits pass
-// the runaway limits. Hits inside the user's own Desktop, Documents,
+// the runaway limits. An entry of the Recycle Bin is allowed when it lies
+// directly in a real Recycle Bin folder, whatever its name. Hits inside the
+// user's own Desktop, Documents,
 // Downloads, Pictures, Music or Videos are allowed, and marked so that a
 // host can show them before asking.
 //

@@ -11,13 +11,14 @@
 
 #include "core/Export.h"
 #include "core/Handles.h"
+#include "core/Names.h"
 #include "core/PathString.h"
 #include "core/RefCounting.h"
 #include "log/LogThread.h"
 #include "log/LogWriter.h"
 
 struct CaseInsensitiveCStringLess {
-  bool operator()(const CPathString& a, const CPathString& b) const { return _wcsicmp(a.c_str(), b.c_str()) < 0; }
+  bool operator()(const CPathString& a, const CPathString& b) const { return broom::CompareNoCase(a.c_str(), b.c_str()) < 0; }
 };
 
 class BROOM_API CScanLogThread : public CLogThread, public ILogWriter {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "clean/FileSystemOps.h"
+#include "clean/ProgressScope.h"
 #include "core/Handles.h"
 #include "registry/RegKeyReader.h"
 #include "registry/RegistrySafety.h"
@@ -11,21 +12,6 @@
 namespace {
 
 constexpr REGSAM kDeleteRights = DELETE | KEY_ENUMERATE_SUB_KEYS | KEY_QUERY_VALUE | KEY_SET_VALUE;
-
-class ProgressScope {
- public:
-  explicit ProgressScope(IOperationProgressNotify* progress) : m_progress(progress) {
-    if (m_progress) m_progress->SetTotal(1);
-  }
-  ~ProgressScope() {
-    if (m_progress) m_progress->Finish();
-  }
-  ProgressScope(const ProgressScope&) = delete;
-  ProgressScope& operator=(const ProgressScope&) = delete;
-
- private:
-  IOperationProgressNotify* m_progress;
-};
 
 // Opens every key below key with the rights deleting it takes; the first refusal.
 LONG CheckTreeDeletable(HKEY key, REGSAM view) {
@@ -96,7 +82,7 @@ bool CCleanableRegistry::Exists() const {
 }
 
 DWORD CCleanableRegistry::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
-  ProgressScope scope(progress);
+  CProgressScope scope(progress);
   bool changed = false;
   return Delete(m_path, m_view, changed);
 }
@@ -127,7 +113,7 @@ CString CCleanableRegistry::GetDetails() const {
 
 DWORD CCleanableRegistry::Move(CString destination, IOperationProgressNotify* progress, IOperationStatusNotify*,
                                bool overwrite, CPathString& newPath) {
-  ProgressScope scope(progress);
+  CProgressScope scope(progress);
   try {
     CPathString target(destination);
     DWORD result = overwrite || GetFileAttributesW(target.c_str()) == INVALID_FILE_ATTRIBUTES

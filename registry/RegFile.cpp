@@ -3,12 +3,12 @@
 #include <cstring>
 #include <cwchar>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/Handles.h"
+#include "core/Names.h"
 #include "registry/RegKeyReader.h"
-#include "scandefs/ConfigValues.h"
-#include "scandefs/NoCase.h"
 
 using broom::reg::SValue;
 
@@ -80,7 +80,7 @@ void AppendValue(std::wstring& out, const SValue& value) {
 std::wstring SectionName(HKEY key, const CRegistryPath& openedAs) {
   CRegistryPath real;
   const CRegistryPath& path = CRegistryPath::FromKernelName(CRegistryPath::KernelName(key), real) ? real : openedAs;
-  std::wstring name = RegistryHiveLongName(path.Hive());
+  std::wstring name = CRegistryPath::HiveLongName(path.Hive());
   if (!path.Subkey().empty()) name += L'\\' + path.Subkey();
   return name;
 }
@@ -140,14 +140,7 @@ struct SSection {
   std::vector<SValue> values;
 };
 
-bool IsBlank(wchar_t c) { return c == L' ' || c == L'\t'; }
-
-std::wstring Trim(const std::wstring& text) {
-  size_t b = 0, e = text.size();
-  while (b < e && IsBlank(text[b])) ++b;
-  while (e > b && IsBlank(text[e - 1])) --e;
-  return text.substr(b, e - b);
-}
+std::wstring_view Trim(std::wstring_view text) { return broom::Trim(text, broom::IsSpaceOrTab); }
 
 int HexDigit(wchar_t c) {
   if (c >= L'0' && c <= L'9') return c - L'0';
@@ -183,15 +176,15 @@ bool ReadQuoted(const std::wstring& text, size_t& pos, std::wstring& out) {
 
 bool ReadHexBytes(const std::wstring& list, std::vector<BYTE>& out) {
   out.clear();
-  std::wstring rest = Trim(list);
+  std::wstring rest(Trim(list));
   if (rest.empty()) return true;
   size_t pos = 0;
   for (;;) {
-    while (pos < rest.size() && IsBlank(rest[pos])) ++pos;
+    while (pos < rest.size() && broom::IsSpaceOrTab(rest[pos])) ++pos;
     DWORD byte = 0;
     if (!ReadHexNumber(rest, pos, 2, byte)) return false;
     out.push_back(static_cast<BYTE>(byte));
-    while (pos < rest.size() && IsBlank(rest[pos])) ++pos;
+    while (pos < rest.size() && broom::IsSpaceOrTab(rest[pos])) ++pos;
     if (pos == rest.size()) return true;
     if (rest[pos++] != L',') return false;
   }
@@ -211,9 +204,9 @@ bool ParseValue(const std::wstring& line, SValue& value) {
   } else if (!ReadQuoted(line, pos, value.name)) {
     return false;
   }
-  while (pos < line.size() && IsBlank(line[pos])) ++pos;
+  while (pos < line.size() && broom::IsSpaceOrTab(line[pos])) ++pos;
   if (pos >= line.size() || line[pos++] != L'=') return false;
-  while (pos < line.size() && IsBlank(line[pos])) ++pos;
+  while (pos < line.size() && broom::IsSpaceOrTab(line[pos])) ++pos;
   value.data.clear();
   if (pos < line.size() && line[pos] == L'"') {
     std::wstring text;
@@ -257,26 +250,26 @@ bool ParseText(const std::wstring& text, std::vector<SSection>& out) {
   if (i == lines.size() || Trim(lines[i]) != kHeader) return false;
   for (++i; i < lines.size(); ++i) {
     std::wstring line = lines[i];
-    std::wstring trimmed = Trim(line);
+    std::wstring trimmed(Trim(line));
     if (trimmed.empty() || trimmed[0] == L';') continue;
     if (trimmed[0] == L'[') {
       size_t close = trimmed.rfind(L']');
       if (close == 0 || close == std::wstring::npos || trimmed[1] == L'-') return false;
       SSection section;
       std::wstring name = trimmed.substr(1, close - 1);
-      if (!SplitRegistryKeyPath(name.c_str(), name.size(), section.hive, section.subkey)) return false;
+      if (!CRegistryPath::SplitKey(name.c_str(), name.size(), section.hive, section.subkey)) return false;
       out.push_back(std::move(section));
       continue;
     }
     if (out.empty()) return false;
     // hex data goes on over lines that end with a backslash
     while (!Trim(line).empty() && Trim(line).back() == L'\\' && i + 1 < lines.size()) {
-      line = Trim(line);
+      line = std::wstring(Trim(line));
       line.pop_back();
       line += Trim(lines[++i]);
     }
     SValue value;
-    if (!ParseValue(Trim(line), value)) return false;
+    if (!ParseValue(std::wstring(Trim(line)), value)) return false;
     out.back().values.push_back(std::move(value));
   }
   return true;
@@ -302,6 +295,59 @@ bool ReadTextFile(const wchar_t* file, std::wstring& text, DWORD& error) {
   if (bytes[0] != 0xFF || bytes[1] != 0xFE) return false;
   text.resize((bytes.size() - 2) / 2);
   if (!text.empty()) memcpy(&text[0], bytes.data() + 2, bytes.size() - 2);
+  return true;
+}
+
+bool StartsWithKey(const std::wstring& subkey, const wchar_t* prefix, std::wstring& rest) {
+  const size_t length = wcslen(prefix);
+  if (subkey.size() < length || !broom::EqualNoCase(subkey.c_str(), length, prefix, length)) return false;
+  if (subkey.size() > length && subkey[length] != L'\\') return false;
+  rest = subkey.size() > length ? subkey.substr(length + 1) : std::wstring();
+  return true;
+}
+
+std::wstring Join(const wchar_t* a, const std::wstring& b) { return b.empty() ? a : std::wstring(a) + L"\\" + b; }
+
+// Where the key an export was made for may really live: as named, its
+// 32-bit view key under WOW6432Node, a classes key under HKCU or HKLM.
+std::vector<std::pair<HKEY, std::wstring>> HomesOf(const CRegistryPath& path) {
+  std::vector<std::pair<HKEY, std::wstring>> homes;
+  std::wstring rest;
+  if (path.Hive() == HKEY_CLASSES_ROOT) {
+    homes.emplace_back(HKEY_CURRENT_USER, Join(L"Software\\Classes", path.Subkey()));
+    homes.emplace_back(HKEY_LOCAL_MACHINE, Join(L"Software\\Classes", path.Subkey()));
+  } else {
+    homes.emplace_back(path.Hive(), path.Subkey());
+  }
+  const size_t named = homes.size();
+  for (size_t i = 0; i < named; ++i) {
+    const HKEY hive = homes[i].first;
+    const std::wstring subkey = homes[i].second;
+    if ((hive == HKEY_CURRENT_USER || hive == HKEY_LOCAL_MACHINE) && StartsWithKey(subkey, L"Software\\Classes", rest))
+      homes.emplace_back(hive, Join(L"Software\\Classes\\WOW6432Node", rest));
+    else if (hive == HKEY_LOCAL_MACHINE && StartsWithKey(subkey, L"SOFTWARE", rest) &&
+             !StartsWithKey(rest, L"WOW6432Node", rest))
+      homes.emplace_back(hive, Join(L"SOFTWARE\\WOW6432Node", rest));
+  }
+  return homes;
+}
+
+// Whether every section of the file lies at or below where path may live;
+// for a value, only that value of that key.
+bool Within(const std::vector<SSection>& sections, const CRegistryPath& path) {
+  const auto homes = HomesOf(path);
+  std::wstring rest;
+  for (const SSection& section : sections) {
+    bool inside = false;
+    for (const auto& home : homes)
+      inside = inside || (section.hive == home.first && StartsWithKey(section.subkey, home.second.c_str(), rest) &&
+                          (!path.HasValue() || rest.empty()));
+    if (!inside) return false;
+    if (!path.HasValue()) continue;
+    for (const SValue& value : section.values)
+      if (!broom::EqualNoCase(value.name.c_str(), value.name.size(), path.ValueName().c_str(), path.ValueName().size()))
+        return false;
+  }
   return true;
 }
 
@@ -333,7 +379,7 @@ DWORD CRegFile::Export(const CRegistryPath& path, REGSAM view, const wchar_t* fi
   }
 }
 
-DWORD CRegFile::Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* stats) {
+DWORD CRegFile::Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* stats, const CRegistryPath* within) {
   SRegRestoreStats local;
   SRegRestoreStats& counts = stats ? *stats : local;
   counts = SRegRestoreStats();
@@ -343,6 +389,7 @@ DWORD CRegFile::Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* s
     if (!ReadTextFile(file, text, error)) return RegistryResult(static_cast<LONG>(error));
     std::vector<SSection> sections;
     if (!ParseText(text, sections)) return RegistryResult(ERROR_INVALID_DATA);
+    if (within && !Within(sections, *within)) return kRegistryRestoreOutside;
 
     LONG first = ERROR_SUCCESS;
     auto note = [&first](LONG rc) {

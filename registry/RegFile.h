@@ -12,24 +12,9 @@
 // the same key from either view.
 #include <windows.h>
 
+#include "clean/ResultCodes.h"
 #include "core/Export.h"
 #include "registry/RegistryPath.h"
-
-// Codes of the registry items, exports and restores: 0 or this OR-ed with a
-// Win32 error in the low 16 bits (0x80520005: access denied).
-enum : DWORD {
-  kRegistryFailed = 0x80520000,
-  // restore: a value in the way holds other data and was left as it was
-  kRegistryRestoreConflict = kRegistryFailed | ERROR_ALREADY_EXISTS,
-  // export: the file exists and overwriting was not allowed
-  kRegistryExportFileExists = kRegistryFailed | ERROR_FILE_EXISTS,
-  // clean: the key is in the safety table (or a hive root holds the value)
-  kRegistryRefused = kRegistryFailed | ERROR_INVALID_OPERATION,
-};
-
-inline DWORD RegistryResult(LONG error) {
-  return error == ERROR_SUCCESS ? 0 : kRegistryFailed | (static_cast<DWORD>(error) & 0xFFFF);
-}
 
 struct SRegRestoreStats {
   unsigned long keys = 0;       // key sections met (created or already there)
@@ -55,5 +40,11 @@ class BROOM_API CRegFile {
   // unless overwrite is true. A file that does not parse writes nothing
   // (ERROR_INVALID_DATA). Goes on after a failure and returns the first one,
   // else kRegistryRestoreConflict when a value was left alone, else 0.
-  static DWORD Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* stats);
+  // With within (the path the file was exported for), a file that names any
+  // key or value other than that one and what lies below it (where the key
+  // may really live: under WOW6432Node, a classes key under HKCU or HKLM)
+  // writes nothing (kRegistryRestoreOutside): a changed file cannot reach a
+  // Run key.
+  static DWORD Restore(const wchar_t* file, bool overwrite, SRegRestoreStats* stats,
+                       const CRegistryPath* within = nullptr);
 };

@@ -3,12 +3,28 @@
 #include <vector>
 
 #include "core/Handles.h"
-#include "scandefs/ConfigValues.h"
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 
 namespace {
 
-bool IsBlank(wchar_t c) { return c <= 32; }
+struct SHiveName {
+  HKEY hive;
+  const wchar_t* shortName;
+  const wchar_t* longName;
+};
+
+const SHiveName kHives[] = {
+    {HKEY_CURRENT_USER, L"HKCU", L"HKEY_CURRENT_USER"},
+    {HKEY_LOCAL_MACHINE, L"HKLM", L"HKEY_LOCAL_MACHINE"},
+    {HKEY_USERS, L"HKU", L"HKEY_USERS"},
+    {HKEY_CLASSES_ROOT, L"HKCR", L"HKEY_CLASSES_ROOT"},
+};
+
+const SHiveName* FindHive(HKEY hive) {
+  for (const auto& h : kHives)
+    if (h.hive == hive) return &h;
+  return nullptr;
+}
 
 // Whether name starts with prefix (any case) and goes on with a separator or ends.
 bool HasKeyPrefix(const std::wstring& name, const std::wstring& prefix, std::wstring& rest) {
@@ -53,30 +69,60 @@ const std::wstring& CurrentUserKernelName() {
 
 }  // namespace
 
+HKEY CRegistryPath::HiveFromName(const wchar_t* name, size_t length) {
+  for (const auto& h : kHives)
+    if (broom::EqualNoCase(name, length, h.shortName, wcslen(h.shortName)) ||
+        broom::EqualNoCase(name, length, h.longName, wcslen(h.longName)))
+      return h.hive;
+  return nullptr;
+}
+
+const wchar_t* CRegistryPath::HiveShortName(HKEY hive) {
+  const SHiveName* h = FindHive(hive);
+  return h ? h->shortName : nullptr;
+}
+
+const wchar_t* CRegistryPath::HiveLongName(HKEY hive) {
+  const SHiveName* h = FindHive(hive);
+  return h ? h->longName : nullptr;
+}
+
+bool CRegistryPath::SplitKey(const wchar_t* path, size_t length, HKEY& hive, std::wstring& subkey) {
+  size_t slash = 0;
+  while (slash < length && path[slash] != L'\\') ++slash;
+  HKEY found = HiveFromName(path, slash);
+  if (!found) return false;
+  hive = found;
+  subkey.clear();
+  const std::wstring_view rest = std::wstring_view(path, length).substr(slash < length ? slash + 1 : length);
+  for (const std::wstring& part : broom::Split(rest, L'\\')) {
+    if (!subkey.empty()) subkey += L'\\';
+    subkey += part;
+  }
+  return true;
+}
+
 bool CRegistryPath::Parse(const wchar_t* text, size_t length) {
-  size_t begin = 0, end = length;
-  while (begin < end && IsBlank(text[begin])) ++begin;
-  while (end > begin && IsBlank(text[end - 1])) --end;
-  size_t bar = begin;
-  while (bar < end && text[bar] != L'|') ++bar;
+  std::wstring_view whole = broom::Trim(std::wstring_view(text, length), broom::IsBlankOrControl);
+  std::wstring_view key = whole.substr(0, whole.find(L'|'));
   HKEY hive = nullptr;
   std::wstring subkey;
-  if (!SplitRegistryKeyPath(text + begin, bar - begin, hive, subkey)) return false;
+  if (!SplitKey(key.data(), key.size(), hive, subkey)) return false;
   m_hive = hive;
   m_subkey = std::move(subkey);
-  m_hasValue = bar < end;
-  m_valueName = m_hasValue ? std::wstring(text + bar + 1, end - bar - 1) : std::wstring();
+  m_hasValue = key.size() < whole.size();
+  m_valueName = m_hasValue ? std::wstring(whole.substr(key.size() + 1)) : std::wstring();
   return true;
 }
 
 bool CRegistryPath::StartsWithHive(const wchar_t* text) {
   size_t n = 0;
   while (text[n] && text[n] != L'\\' && text[n] != L'|') ++n;
-  return RegistryHiveFromName(text, n) != nullptr;
+  return HiveFromName(text, n) != nullptr;
 }
 
 std::wstring CRegistryPath::KeyText() const {
-  const wchar_t* hive = RegistryHiveShortName(m_hive);
+  const wchar_t* hive = HiveShortName(m_hive);
   return Join(hive ? hive : L"", m_subkey);
 }
 
@@ -131,13 +177,22 @@ bool CRegistryPath::FromKernelName(const std::wstring& kernelName, CRegistryPath
   return true;
 }
 
-std::vector<std::wstring> CRegistryPath::Components(const std::wstring& subkey) {
-  std::vector<std::wstring> parts;
-  for (size_t start = 0; start < subkey.size();) {
-    size_t end = subkey.find(L'\\', start);
-    if (end == std::wstring::npos) end = subkey.size();
-    if (end > start) parts.push_back(subkey.substr(start, end - start));
-    start = end + 1;
-  }
-  return parts;
+std::vector<std::wstring> CRegistryPath::Components(const std::wstring& subkey) { return broom::Split(subkey, L'\\'); }
+
+bool CRegistryPath::SameKey(const CRegistryPath& other) const {
+  return m_hive == other.m_hive && broom::EqualNoCase(m_subkey, other.m_subkey);
+}
+
+bool CRegistryPath::IsAtOrBelow(const CRegistryPath& outer) const {
+  return SameKey(outer) || IsBelow(outer);
+}
+
+bool CRegistryPath::IsBelow(const CRegistryPath& outer, std::wstring* rest) const {
+  const std::wstring& a = outer.m_subkey;
+  const std::wstring& b = m_subkey;
+  if (m_hive != outer.m_hive || b.size() <= a.size()) return false;
+  if (!a.empty() && (b[a.size()] != L'\\' || !broom::EqualNoCase(a.c_str(), a.size(), b.c_str(), a.size())))
+    return false;
+  if (rest) *rest = b.substr(a.empty() ? 0 : a.size() + 1);
+  return true;
 }

@@ -1,7 +1,8 @@
 #pragma once
 // Registry paths as definitions, the whitelist and the items write them:
 // HIVE\subkey for a key and HIVE\subkey|Value for one value of it. Hives go
-// by their long or short names; the normal form uses the short one.
+// by their long or short names; the normal form uses the short one. Names
+// of keys compare as definition names do (core/Names.h).
 #include <windows.h>
 
 #include <string>
@@ -22,6 +23,17 @@ class BROOM_API CRegistryPath {
   // True when text starts with a hive name followed by a separator, '|' or its end.
   static bool StartsWithHive(const wchar_t* text);
 
+  // The predefined key a hive name stands for, in its long or short form
+  // (HKEY_CURRENT_USER or HKCU, HKLM, HKU, HKCR; any case); null when unknown.
+  static HKEY HiveFromName(const wchar_t* name, size_t length);
+  // "HKCU", "HKLM", "HKU", "HKCR", and the long names of those four; null for other keys.
+  static const wchar_t* HiveShortName(HKEY hive);
+  static const wchar_t* HiveLongName(HKEY hive);
+  // Splits HIVE\subkey without a length limit or value part; the hive alone
+  // gives an empty subkey, and empty components (doubled or trailing
+  // separators) are dropped. False for an unknown hive.
+  static bool SplitKey(const wchar_t* path, size_t length, HKEY& hive, std::wstring& subkey);
+
   HKEY Hive() const { return m_hive; }
   const std::wstring& Subkey() const { return m_subkey; }
   bool HasValue() const { return m_hasValue; }
@@ -29,6 +41,13 @@ class BROOM_API CRegistryPath {
   bool IsHiveRoot() const { return m_subkey.empty(); }
   // The subkey's names, top first, empty components dropped.
   static std::vector<std::wstring> Components(const std::wstring& subkey);
+
+  // Value parts aside: the same key as other; this key is outer or lies
+  // below it; this key lies below outer, with rest (when given) the subkey
+  // path from outer down to it.
+  bool SameKey(const CRegistryPath& other) const;
+  bool IsAtOrBelow(const CRegistryPath& outer) const;
+  bool IsBelow(const CRegistryPath& outer, std::wstring* rest = nullptr) const;
 
   // HKCU\Software\Vendor, with the value as HKCU\Software\Vendor|Name.
   std::wstring Text() const;
@@ -57,3 +76,4 @@ class BROOM_API CRegistryPath {
   std::wstring m_valueName;
   bool m_hasValue = false;
 };
+

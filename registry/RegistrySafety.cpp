@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 
 namespace {
 
@@ -62,15 +62,11 @@ const SRefusedKey kRefusedKeys[] = {
     {rkMachine, L"SYSTEM\\Setup"},
 };
 
-bool Same(const std::wstring& a, const wchar_t* b) {
-  return broom::EqualNoCase(a.c_str(), a.size(), b, wcslen(b));
-}
-
 bool StartsWith(const std::vector<std::wstring>& parts, std::initializer_list<const wchar_t*> head) {
   if (parts.size() < head.size()) return false;
   size_t i = 0;
   for (const wchar_t* name : head)
-    if (!Same(parts[i++], name)) return false;
+    if (!broom::EqualNoCase(parts[i++], name)) return false;
   return true;
 }
 
@@ -99,7 +95,7 @@ void Locate(const CRegistryPath& key, ERootKind& root, std::vector<std::wstring>
       // each user's hive below HKU is a root of its own
       if (!rest.empty()) {
         size_t n = rest[0].size();
-        if (n > 8 && Same(rest[0].substr(n - 8), L"_Classes")) root = rkClasses;
+        if (n > 8 && broom::EqualNoCase(std::wstring_view(rest[0]).substr(n - 8), L"_Classes")) root = rkClasses;
         rest.erase(rest.begin());
       }
     }
@@ -124,8 +120,7 @@ bool CRegistrySafety::IsRefusedKey(const CRegistryPath& key) {
     std::vector<std::wstring> parts = CRegistryPath::Components(refused.path);
     if (rest.size() > parts.size()) continue;
     bool above = true;
-    for (size_t i = 0; above && i < rest.size(); ++i) above = broom::EqualNoCase(
-        rest[i].c_str(), rest[i].size(), parts[i].c_str(), parts[i].size());
+    for (size_t i = 0; above && i < rest.size(); ++i) above = broom::EqualNoCase(rest[i], parts[i]);
     if (above) return true;
   }
   return false;

@@ -3,39 +3,18 @@
 #include <utility>
 
 #include "core/Handles.h"
+#include "core/Names.h"
 #include "log/ScanLogThread.h"
 #include "registry/CleanableRegistry.h"
 #include "registry/RegKeyReader.h"
 #include "registry/RegistrySafety.h"
 #include "scan/OperationNotify.h"
-#include "scandefs/NoCase.h"
 #include "whitelist/WhiteListTree.h"
 
 namespace {
 
-std::wstring Upper(std::wstring text) {
-  if (!text.empty()) CWhiteListTree::UpperCase(&text[0], static_cast<int>(text.size()));
-  return text;
-}
-
 std::wstring Child(const std::wstring& subkey, const std::wstring& name) {
   return subkey.empty() ? name : subkey + L'\\' + name;
-}
-
-// Whether sub lies strictly below key; rest gets the part after it.
-bool IsBelow(const CRegistryPath& key, const CRegistryPath& sub, std::wstring& rest) {
-  const std::wstring& a = key.Subkey();
-  const std::wstring& b = sub.Subkey();
-  if (key.Hive() != sub.Hive() || b.size() <= a.size()) return false;
-  if (!a.empty() && (b[a.size()] != L'\\' || !broom::EqualNoCase(a.c_str(), a.size(), b.c_str(), a.size())))
-    return false;
-  rest = b.substr(a.empty() ? 0 : a.size() + 1);
-  return true;
-}
-
-bool SameKey(const CRegistryPath& a, const CRegistryPath& b) {
-  return a.Hive() == b.Hive() &&
-         broom::EqualNoCase(a.Subkey().c_str(), a.Subkey().size(), b.Subkey().c_str(), b.Subkey().size());
 }
 
 // One key as the scan sees it: the path items use and every other name it
@@ -55,7 +34,7 @@ struct SKeyNames {
   }
   void AddAlias(const CRegistryPath& path) {
     for (const CRegistryPath& known : all)
-      if (SameKey(known, path)) return;
+      if (known.SameKey(path)) return;
     all.push_back(path);
   }
 };
@@ -152,7 +131,7 @@ void CScanRun::AddProtectedBelow(const SKeyNames& names, CRegistryScan::SKeep& k
 }
 
 bool CScanRun::Covered(const CRegistryPath& key) const {
-  std::wstring text = Upper(key.KeyText());
+  std::wstring text = broom::Upper(key.KeyText());
   for (size_t end = text.find(L'\\'); end != std::wstring::npos; end = text.find(L'\\', end + 1))
     if (m_keys.count(text.substr(0, end))) return true;
   return m_keys.count(text) != 0;
@@ -162,9 +141,9 @@ void CScanRun::Report(const CRegistryPath& path, REGSAM view, unsigned __int64 s
   CRefPtr<CCleanableRegistry> item(new IUnknownNoQIImp<CCleanableRegistry>());
   item->Init(path, view, size);
   if (path.HasValue())
-    m_values.insert(Upper(path.Text()));
+    m_values.insert(broom::Upper(path.Text()));
   else
-    m_keys.insert(Upper(path.KeyText()));
+    m_keys.insert(broom::Upper(path.KeyText()));
   // the log lists every reported item, even one the host later declines
   if (m_log) m_log->WriteEntry(item->GetLogEntry(), false);
   if (m_collector) m_collector->AddItem(item);
@@ -179,7 +158,7 @@ void CScanRun::ReportValue(HKEY key, const SKeyNames& names, const std::wstring&
   }
   CRegistryPath value = names.item;
   value.SetValue(name);
-  if (Covered(names.item) || m_values.count(Upper(value.Text()))) return;
+  if (Covered(names.item) || m_values.count(broom::Upper(value.Text()))) return;
   if (size == MAXDWORD) {
     DWORD type = REG_NONE;
     size = 0;
@@ -204,14 +183,14 @@ void CScanRun::ReportKey(HKEY key, const SKeyNames& names, const CRegistryScan::
   std::vector<broom::reg::SValue> values;
   if (broom::reg::ReadValues(key, false, values) == ERROR_SUCCESS)
     for (const auto& value : values) {
-      std::wstring upper = Upper(value.name);
+      std::wstring upper = broom::Upper(value.name);
       if (!keep.values.count(upper)) ReportValue(key, names, value.name, value.size);
     }
   std::vector<std::wstring> subkeys;
   if (broom::reg::ReadSubkeyNames(key, subkeys) != ERROR_SUCCESS) return;
   static const CRegistryScan::SKeep kNothing;
   for (const std::wstring& name : subkeys) {
-    auto found = keep.keys.find(Upper(name));
+    auto found = keep.keys.find(broom::Upper(name));
     if (found != keep.keys.end() && found->second.whole) continue;
     broom::unique_hkey child;
     if (RegOpenKeyExW(key, name.c_str(), 0, KEY_READ | names.view, child.addressof()) != ERROR_SUCCESS) continue;
@@ -229,7 +208,8 @@ void CScanRun::ScanPath(const CRegistryPath& path, const CRegistryScan::SKeep& k
       continue;
     std::wstring kernelName = CRegistryPath::KernelName(key.get());
     // the second view counts only when the system names another key for it
-    if (firstOpened && (kernelName.empty() || firstKernelName.empty() || Upper(kernelName) == Upper(firstKernelName)))
+    if (firstOpened &&
+        (kernelName.empty() || firstKernelName.empty() || broom::Upper(kernelName) == broom::Upper(firstKernelName)))
       continue;
     firstOpened = true;
     firstKernelName = kernelName;
@@ -247,7 +227,7 @@ void CScanRun::ScanPath(const CRegistryPath& path, const CRegistryScan::SKeep& k
     std::wstring rest;
     for (HKEY hive : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) {
       CRegistryPath classes(hive, hive == HKEY_LOCAL_MACHINE ? L"SOFTWARE\\Classes" : L"Software\\Classes");
-      if (IsBelow(classes, names.item, rest)) names.AddAlias(CRegistryPath(HKEY_CLASSES_ROOT, rest));
+      if (names.item.IsBelow(classes, &rest)) names.AddAlias(CRegistryPath(HKEY_CLASSES_ROOT, rest));
     }
     if (path.HasValue())
       ReportValue(key.get(), names, path.ValueName(), MAXDWORD);
@@ -263,11 +243,11 @@ void CRegistryScan::SKeep::Add(const std::wstring& relativeKey, const std::wstri
   for (size_t start = 0; start < relativeKey.size();) {
     size_t end = relativeKey.find(L'\\', start);
     if (end == std::wstring::npos) end = relativeKey.size();
-    if (end > start) node = &node->keys[Upper(relativeKey.substr(start, end - start))];
+    if (end > start) node = &node->keys[broom::Upper(relativeKey.substr(start, end - start))];
     start = end + 1;
   }
   if (value)
-    node->values.insert(Upper(*value));
+    node->values.insert(broom::Upper(*value));
   else
     node->whole = true;
 }
@@ -293,8 +273,8 @@ bool CRegistryScan::AddKeep(const wchar_t* text) {
   bool below = false;
   for (const CRegistryPath& key : m_paths) {
     std::wstring rest;
-    if (!key.HasValue() && (!entry.full || IsBelow(key, entry.path, rest) ||
-                            (entry.path.HasValue() && SameKey(key, entry.path))))
+    if (!key.HasValue() && (!entry.full || entry.path.IsBelow(key, &rest) ||
+                            (entry.path.HasValue() && key.SameKey(entry.path))))
       below = true;
   }
   if (!below) return false;
@@ -308,7 +288,7 @@ CRegistryScan::SKeep CRegistryScan::KeepFor(const CRegistryPath& key) const {
     std::wstring rest;
     if (!entry.full)
       rest = entry.path.Subkey();
-    else if (!IsBelow(key, entry.path, rest) && !(entry.path.HasValue() && SameKey(key, entry.path)))
+    else if (!entry.path.IsBelow(key, &rest) && !(entry.path.HasValue() && key.SameKey(entry.path)))
       continue;
     keep.Add(rest, entry.path.HasValue() ? &entry.path.ValueName() : nullptr);
   }

@@ -2,8 +2,8 @@
 
 #include <string>
 
+#include "core/Names.h"
 #include "registry/RegistryScan.h"
-#include "scandefs/NoCase.h"
 
 CRefPtr<IScanOperationFactory> CRegistryScanFactory::Create() {
   return CRefPtr<IScanOperationFactory>(new IUnknownNoQIImp<CRegistryScanFactory>());

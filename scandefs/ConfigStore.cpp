@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "core/Handles.h"
+#include "core/Names.h"
 #include "scandefs/FilePrefetch.h"
-#include "scandefs/NoCase.h"
 #include "scandefs/XmlReader.h"
 
 namespace {

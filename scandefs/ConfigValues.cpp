@@ -3,6 +3,7 @@
 #include <shlobj.h>
 
 #include "core/Handles.h"
+#include "registry/RegistryPath.h"
 
 namespace {
 
@@ -55,8 +56,9 @@ void FillGlobalScope(CScopedMap::ConfigValueMap& scope) {
                                                           {L"LOCALLOWAPPDATA", &kFolderLocalAppDataLow}};
   for (const auto& folder : folders) {
     PWSTR path = nullptr;
-    if (SUCCEEDED(known(*folder.second, 0, nullptr, &path)) && path) scope.Set(folder.first, path);
-    CoTaskMemFree(path);
+    HRESULT hr = known(*folder.second, 0, nullptr, &path);
+    broom::unique_cotaskmem hold(path);
+    if (SUCCEEDED(hr) && path) scope.Set(folder.first, path);
   }
 }
 
@@ -121,31 +123,12 @@ CScopedMap::ConfigValueMap* CScopedMap::GetGlobalScope() {
 
 namespace {
 
-struct HiveName {
-  HKEY hive;
-  const wchar_t* shortName;
-  const wchar_t* longName;
-};
-
-const HiveName kHives[] = {
-    {HKEY_CURRENT_USER, L"HKCU", L"HKEY_CURRENT_USER"},
-    {HKEY_LOCAL_MACHINE, L"HKLM", L"HKEY_LOCAL_MACHINE"},
-    {HKEY_USERS, L"HKU", L"HKEY_USERS"},
-    {HKEY_CLASSES_ROOT, L"HKCR", L"HKEY_CLASSES_ROOT"},
-};
-
-const HiveName* FindHive(HKEY hive) {
-  for (const auto& h : kHives)
-    if (h.hive == hive) return &h;
-  return nullptr;
-}
-
 // Splits a registry path into its hive, subkey and (optional) value name.
 bool SplitRegistryPath(const std::wstring& path, HKEY& hive, std::wstring& subkey, std::wstring& valueName) {
   std::wstring text = path.substr(0, 260);
   size_t slash = text.find(L'\\');
   if (slash == std::wstring::npos) return false;
-  hive = RegistryHiveFromName(text.c_str(), slash);
+  hive = CRegistryPath::HiveFromName(text.c_str(), slash);
   if (!hive) return false;
   std::wstring rest = text.substr(slash + 1);
   size_t bracket = rest.find(L'[');
@@ -164,44 +147,6 @@ bool SplitRegistryPath(const std::wstring& path, HKEY& hive, std::wstring& subke
 }
 
 }  // namespace
-
-HKEY RegistryHiveFromName(const wchar_t* name, size_t length) {
-  for (const auto& h : kHives)
-    if (broom::EqualNoCase(name, length, h.shortName, wcslen(h.shortName)) ||
-        broom::EqualNoCase(name, length, h.longName, wcslen(h.longName)))
-      return h.hive;
-  return nullptr;
-}
-
-const wchar_t* RegistryHiveShortName(HKEY hive) {
-  const HiveName* h = FindHive(hive);
-  return h ? h->shortName : nullptr;
-}
-
-const wchar_t* RegistryHiveLongName(HKEY hive) {
-  const HiveName* h = FindHive(hive);
-  return h ? h->longName : nullptr;
-}
-
-bool SplitRegistryKeyPath(const wchar_t* path, size_t length, HKEY& hive, std::wstring& subkey) {
-  size_t slash = 0;
-  while (slash < length && path[slash] != L'\\') ++slash;
-  HKEY found = RegistryHiveFromName(path, slash);
-  if (!found) return false;
-  hive = found;
-  subkey.clear();
-  // empty components (doubled or trailing separators) name nothing
-  for (size_t start = slash + 1; start < length;) {
-    size_t end = start;
-    while (end < length && path[end] != L'\\') ++end;
-    if (end > start) {
-      if (!subkey.empty()) subkey += L'\\';
-      subkey.append(path + start, end - start);
-    }
-    start = end + 1;
-  }
-  return true;
-}
 
 bool OpenRegistryPath(const std::wstring& path, HKEY& key) {
   HKEY hive;

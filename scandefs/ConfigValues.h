@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "core/Export.h"
+#include "core/Names.h"
 #include "core/RefCounting.h"
-#include "scandefs/NoCase.h"
 
 // Orders names as _wcsicmp(a, b) < 0 does; also compares against a
 // (pointer, length) name so that look-ups need no string of their own.
@@ -64,13 +64,3 @@ BROOM_API bool OpenRegistryPath(const std::wstring& path, HKEY& key);
 // characters); the key's default value without "[name]".
 BROOM_API bool ReadRegistryString(const std::wstring& path, std::wstring& out);
 
-// The predefined key a hive name stands for, in its long or short form
-// (HKEY_CURRENT_USER or HKCU, HKLM, HKU, HKCR; any case); null when unknown.
-BROOM_API HKEY RegistryHiveFromName(const wchar_t* name, size_t length);
-// "HKCU", "HKLM", "HKU", "HKCR" and the long names of those four; null for other keys.
-BROOM_API const wchar_t* RegistryHiveShortName(HKEY hive);
-BROOM_API const wchar_t* RegistryHiveLongName(HKEY hive);
-// Splits HIVE\subkey without a length limit or value part; the hive alone
-// gives an empty subkey, and empty components (doubled or trailing
-// separators) are dropped.
-BROOM_API bool SplitRegistryKeyPath(const wchar_t* path, size_t length, HKEY& hive, std::wstring& subkey);

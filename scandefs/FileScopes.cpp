@@ -2,7 +2,7 @@
 
 #include <cwchar>
 
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 
 const std::wstring& CFileScopes::Key(const wchar_t* name, size_t length) const {
   m_key.assign(name, length);

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 
 CScanGroup::CScanGroup() : m_order(999999), m_parent(nullptr), m_uiData(nullptr) {
   for (auto& p : m_boolProps) p = abNotSet;

@@ -3,240 +3,38 @@
 #include <shlwapi.h>
 
 #include <algorithm>
-#include <climits>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <cwchar>
-#include <map>
 #include <memory>
-#include <string_view>
-#include <unordered_map>
-#include <vector>
 
 #include "core/Handles.h"
+#include "core/Names.h"
 #include "scan/StdFileScan.h"
+#include "scandefs/ChildIndex.h"
+#include "scandefs/DefinitionChecks.h"
+#include "scandefs/DefinitionText.h"
 #include "scandefs/FilePrefetch.h"
 #include "scandefs/FileScopes.h"
-#include "scandefs/NoCase.h"
+#include "scandefs/ValuePass.h"
 
 namespace {
 
 const wchar_t kKindTable[] = L":ram:1:file:2:path:2:trunc:3:file_trunc:3:path_trunc:3:reg:4:registry:4:system:5:";
 
-// The declaration the files carry and the one the converted text gets.
-const char kUtf8Declaration[] = "<?xml version=\"1.0\" encoding=\"utf-8\"?>";
-const wchar_t kUtf16Declaration[] = L"<?xml version=\"1.0\" encoding=\"utf-16\"?>";
-constexpr size_t kUtf8DeclarationLength = sizeof kUtf8Declaration - 1;
-constexpr size_t kUtf16DeclarationLength = sizeof kUtf16Declaration / sizeof(wchar_t) - 1;
-
-// Eight bytes at a time: the runtime's memchr goes byte by byte, and a
-// file's text is scanned a few times over before it is parsed.
-constexpr uint64_t kLowBits = 0x0101010101010101ull;
-constexpr uint64_t kHighBits = 0x8080808080808080ull;
-
-uint64_t Word(const char* at) {
-  uint64_t word;
-  memcpy(&word, at, sizeof word);
-  return word;
-}
-
-// Whether a byte of word equals the byte that repeated is.
-bool HasByte(uint64_t word, uint64_t repeated) {
-  uint64_t x = word ^ repeated;
-  return ((x - kLowBits) & ~x & kHighBits) != 0;
-}
-
-const char* FindByte(const char* from, const char* end, char c) {
-  const uint64_t repeated = kLowBits * static_cast<unsigned char>(c);
-  while (end - from >= 8 && !HasByte(Word(from), repeated)) from += 8;
-  while (from != end && *from != c) ++from;
-  return from;
-}
-
-// Converts [begin, end) with the thread's ANSI code page to out + at, which
-// has room for end - begin more units (an ANSI code page never yields more
-// UTF-16 units than it has bytes), and returns the new length; the offsets
-// of its line feeds go to breaks. Every ANSI code page maps the bytes below
-// 0x80 to the same code units, so a leading run of them is widened directly
-// (in a double-byte code page only the bytes after a lead byte can be below
-// 0x80, and none comes before the run).
-size_t AppendAnsi(wchar_t* out, size_t at, const char* begin, const char* end, std::vector<size_t>& breaks) {
-  const uint64_t lineFeeds = kLowBits * '\n';
-  for (uint64_t word; end - begin >= 8 && !((word = Word(begin)) & kHighBits); begin += 8, at += 8) {
-    for (int i = 0; i < 8; ++i) out[at + i] = static_cast<wchar_t>(begin[i]);
-    if (HasByte(word, lineFeeds))
-      for (int i = 0; i < 8; ++i)
-        if (begin[i] == '\n') breaks.push_back(at + i);
-  }
-  for (; begin != end && static_cast<unsigned char>(*begin) < 0x80; ++begin, ++at) {
-    if (*begin == '\n') breaks.push_back(at);
-    out[at] = static_cast<wchar_t>(*begin);
-  }
-  if (begin == end) return at;
-  int n = MultiByteToWideChar(CP_THREAD_ACP, 0, begin, static_cast<int>(end - begin), out + at,
-                              static_cast<int>(end - begin));
-  for (size_t i = at, stop = at + static_cast<size_t>(n > 0 ? n : 0); i < stop; ++i)
-    if (out[i] == L'\n') breaks.push_back(i);
-  return at + static_cast<size_t>(n > 0 ? n : 0);
-}
-
-// The first UTF-8 declaration in [from, end), or end. A '?' is rare in
-// definition text, so the search goes from one to the next.
-const char* FindUtf8Declaration(const char* from, const char* end) {
-  if (from == end) return end;
-  for (const char* mark = from + 1; (mark = FindByte(mark, end, '?')) != end; ++mark) {
-    const char* start = mark - 1;
-    if (static_cast<size_t>(end - start) >= kUtf8DeclarationLength &&
-        memcmp(start, kUtf8Declaration, kUtf8DeclarationLength) == 0)
-      return start;
-  }
-  return end;
-}
-
-// The 8-bit text [begin, end) as UTF-16, every UTF-8 declaration relabelled
-// as UTF-16, with the offsets of its line feeds. The declaration is plain
-// ASCII, which every ANSI code page maps one to one, and it starts with '<'
-// and ends with '>', which are never the second byte of a double-byte
-// character: for any well-formed text, converting around it gives what
-// replacing the bytes first and converting the whole would.
-struct WideText {
-  std::unique_ptr<wchar_t[]> data;
-  size_t length = 0;
-  std::vector<size_t> breaks;
-};
-
-void ToWide(const char* begin, const char* end, WideText& out) {
-  std::vector<const char*> declarations;
-  for (const char* at = begin; (at = FindUtf8Declaration(at, end)) != end; at += kUtf8DeclarationLength)
-    declarations.push_back(at);
-  out.data.reset(new wchar_t[static_cast<size_t>(end - begin) +
-                             declarations.size() * (kUtf16DeclarationLength - kUtf8DeclarationLength) + 1]);
-  out.breaks.clear();
-  out.breaks.reserve(static_cast<size_t>(std::count(begin, end, '\n')));
-  size_t length = 0;
-  const char* from = begin;
-  for (const char* found : declarations) {
-    length = AppendAnsi(out.data.get(), length, from, found, out.breaks);
-    wmemcpy(out.data.get() + length, kUtf16Declaration, kUtf16DeclarationLength);
-    length += kUtf16DeclarationLength;
-    from = found + kUtf8DeclarationLength;
-  }
-  out.length = AppendAnsi(out.data.get(), length, from, end, out.breaks);
-}
-
-// Finds the children of large groups by name without walking the sibling
-// list, which made merging many items into one group quadratic. It lives
-// while one file is read. Before each use a group's table takes in the
-// children appended since (a list keeps its elements in place, and groups
-// are only ever appended while a file is read), so children added by anyone
-// else in between are found too.
-class ChildIndex {
- public:
-  CScanGroup_imp* Find(CScanGroup_imp& parent, const wchar_t* name, size_t length) {
-    if (parent.m_children.size() < kIndexFrom) return parent.FindChild(name, length);
-    Table& table = Update(parent);
-    size_t mask = table.slots.size() - 1;
-    for (size_t i = Hash(name, length) & mask;; i = (i + 1) & mask) {
-      CScanGroup_imp* child = table.slots[i];
-      if (!child) return nullptr;
-      if (broom::EqualNoCase(child->m_name.GetString(), static_cast<size_t>(child->m_name.GetLength()), name,
-                             length))
-        return child;
-    }
-  }
-
- private:
-  static constexpr size_t kIndexFrom = 16;  // below that a walk is as quick
-
-  struct Table {
-    CScanGroup_imp* parent = nullptr;
-    size_t indexed = 0;  // children taken in, from the front of the list
-    std::vector<CScanGroup_imp*> slots;  // open addressing, at most half full
-  };
-
-  static size_t Hash(const wchar_t* name, size_t length) {
-    size_t hash = 2166136261u;
-    for (size_t i = 0; i < length; ++i) hash = (hash ^ broom::FoldCase(name[i])) * 16777619u;
-    return hash;
-  }
-
-  // Takes child in unless an earlier sibling has the same name (FindChild answers the first).
-  static void Insert(Table& table, CScanGroup_imp& child) {
-    size_t mask = table.slots.size() - 1;
-    const CString& name = child.m_name;
-    for (size_t i = Hash(name.GetString(), static_cast<size_t>(name.GetLength())) & mask;; i = (i + 1) & mask) {
-      CScanGroup_imp*& slot = table.slots[i];
-      if (!slot) {
-        slot = &child;
-        return;
-      }
-      if (broom::EqualNoCase(slot->m_name.GetString(), static_cast<size_t>(slot->m_name.GetLength()),
-                             name.GetString(), static_cast<size_t>(name.GetLength())))
-        return;
-    }
-  }
-
-  Table& Update(CScanGroup_imp& parent) {
-    Table* table = &m_tables[&parent];
-    table->parent = &parent;
-    size_t count = parent.m_children.size();
-    if (count == table->indexed) return *table;
-    size_t capacity = table->slots.size();
-    if (count < table->indexed || count * 2 > capacity) {
-      // start again, with room to grow
-      while (capacity < count * 4) capacity = capacity ? capacity * 2 : 64;
-      table->slots.assign(capacity, nullptr);
-      table->indexed = 0;
-    }
-    // the children not yet taken in are the last count - indexed ones
-    auto it = parent.m_children.begin();
-    if (table->indexed > 0) {
-      it = parent.m_children.end();
-      for (size_t i = table->indexed; i < count; ++i) --it;
-    }
-    for (; it != parent.m_children.end(); ++it) Insert(*table, *it);
-    table->indexed = count;
-    return *table;
-  }
-
-  std::unordered_map<CScanGroup_imp*, Table> m_tables;
-};
-
 // The index of the file being read on this thread, if any.
-thread_local ChildIndex* t_index = nullptr;
+thread_local CChildIndex* t_index = nullptr;
 
 // The index a SharedIndex on this thread keeps for the files read into its
 // tree, and that tree.
-thread_local ChildIndex* t_sharedIndex = nullptr;
+thread_local CChildIndex* t_sharedIndex = nullptr;
 thread_local const CScanGroup* t_sharedRoot = nullptr;
 
-// The file being read on this thread: its path, and where its lines start,
-// so that an operation can be told the line of the element that made it.
-struct FileLines {
-  const CString* path = nullptr;
-  const wchar_t* text = nullptr;  // the parsed text; element names point into it
-  size_t length = 0;
-  size_t linesBefore = 0;         // lines of the bytes before the first '<'
-  const std::vector<size_t>* breaks = nullptr;  // offsets of the line feeds of the text, before parsing
-
-  // The line (from 1) of the character at offset in the text.
-  int LineAt(size_t offset) const {
-    size_t line = 1 + linesBefore;
-    if (breaks) line += static_cast<size_t>(std::lower_bound(breaks->begin(), breaks->end(), offset) - breaks->begin());
-    return line > INT_MAX ? INT_MAX : static_cast<int>(line);
-  }
-  // The line of an element or attribute name in the text; 0 for a name from elsewhere.
-  int LineOf(const wchar_t* name) const {
-    if (!text || name < text || name >= text + length) return 0;
-    return LineAt(static_cast<size_t>(name - text));
-  }
-};
-thread_local const FileLines* t_lines = nullptr;
+// The file being read on this thread.
+thread_local const SFileLines* t_lines = nullptr;
 
 CScanGroup_imp* ResolveGroupPath(const wchar_t* path, CScanGroup_imp& start) {
   size_t length = wcslen(path);
-  ChildIndex* index = t_index;
+  CChildIndex* index = t_index;
   if (!index) return CScanGroup_imp::FindOrAddGroupPath(path, length, start);
   return CScanGroup_imp::ResolvePath(path, length, start,
                                      [index](CScanGroup_imp& parent, const wchar_t* name, size_t nameLength) {
@@ -249,304 +47,6 @@ template <class F>
 void ForEachElement(xml::NodePtr node, F f) {
   for (xml::NodePtr child = node.FirstChild(); child; child = child.NextSibling())
     if (child.IsElement()) f(child);
-}
-
-// ---- checks of a parsed file, before anything of it is used ----
-
-const wchar_t* ParseError(pugi::xml_parse_status status) {
-  switch (status) {
-    case pugi::status_out_of_memory: return L"there is not enough memory";
-    case pugi::status_unrecognized_tag: return L"a tag is not recognised";
-    case pugi::status_bad_pi: return L"a declaration or processing instruction is malformed";
-    case pugi::status_bad_comment: return L"a comment is malformed";
-    case pugi::status_bad_cdata: return L"a CDATA section is malformed";
-    case pugi::status_bad_doctype: return L"the document type declaration is malformed";
-    case pugi::status_bad_pcdata: return L"text is malformed";
-    case pugi::status_bad_start_element: return L"a start tag is malformed";
-    case pugi::status_bad_attribute: return L"an attribute is malformed";
-    case pugi::status_bad_end_element: return L"an end tag is malformed";
-    case pugi::status_end_element_mismatch: return L"an end tag does not match its start tag";
-    default: return L"the parser failed";
-  }
-}
-
-// The deepest nesting of elements from top (level 1), and the first element
-// deeper than limit. Follows the parent links, so it needs no stack.
-size_t ElementDepth(pugi::xml_node top, size_t limit, pugi::xml_node& tooDeep) {
-  size_t depth = 1, deepest = 1;
-  for (pugi::xml_node node = top;;) {
-    if (pugi::xml_node child = node.first_child()) {
-      node = child;
-      ++depth;
-    } else {
-      while (node != top && !node.next_sibling()) {
-        node = node.parent();
-        --depth;
-      }
-      if (node == top) break;
-      node = node.next_sibling();
-    }
-    if (node.type() == pugi::node_element && depth > deepest) {
-      deepest = depth;
-      if (depth > limit && !tooDeep) tooDeep = node;
-    }
-  }
-  return deepest;
-}
-
-// The segments of a group path that path resolution makes groups of.
-size_t Segments(const wchar_t* path) {
-  size_t count = 0;
-  for (bool inSegment = false; path && *path; ++path) {
-    bool slash = *path == L'/';
-    if (!slash && !inSegment) ++count;
-    inSegment = !slash;
-  }
-  return count;
-}
-
-// How deep the groups and items of a file would reach in the tree, along
-// the very elements and attributes the reader takes them from; and the
-// first element that would reach deeper than limit.
-size_t GroupDepth(pugi::xml_node top, size_t limit, pugi::xml_node& tooDeep) {
-  struct Level {
-    pugi::xml_node next;  // the next child to look at
-    size_t depth;         // of the group that holds the children
-  };
-  std::vector<Level> levels{{top.first_child(), 0}};
-  size_t deepest = 0;
-  while (!levels.empty()) {
-    pugi::xml_node node = levels.back().next;
-    if (!node) {
-      levels.pop_back();
-      continue;
-    }
-    levels.back().next = node.next_sibling();
-    if (node.type() != pugi::node_element) continue;
-    xml::NodePtr element(node);
-    EElementType kind = XmlReader::Classify(element.Name());
-    if (kind != etGroup && kind != etItem) continue;
-    size_t depth = levels.back().depth;
-    if (kind == etItem) {
-      const wchar_t* group = element.Attribute(L"group");
-      if (group) {
-        size_t segments = Segments(group);
-        if (!segments) continue;
-        depth += segments;
-      } else if (levels.size() == 1) {
-        continue;  // an item directly in the file needs its group
-      }
-    }
-    size_t segments = Segments(element.Attribute(L"name"));
-    if (!segments) continue;
-    depth += segments;
-    deepest = std::max(deepest, depth);
-    if (depth > limit && !tooDeep) tooDeep = node;
-    levels.push_back(Level{node.first_child(), depth});
-  }
-  return deepest;
-}
-
-}  // namespace
-
-// ---- values ----
-
-namespace {
-
-// Set beside the flags of ExpandSymbols: the values would insert more than allowed.
-constexpr unsigned long kOverLimit = 4;
-
-// The expansion of ExpandSymbols, in one pass from text[0, length) into out,
-// which is written only when the text changes; names are found through
-// scope (a ConfigValueMap or the CFileScopes of a file). Values count
-// against *insertable (no limit when null); when they would pass it, the
-// expansion stops with kOverLimit.
-template <class Scope>
-unsigned long Expand(const wchar_t* text, size_t length, const Scope* scope, std::wstring& out, size_t* insertable) {
-  const std::wstring_view view(text, length);
-  unsigned long flags = 0;
-  size_t copied = 0;  // text before this is in out
-  auto emit = [&](size_t upTo, const wchar_t* value, size_t valueLength) {
-    if (!(flags & 1)) {
-      out.clear();
-      out.reserve(length);
-    }
-    out.append(text + copied, upTo - copied);
-    out.append(value, valueLength);
-    flags |= 1;
-  };
-  for (size_t pos = view.find(L'%'); pos != std::wstring_view::npos;) {
-    if (pos + 1 < length && text[pos + 1] == L'%') {
-      emit(pos + 1, L"", 0);  // the first '%' stays, the second goes
-      copied = pos + 2;
-      pos = view.find(L'%', pos + 2);
-      continue;
-    }
-    size_t close = view.find(L'%', pos + 1);
-    if (close == std::wstring_view::npos) break;
-    if (const wchar_t* value = scope ? scope->Find(text + pos + 1, close - pos - 1) : nullptr) {
-      size_t valueLength = wcslen(value);
-      if (insertable) {
-        if (valueLength > *insertable) return flags | kOverLimit;
-        *insertable -= valueLength;
-      }
-      emit(pos, value, valueLength);
-      copied = close + 1;
-    } else {
-      flags |= 2;
-    }
-    pos = view.find(L'%', close + 1);
-  }
-  if (flags & 1) out.append(text + copied, length - copied);
-  return flags;
-}
-
-// Expands a node's or attribute's text in place; only a text with a '%' can
-// change. False when the values would insert more than allowed.
-template <class T, class Scope>
-bool ExpandValue(T target, const Scope* scope, std::wstring& scratch, size_t& insertable) {
-  const wchar_t* current = target.value();
-  const wchar_t* percent = wcschr(current, L'%');
-  if (!percent) return true;
-  size_t length = static_cast<size_t>(percent - current) + wcslen(percent);
-  unsigned long flags = Expand(current, length, scope, scratch, &insertable);
-  if (flags & kOverLimit) return false;
-  if (flags & 1) target.set_value(scratch.c_str());
-  return true;
-}
-
-// Whether pattern occurs in text (Knuth-Morris-Pratt: linear in both).
-bool Contains(const wchar_t* text, const wchar_t* pattern) {
-  size_t m = wcslen(pattern);
-  std::vector<size_t> fallback(m, 0);
-  for (size_t i = 1, k = 0; i < m; ++i) {
-    while (k && pattern[i] != pattern[k]) k = fallback[k - 1];
-    if (pattern[i] == pattern[k]) ++k;
-    fallback[i] = k;
-  }
-  for (size_t k = 0; *text; ++text) {
-    while (k && *text != pattern[k]) k = fallback[k - 1];
-    if (*text == pattern[k] && ++k == m) return true;
-  }
-  return m == 0;
-}
-
-// Where the rest of source begins once n fields are skipped, the way
-// CString::Tokenize takes fields with delimiters as a set of characters:
-// a run of delimiters before a field is skipped, and the delimiter that
-// ends it is consumed. 0 when there is no field at all.
-size_t SkipFields(const wchar_t* source, size_t length, const wchar_t* delimiters, int n) {
-  std::vector<bool> isDelimiter(65536);
-  for (const wchar_t* d = delimiters; *d; ++d) isDelimiter[static_cast<unsigned short>(*d)] = true;
-  auto delimiter = [&](size_t at) { return isDelimiter[static_cast<unsigned short>(source[at])]; };
-  size_t pos = 0, after = 0;
-  for (int i = 0; i < n && pos < length; ++i) {
-    while (pos < length && delimiter(pos)) ++pos;
-    if (pos >= length) break;
-    while (pos < length && !delimiter(pos)) ++pos;
-    after = ++pos;
-  }
-  return after;
-}
-
-// The text a "value" element defines its name with; null when it cannot be
-// had, which defines the name as nothing. A registry value is read into
-// registry, which holds it.
-const wchar_t* ValueText(xml::NodePtr node, std::wstring& registry) {
-  const wchar_t* text = node.Text();
-  if (!*text) text = node.Raw().attribute(L"default").value();
-  const wchar_t* type = node.Attribute(L"type");
-  const wchar_t* source = text;
-  if (type && broom::CompareNoCase(type, L"regVal") == 0)
-    source = *text && ReadRegistryString(text, registry) ? registry.c_str() : nullptr;
-  if (!source) return nullptr;
-  const wchar_t* delimiter = node.Attribute(L"delimiter");
-  const wchar_t* index = node.Attribute(L"index");
-  int n = index ? _wtoi(index) : 0;
-  if (delimiter && n > 0 && Contains(source, delimiter)) {
-    size_t length = wcslen(source);
-    size_t after = SkipFields(source, length, delimiter, n);
-    return after >= length ? L"" : source + after;
-  }
-  return source;
-}
-
-// Reads one "value" element into scope (anything that can Define a name):
-// without a name it defines nothing; otherwise the name gets its text, or
-// nothing when the text cannot be had. True when the name received a text.
-template <class Scope>
-bool DefineValue(xml::NodePtr node, Scope& scope) {
-  const wchar_t* name = node.Attribute(L"name");
-  if (!name) return false;
-  std::wstring registry;
-  const wchar_t* value = ValueText(node, registry);
-  scope.Define(name, value);
-  return value != nullptr;
-}
-
-// One counted map as a scope to define names in.
-struct MapScope {
-  CScopedMap::ConfigValueMap* map;
-  void Define(const wchar_t* name, const wchar_t* value) { map->Set(name, value); }
-};
-
-struct ValuePass {
-  std::wstring scratch;     // keeps its capacity from one text to the next
-  size_t insertable;        // characters references may still insert
-  pugi::xml_node overflow;  // the element where that ran out
-};
-
-// The scope of an element's "value" children among counted maps. It is
-// made when the first such child needs it: until then it would be empty,
-// so the children before that child see exactly what they see through the
-// enclosing scope.
-class MapInner {
- public:
-  explicit MapInner(CScopedMap::ConfigValueMap* outer) : m_outer(outer) {}
-  CScopedMap::ConfigValueMap* Current() const { return m_inner ? m_inner.Get() : m_outer; }
-  void Define(const wchar_t* name, const wchar_t* value) {
-    if (!m_inner) m_inner = m_outer->CreateChildScope();
-    m_inner->Set(name, value);
-  }
-
- private:
-  CScopedMap::ConfigValueMap* m_outer;
-  CRefPtr<CScopedMap::ConfigValueMap> m_inner;
-};
-
-MapInner InnerScope(CScopedMap::ConfigValueMap* scope) { return MapInner(scope); }
-CFileScopes::Inner InnerScope(CFileScopes* scopes) { return CFileScopes::Inner(scopes); }
-
-// The value pass over node and what it holds, with the scopes of counted
-// maps or those of a CFileScopes. Recursive, but only over files that
-// passed the nesting check.
-template <class Scope>
-bool DecodeNode(pugi::xml_node node, Scope* scope, ValuePass& pass) {
-  for (pugi::xml_attribute a = node.first_attribute(); a; a = a.next_attribute()) {
-    if (!ExpandValue(a, scope, pass.scratch, pass.insertable)) {
-      pass.overflow = node;
-      return false;
-    }
-  }
-  if (!node.first_child()) {
-    // a CDATA section or an empty element keeps its text as written
-    if (node.type() == pugi::node_pcdata && !ExpandValue(node, scope, pass.scratch, pass.insertable))
-      pass.overflow = node.parent();
-    return false;
-  }
-  auto inner = InnerScope(scope);
-  bool readAny = false;
-  pugi::xml_node next;
-  for (pugi::xml_node child = node.first_child(); child && !pass.overflow; child = next) {
-    next = child.next_sibling();
-    if (child.type() == pugi::node_element && broom::CompareNoCase(child.name(), L"value") == 0) {
-      readAny |= DefineValue(xml::NodePtr(child), inner);
-      node.remove_child(child);  // nothing visits it again
-    } else {
-      DecodeNode(child, inner.Current(), pass);
-    }
-  }
-  return readAny;
 }
 
 }  // namespace
@@ -612,8 +112,8 @@ bool XmlReader::ReadFile(const CString& path, CScanGroup& root, ILoadHook* hook)
 // passes through no hook, by ReadFile otherwise.
 struct XmlReader::ParsedText : SFileBytes::Prepared {
   bool markup = false;  // the bytes hold a '<'
-  WideText wide;
-  FileLines lines;  // all but the path
+  SWideText wide;
+  SFileLines lines;  // all but the path
   pugi::xml_document document;
   pugi::xml_parse_result parsed;
   // What the checks found, each made only when those before it passed.
@@ -632,9 +132,9 @@ std::unique_ptr<XmlReader::ParsedText> XmlReader::ParseText(const char* data, si
   if (first == data + count) return text;
   text->markup = true;
   const char* last = FindByte(first, data + count, '\0');
-  WideText& wide = text->wide;
-  ToWide(first, last, wide);
-  FileLines& lines = text->lines;
+  SWideText& wide = text->wide;
+  WidenDefinitionText(first, last, wide);
+  SFileLines& lines = text->lines;
   lines.text = wide.data.get();
   lines.length = wide.length;
   lines.linesBefore = static_cast<size_t>(std::count(data, first, '\n'));
@@ -655,8 +155,8 @@ void XmlReader::CheckText(ParsedText& text) {
   text.elementDepth = ElementDepth(top.Raw(), kMaxElementDepth, text.elementTooDeep);
   if (text.elementTooDeep) return;
   CFileScopes scopes(CScopedMap::GetGlobalScope());
-  ValuePass pass{{}, kMaxInsertedText, {}};
-  DecodeNode(top.Raw(), &scopes, pass);
+  SValuePass pass{{}, kMaxInsertedText, {}};
+  RunValuePass(top.Raw(), &scopes, pass);
   text.overflow = pass.overflow;
   if (text.overflow) return;
   // group paths are checked once their values are in
@@ -671,8 +171,8 @@ void XmlReader::PrepareText(SFileBytes& bytes) {
 }
 
 struct XmlReader::SharedIndex::State {
-  ChildIndex index;
-  ChildIndex* outerIndex;
+  CChildIndex index;
+  CChildIndex* outerIndex;
   const CScanGroup* outerRoot;
 };
 
@@ -710,7 +210,7 @@ bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& roo
   if (!text->markup) AtlThrow(E_INVALIDARG);
   // the text holds all that is needed from here on, line breaks included
   buffer.reset();
-  FileLines& lines = text->lines;
+  SFileLines& lines = text->lines;
   lines.path = &path;
   auto lineOf = [&](pugi::xml_node node) { return lines.LineOf(node.name()); };
   auto at = [](int line) { return line ? L" at line " + std::to_wstring(line) : std::wstring(); };
@@ -721,7 +221,7 @@ bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& roo
   if (!parsed) {
     if (parsed.status == pugi::status_no_document_element) return Reject(path, 0, L"holds no element");
     int line = lines.LineAt(static_cast<size_t>(parsed.offset));
-    return Reject(path, line, std::wstring(L"does not parse: ") + ParseError(parsed.status) + at(line));
+    return Reject(path, line, std::wstring(L"does not parse: ") + ParseErrorText(parsed.status) + at(line));
   }
   if (!text->checked) CheckText(*text);
   if (!text->hasRoot) return Reject(path, 0, L"has no ConfigItems root element");
@@ -743,9 +243,9 @@ bool XmlReader::ReadFile(const CString& path, SFileBytes& bytes, CScanGroup& roo
   xml::NodePtr top(document.first_child());
 
   auto& tree = static_cast<CScanGroup_imp&>(root);
-  ChildIndex ownIndex;
-  ChildIndex* outer = t_index;  // a factory may load another file meanwhile
-  const FileLines* outerLines = t_lines;
+  CChildIndex ownIndex;
+  CChildIndex* outer = t_index;  // a factory may load another file meanwhile
+  const SFileLines* outerLines = t_lines;
   t_index = &root == t_sharedRoot ? t_sharedIndex : &ownIndex;
   t_lines = &lines;
   auto restore = broom::scope_exit([&] {
@@ -858,19 +358,18 @@ bool XmlReader::ReadBaseProperties(CScanGroup_imp* group, xml::NodePtr node) {
 
 unsigned long XmlReader::ExpandSymbols(std::wstring& text, const ConfigValueMap* scope) {
   std::wstring out;
-  unsigned long flags = Expand(text.data(), text.size(), scope, out, nullptr);
+  unsigned long flags = ExpandReferences(text.data(), text.size(), scope, out);
   if (flags & 1) text.swap(out);
   return flags;
 }
 
 bool XmlReader::DecodeDOMRecursive(xml::NodePtr node, ConfigValueMap* scope) {
-  ValuePass pass{{}, SIZE_MAX, {}};
-  return DecodeNode(node.Raw(), scope, pass);
+  SValuePass pass{{}, SIZE_MAX, {}};
+  return RunValuePass(node.Raw(), scope, pass);
 }
 
 bool XmlReader::ReadValue(xml::NodePtr node, ConfigValueMap* scope) {
-  MapScope target{scope};
-  return DefineValue(node, target);
+  return DefineValue(node, scope);
 }
 
 // ---- operations and checks ----
@@ -913,9 +412,8 @@ bool XmlReader::ReadCheck(xml::NodePtr node, CScanGroup_imp& group) {
     std::wstring ignored;
     pass = ReadRegistryString(path.str(), ignored);
   } else if (data.CompareNoCase(L"regkey") == 0) {
-    HKEY key = nullptr;
-    pass = OpenRegistryPath(path.str(), key);
-    if (pass) RegCloseKey(key);
+    broom::unique_hkey key;
+    pass = OpenRegistryPath(path.str(), *key.addressof());
   } else if (data.CompareNoCase(L"file") == 0) {
     pass = PathFileExistsW(path) != FALSE;
   } else if (data.CompareNoCase(L"env") == 0) {
@@ -923,7 +421,7 @@ bool XmlReader::ReadCheck(xml::NodePtr node, CScanGroup_imp& group) {
     if (!variable) {
       pass = false;
     } else if (test == L"equals") {
-      pass = _wcsicmp(variable, value) == 0;
+      pass = broom::CompareNoCase(variable, value) == 0;
     } else if (test == L"contains") {
       pass = wcsstr(variable, value) != nullptr;
     }

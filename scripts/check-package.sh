@@ -31,7 +31,7 @@ quiet cmake --install "$build" --prefix "$prefix"
 for f in bin/broomcore.dll bin/broom.exe bin/broomw.exe bin/libstdc++-6.dll bin/defs lib/libbroomcore.dll.a \
          lib/cmake/Broom/BroomConfig.cmake lib/cmake/Broom/BroomConfigVersion.cmake \
          include/broom/scandefs/ConfigStore.h include/broom/pugixml.hpp docs/host-guide.md \
-         examples/minimal-host/CMakeLists.txt; do
+         examples/minimal-host/CMakeLists.txt admx/broom.admx admx/en-US/broom.adml; do
   [ -e "$prefix/$f" ] || fail "$f is not installed"
 done
 [ ! -e "$prefix/include/broom/clean/FileOpsServer.h" ] || fail "an internal header is installed"

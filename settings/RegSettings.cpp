@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "core/Handles.h"
 #include "settings/SecretRegString.h"
 #include "settings/TempBuffer.h"
 
@@ -90,11 +91,11 @@ bool CRegSettings::OpenKeyAllAccess(bool system, CRegKey& key) {
     return true;
   }
   if (rc != ERROR_FILE_NOT_FOUND) return false;
-  HKEY created = nullptr;
-  if (RegCreateKeyExW(Hive(system), m_registryPath, 0, nullptr, 0, kReadWrite, nullptr, &created, nullptr) !=
-      ERROR_SUCCESS)
+  broom::unique_hkey created;
+  if (RegCreateKeyExW(Hive(system), m_registryPath, 0, nullptr, 0, kReadWrite, nullptr, created.addressof(),
+                      nullptr) != ERROR_SUCCESS)
     return false;
-  RegCloseKey(created);
+  created.reset();
   if (RegOpenKeyExW(Hive(system), m_registryPath, 0, KEY_ALL_ACCESS, &opened) != ERROR_SUCCESS) return false;
   key.Attach(opened);
   return true;

@@ -6,6 +6,7 @@
 
 #include "core/Exceptions.h"
 #include "core/Handles.h"
+#include "core/Names.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ class TreeLock {
 CString Component(const CPathString& text, unsigned short start, unsigned short count) {
   CPathString part;
   text.Mid(start, count, part);
-  CWhiteListTree::UpperCase(part.GetBuffer(), part.GetLength());
+  broom::UpperCase(part.GetBuffer(), part.GetLength());
   return part.ToCString();
 }
 
@@ -64,17 +65,6 @@ CWhiteListTree::CParsedString::CParsedString(const wchar_t* path) {
   }
   m_current = 0;
   m_last = static_cast<int>(m_components.size()) - 1;
-}
-
-void CWhiteListTree::UpperCase(wchar_t* text, int length) {
-  // The invariant mapping does not depend on the user's locale, so a path
-  // saved on one machine protects the same path when loaded on another,
-  // and it maps letters beyond ASCII as the file system compares them.
-  // ASCII, by far the most common, maps the same way without the call.
-  int i = 0;
-  for (; i < length && text[i] < 0x80; ++i)
-    if (text[i] >= L'a' && text[i] <= L'z') text[i] = static_cast<wchar_t>(text[i] - (L'a' - L'A'));
-  if (i < length) LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, text + i, length - i, text + i, length - i);
 }
 
 // ---- tree ----
@@ -239,7 +229,7 @@ unsigned long CWhiteListTree::CheckProtection(const wchar_t* path) const {
     const size_t count = end - start;
     wmemcpy(name, path + start, count);
     name[count] = 0;
-    UpperCase(name, static_cast<int>(count));
+    broom::UpperCase(name, count);
     bool found;
     node = SeekSibling(node->link->next, static_cast<const wchar_t*>(name), found);
     if (!found) break;
@@ -277,7 +267,7 @@ CWhiteListTree::Folder CWhiteListTree::GetSubFolder(const Folder& parent, const 
   flags = 0;
   if (!parent) return Folder();
   CPathString upper(name);
-  UpperCase(upper.GetBuffer(), upper.GetLength());
+  broom::UpperCase(upper.GetBuffer(), upper.GetLength());
   TreeLock lock(m_lock, false);
   bool found;
   const SWhiteListTreeNode* node = SeekSibling(parent.Position().node()->link->next, upper.c_str(), found);
@@ -304,7 +294,7 @@ unsigned long CWhiteListTree::Folder::GetFlags() const { return m_it.IsValid() ?
 CWhiteListTree::Folder CWhiteListTree::Folder::GetSubFolder(const wchar_t* name) const {
   if (!m_it.IsValid()) return Folder();
   CPathString upper(name);
-  UpperCase(upper.GetBuffer(), upper.GetLength());
+  broom::UpperCase(upper.GetBuffer(), upper.GetLength());
   bool found;
   const SWhiteListTreeNode* node = SeekSibling(m_it.node()->link->next, upper.c_str(), found);
   return found ? Folder(ConstIterator(node)) : Folder();

@@ -92,8 +92,6 @@ class BROOM_API CWhiteListTree : public TFCNSTree<SWhiteListItem, SWhiteListTree
   static CString PathFromIterator(ConstIterator node);
   static constexpr int kMaxLineLength = 259;
   static constexpr size_t kMaxPathChars = 260;  // what a CPathString holds
-  // The case mapping used for stored names and queries alike.
-  static void UpperCase(wchar_t* text, int length);
 
  protected:
   static bool FindNode(Iterator& it, const CString& name, bool create);

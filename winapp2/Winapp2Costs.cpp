@@ -2,7 +2,7 @@
 
 #include <cwctype>
 
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 
 namespace broom {
 namespace winapp2 {

@@ -106,9 +106,11 @@ bool CDetector::WalkFile(const std::wstring& path, const std::wstring& upper, si
   if (HasWildcard(upper.data() + at, end - at)) {
     const SListing& listing = List(folder, upperFolder);
     for (const auto& name : listing.names) {
+      if (++m_wildcardNames > kMaxWildcardNames) return false;
       if (!MatchUpper(upper.data() + at, end - at, name.first.data(), name.first.size())) continue;
       if (last) return true;
-      if ((listing.attributes.at(name.first) & FILE_ATTRIBUTE_DIRECTORY) &&
+      const DWORD attributes = listing.attributes.at(name.first);
+      if ((attributes & FILE_ATTRIBUTE_DIRECTORY) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT) &&
           descend(name.second.data(), name.second.size(), name.first.data(), name.first.size()))
         return true;
     }
@@ -130,7 +132,8 @@ DWORD CDetector::Attributes(std::wstring& folder, std::wstring& upperFolder, uin
   upperFolder.resize(upperLength);
   if (known != m_attributes.end()) return known->second;
   DWORD attributes = INVALID_FILE_ATTRIBUTES;
-  if (m_listings.count(upperFolder) || m_files.Wild(plan) || m_files.Names(plan) >= kListAt) {
+  if (m_listings.count(upperFolder) ||
+      (m_listedNames < kMaxListedNames && (m_files.Wild(plan) || m_files.Names(plan) >= kListAt))) {
     const SListing& listing = List(folder, upperFolder);
     auto found = listing.attributes.find(std::wstring(upperName, nameLength));
     if (found != listing.attributes.end()) attributes = found->second;
@@ -147,6 +150,8 @@ DWORD CDetector::Attributes(std::wstring& folder, std::wstring& upperFolder, uin
 const CDetector::SListing& CDetector::List(const std::wstring& folder, const std::wstring& upperFolder) {
   auto known = m_listings.find(upperFolder);
   if (known != m_listings.end()) return known->second;
+  static const SListing kNothing;  // past the budget: nothing more is listed
+  if (m_listedNames >= kMaxListedNames) return kNothing;
   SListing& listing = m_listings[upperFolder];
   ++m_fileCalls;
   WIN32_FIND_DATAW data;
@@ -159,7 +164,7 @@ const CDetector::SListing& CDetector::List(const std::wstring& folder, const std
     UpperName(upper);
     if (listing.attributes.emplace(upper, data.dwFileAttributes).second)
       listing.names.emplace_back(std::move(upper), data.cFileName);
-  } while (FindNextFileW(find.get(), &data));
+  } while (++m_listedNames < kMaxListedNames && FindNextFileW(find.get(), &data));
   return listing;
 }
 
@@ -171,7 +176,7 @@ void CDetector::PlanKey(const CRegistryPath& key) {
     for (const CRegistryPath& path : classes) PlanKey(path);
     return;
   }
-  const wchar_t* hive = RegistryHiveShortName(key.Hive());
+  const wchar_t* hive = CRegistryPath::HiveShortName(key.Hive());
   if (!hive) return;
   uint32_t node = m_keysPlanned.Add(0, hive);
   for (const std::wstring& part : Upper(CRegistryPath::Components(key.Subkey()))) node = m_keysPlanned.Add(node, part);
@@ -194,7 +199,7 @@ bool CDetector::KeyExists(const CRegistryPath& key) {
 // The open key in the view, or null when it does not exist there. Each key
 // on the way is opened once, relative to its parent, and kept.
 HKEY CDetector::OpenKey(const CRegistryPath& key, REGSAM view) {
-  const wchar_t* hive = RegistryHiveShortName(key.Hive());
+  const wchar_t* hive = CRegistryPath::HiveShortName(key.Hive());
   if (!hive) return nullptr;
   auto& keys = m_keys[view == KEY_WOW64_32KEY ? 1 : 0];
   std::wstring upperPath = hive;

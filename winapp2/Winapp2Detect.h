@@ -27,13 +27,22 @@ class CDetector {
  public:
   // A folder or key asked about this many different names is listed instead.
   static constexpr size_t kListAt = 8;
+  // What one load's detection may take, as a path of wildcards would
+  // otherwise list a whole drive, and query after query walk it again: its
+  // listings hold this many names in all (past them no folder is listed and
+  // names are asked one by one), and its wildcards are compared with this
+  // many names in all; past either, a wildcard matches nothing (its query
+  // does not hold).
+  static constexpr size_t kMaxListedNames = 100000;
+  static constexpr size_t kMaxWildcardNames = 4000000;
 
   // path: a full path in normal form (C:\a\b or \\server\share\a), with '*'
   // and '?' allowed in any component after the first.
   void PlanFile(const std::wstring& path);
   void PlanKey(const CRegistryPath& key);
   // Whether the file or folder exists; a wildcard component matches any
-  // entry of its folder by its long name.
+  // entry of its folder by its long name, and never leads through a link
+  // (a junction or symbolic link), as a rule's walk never does.
   bool FileExists(const std::wstring& path);
   // Whether the key exists in the 64-bit or in the 32-bit registry view;
   // with a value part, whether that value exists in it.
@@ -99,6 +108,7 @@ class CDetector {
   std::unordered_map<std::wstring, std::shared_ptr<const Names>> m_subkeysByKernelName;
   unsigned m_fileCalls = 0;
   unsigned m_keyCalls = 0;
+  size_t m_listedNames = 0, m_wildcardNames = 0;
 };
 
 }  // namespace winapp2

@@ -14,7 +14,7 @@
 #include "registry/RegistryPath.h"
 #include "registry/RegistryScan.h"
 #include "running/Winapp2Programs.h"
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
 #include "winapp2/Winapp2Costs.h"
 #include "winapp2/Winapp2Detect.h"
 #include "winapp2/Winapp2FileScan.h"
@@ -50,6 +50,15 @@ class CLoad {
   void Run(const std::wstring& text) {
     m_entries = ParseEntries(text, [this](int line, Text at, const std::wstring& reason) { Skip(line, at, reason); });
     m_report.entries = static_cast<unsigned>(m_entries.size());
+    std::wstring notWinapp2 = NotWinapp2(text);
+    if (!notWinapp2.empty()) {
+      // an empty file, a web page or a binary: refused whole, nothing of it loaded
+      m_report.read = false;
+      m_report.error = notWinapp2.c_str();
+      m_report.skipped.clear();
+      m_store.AddLoadNote(CString(m_path.c_str()), 0, m_report.error);
+      return;
+    }
     std::vector<SPrepared> prepared(m_entries.size());
     for (size_t i = 0; i < m_entries.size(); ++i) Prepare(m_entries[i], prepared[i]);
     for (SPrepared& entry : prepared) Build(entry);
@@ -62,6 +71,27 @@ class CLoad {
   }
 
  private:
+  // Why the text is no winapp2.ini file at all: it holds no entry, or most
+  // of its lines are neither comments nor entries nor Key=Value lines.
+  std::wstring NotWinapp2(const std::wstring& text) const {
+    if (m_entries.empty())
+      return L"it holds no [entry] line: it is not a winapp2.ini file (empty, a web page or another kind of file)";
+    size_t lines = 0;
+    for (size_t at = 0; at < text.size();) {
+      size_t end = std::min(text.find(L'\n', at), text.size());
+      Text line = Trim(Text(text.data() + at, end - at));
+      if (!line.empty() && line[0] != L';') ++lines;
+      at = end + 1;
+    }
+    size_t unusable = 0;
+    for (const SWinapp2Skip& skip : m_report.skipped)
+      unusable += skip.text.Find(L'=') < 0 || skip.text.Find(L'\0') >= 0 || skip.reason.Find(L"NUL") >= 0;
+    if (unusable * 2 > lines)
+      return L"most of its " + std::to_wstring(lines) +
+             L" lines are not winapp2 lines ([Entry], Key=Value or ; comments): it is not a winapp2.ini file";
+    return std::wstring();
+  }
+
   struct SFileRule {
     const SLine* line;
     std::vector<std::wstring> roots, masks;
@@ -298,6 +328,8 @@ class CLoad {
     if (folder.empty()) return broken(L"empty path", true, false);
     std::vector<std::wstring> masks;
     for (Text one : Fields(mask, L';')) {
+      // a name as the system opens it: a trailing dot or space would make the exclude keep nothing
+      while (!one.empty() && (one.back() == L'.' || one.back() == L' ')) one.remove_suffix(1);
       if (one.empty()) continue;
       if (one.find_first_of(L"\\/:|") != Text::npos)
         return broken(file ? L"a file name holds a folder separator" : L"the mask holds a folder separator", true,
@@ -329,14 +361,6 @@ class CLoad {
     for (const CRegistryPath& key : p.keys)
       if (m_detector.KeyExists(key)) return true;
     return false;
-  }
-
-  static bool AtOrBelow(const CRegistryPath& key, const CRegistryPath& outer) {
-    const std::wstring& a = key.Subkey();
-    const std::wstring& b = outer.Subkey();
-    return key.Hive() == outer.Hive() && a.size() >= b.size() &&
-           broom::EqualNoCase(a.c_str(), b.size(), b.c_str(), b.size()) &&
-           (a.size() == b.size() || b.empty() || a[b.size()] == L'\\');
   }
 
   void Build(SPrepared& p) {
@@ -373,7 +397,7 @@ class CLoad {
       bool kept = false;
       for (const CRegistryPath& exclude : p.regExcludes) {
         // a kept key keeps everything in it: a rule inside it has nothing left to find
-        if (AtOrBelow(rule.path, exclude) &&
+        if (rule.path.IsAtOrBelow(exclude) &&
             (!exclude.HasValue() || (rule.path.HasValue() && exclude.Subkey().size() == rule.path.Subkey().size() &&
                                      broom::EqualNoCase(exclude.ValueName().c_str(), exclude.ValueName().size(),
                                                         rule.path.ValueName().c_str(), rule.path.ValueName().size()))))

@@ -7,7 +7,8 @@
 
 #include "core/Handles.h"
 #include "core/NameMask.h"
-#include "scandefs/NoCase.h"
+#include "core/Names.h"
+#include "textconv/TextConv.h"
 
 namespace broom {
 namespace winapp2 {
@@ -24,19 +25,11 @@ const std::pair<const wchar_t*, EKind> kKinds[] = {
 
 bool IsBlank(wchar_t c) { return c == L' ' || c == L'\t' || c == L'\r' || c == 0xFEFF; }
 
-Text Trim(Text t) {
-  while (!t.empty() && IsBlank(t.front())) t.remove_prefix(1);
-  while (!t.empty() && IsBlank(t.back())) t.remove_suffix(1);
-  return t;
-}
+Text Trim(Text t) { return broom::Trim(t, IsBlank); }
 
-bool Equal(Text a, const wchar_t* b) { return broom::EqualNoCase(a.data(), a.size(), b, wcslen(b)); }
+bool Equal(Text a, const wchar_t* b) { return broom::EqualNoCase(a, b); }
 
-std::wstring Upper(Text t) {
-  std::wstring s(t);
-  UpperName(s);
-  return s;
-}
+std::wstring Upper(Text t) { return broom::Upper(std::wstring(t)); }
 
 std::vector<Text> Fields(Text t, wchar_t separator) {
   std::vector<Text> fields;
@@ -178,9 +171,7 @@ std::wstring Decode(const char* data, size_t size) {
     size -= 3;
   }
   if (size == 0) return text;
-  int length = MultiByteToWideChar(CP_UTF8, 0, data, static_cast<int>(size), nullptr, 0);
-  text.resize(static_cast<size_t>(length));
-  if (length > 0) MultiByteToWideChar(CP_UTF8, 0, data, static_cast<int>(size), &text[0], length);
+  text = textconv::ToWide(std::string(data, size), CP_UTF8);
   return text;
 }
 

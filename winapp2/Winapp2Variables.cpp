@@ -123,15 +123,41 @@ const std::vector<std::wstring>* CVariables::Find(Text name) const {
   return nullptr;
 }
 
+void CVariables::LongNames(std::wstring& path) {
+  size_t literal = path.size();
+  for (size_t at = 0; at < path.size(); ++at)
+    if (path[at] == L'*' || path[at] == L'?') {
+      literal = path.find_last_of(L'\\', at);
+      break;
+    }
+  for (std::wstring prefix = path.substr(0, literal); prefix.find(L'~') != std::wstring::npos;) {
+    wchar_t buffer[MAX_PATH + 1];
+    DWORD n = GetLongPathNameW(prefix.c_str(), buffer, MAX_PATH + 1);
+    if (n > 0 && n <= MAX_PATH) {
+      path = std::wstring(buffer, n) + path.substr(prefix.size());
+      return;
+    }
+    size_t slash = prefix.find_last_of(L'\\');
+    if (slash == std::wstring::npos || slash < 3) return;
+    prefix.resize(slash);
+  }
+}
+
 bool CVariables::Normalize(std::wstring& path, std::wstring& reason) {
   const bool unc = path.size() >= 2 && (path[0] == L'\\' || path[0] == L'/') && (path[1] == L'\\' || path[1] == L'/');
   // one pass: separators made single, each component checked as it ends
   size_t out = unc ? 2 : 0, start = out, components = 0;
-  bool bad = false, dots = false;
+  bool bad = false, dots = false, shortNames = false;
   auto endComponent = [&] {
     Text part(path.data() + start, out - start);
     if (part == L"." || part == L"..") dots = true;
     if (components == 0 && !unc && !(part.size() == 2 && iswalpha(part[0]) && part[1] == L':')) bad = true;
+    // a pattern keeps its dots: it is matched against names, never opened
+    if (components >= (unc ? 2u : 1u) && !HasWildcard(part.data(), part.size())) {
+      while (out > start && (path[out - 1] == L'.' || path[out - 1] == L' ')) --out;
+      if (out == start) dots = true;  // only dots and spaces
+      shortNames = shortNames || part.find(L'~') != Text::npos;
+    }
     ++components;
   };
   for (size_t i = out; i < path.size(); ++i) {
@@ -169,6 +195,7 @@ bool CVariables::Normalize(std::wstring& path, std::wstring& reason) {
     return false;
   }
   if (path.size() == 2) path += L'\\';
+  if (shortNames) LongNames(path);
   if (path.size() > MAX_PATH) {
     reason = std::to_wstring(path.size()) + L" characters after expansion, more than 260";
     return false;

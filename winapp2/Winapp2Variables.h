@@ -21,8 +21,14 @@ class CVariables {
  private:
   const std::vector<std::wstring>* Find(Text name) const;
   // C:\a\b or \\server\share\a, single separators, none at the end (a drive
-  // root keeps its own), at most 260 characters, no '.' or '..' components.
+  // root keeps its own), at most 260 characters, no '.' or '..' components;
+  // each folder named as the system opens it (no trailing dots or spaces, long
+  // names for short ones), so that the whitelist and excludes, which compare
+  // names, meet the folders a rule walks.
   static bool Normalize(std::wstring& path, std::wstring& reason);
+  // The folders before the first pattern, long names for short ones where
+  // they exist (a folder that does not has nothing to clean).
+  static void LongNames(std::wstring& path);
 
   std::vector<std::vector<std::wstring>> m_values;  // per variable
 };

@@ -6,11 +6,12 @@
 #include <system_error>
 #include <thread>
 
+#include "app/Quarantine.h"
+#include "app/QuarantineStore.h"
+#include "app/Text.h"
+#include "app/WhiteListFile.h"
 #include "core/Handles.h"
-#include "host/Commands.h"
-#include "host/Console.h"
-#include "host/Quarantine.h"
-#include "host/QuarantineStore.h"
+#include "core/Names.h"
 #include "window/Resource.h"
 
 namespace broomw {
@@ -73,19 +74,10 @@ void FillProtected(HWND dialog, host::CSession& session, const std::wstring& sel
   if (paths)
     for (const CString& path : paths->GetArray()) {
       LRESULT at = SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(path.GetString()));
-      if (_wcsicmp(path.GetString(), select.c_str()) == 0) SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
+      if (broom::CompareNoCase(path.GetString(), select.c_str()) == 0)
+        SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
     }
   EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), SendMessageW(list, LB_GETCURSEL, 0, 0) != LB_ERR);
-}
-
-bool IsListed(host::CSession& session, const std::wstring& path) {
-  std::wstring upper = path;
-  CWhiteListTree::UpperCase(&upper[0], static_cast<int>(upper.size()));
-  CRefPtr<IConstTArray<CString>> list = session.WhiteList().SaveToArray(0x1);
-  if (list)
-    for (const CString& listed : list->GetArray())
-      if (upper == listed.GetString()) return true;
-  return false;
 }
 
 // The shell's folder picker; the older browse dialog where it is missing.
@@ -131,7 +123,7 @@ void AddProtected(HWND dialog, host::CSession& session) {
     Fail(dialog, e);
     return;
   }
-  if (!IsListed(session, path)) {
+  if (!host::IsListed(session.WhiteList(), path)) {
     session.WhiteList().SafeGuardPath(path.c_str(), 0x1);
     try {
       session.SaveWhiteList();

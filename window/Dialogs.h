@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "host/Session.h"
+#include "app/Session.h"
 
 namespace broomw {
 

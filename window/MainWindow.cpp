@@ -2,8 +2,7 @@
 
 #include <commctrl.h>
 
-#include "host/Commands.h"
-#include "host/Console.h"
+#include "app/Text.h"
 #include "window/Dialogs.h"
 #include "window/Resource.h"
 #include "window/WindowSettings.h"

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "host/Session.h"
+#include "app/Session.h"
 #include "window/Gdi.h"
 #include "window/ItemTree.h"
 #include "window/Results.h"

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 
-#include "host/Console.h"
+#include "app/Text.h"
+#include "core/Names.h"
 #include "window/Gdi.h"
 #include "window/Resource.h"
 
@@ -134,7 +135,7 @@ void CResultsView::Sort() {
       case 2:
         return x.size < y.size;
       default:
-        return _wcsicmp(x.item.path.c_str(), y.item.path.c_str()) < 0;
+        return broom::CompareNoCase(x.item.path.c_str(), y.item.path.c_str()) < 0;
     }
   };
   std::stable_sort(m_order.begin(), m_order.end(),

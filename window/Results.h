@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/Session.h"
+#include "app/Session.h"
 #include "window/Worker.h"
 
 namespace broomw {

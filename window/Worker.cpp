@@ -5,10 +5,10 @@
 #include <memory>
 #include <unordered_map>
 
+#include "app/Quarantine.h"
+#include "app/QuarantineStore.h"
+#include "app/Text.h"
 #include "core/Handles.h"
-#include "host/Console.h"
-#include "host/Quarantine.h"
-#include "host/QuarantineStore.h"
 
 namespace broomw {
 

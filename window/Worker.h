@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/CleanRun.h"
-#include "host/Session.h"
+#include "app/CleanRun.h"
+#include "app/Session.h"
 
 namespace broomw {
 

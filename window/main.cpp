@@ -7,9 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "app/Text.h"
 #include "core/Handles.h"
-#include "host/Commands.h"
-#include "host/Console.h"
 #include "threads/MsgThreadSTA.h"
 #include "window/MainWindow.h"
 #include "window/WindowSettings.h"
@@ -98,9 +97,7 @@ int Run(int show) {
   // error that ends the start, or once the window is up.
   try {
     session.LoadDefinitions(folders);
-    host::SOptions options;
-    for (const std::wstring& file : sources.winapp2) options.winapp2.push_back(host::Utf8(file));
-    host::LoadWinapp2Files(session, options);
+    session.LoadWinapp2Files(sources.winapp2);
   } catch (host::CHostError& e) {
     std::vector<std::wstring> notes = session.TakeLoadNotes();
     if (!notes.empty()) e.message += L"\n" + Listed(notes);

@@ -126,26 +126,36 @@ void RemoveTree(const std::wstring& path) {
   }
 }
 
-bool MakeUnixSymlink(const std::wstring& target, const std::wstring& linkPath) {
-  std::string unixTarget = UnixName(target);
-  std::string unixLink = UnixName(linkPath);
-  if (unixTarget.empty() || unixLink.empty()) return false;
-  std::wstring cmd = L"/bin/ln -s \"";
-  for (char c : unixTarget) cmd += static_cast<wchar_t>(static_cast<unsigned char>(c));
-  cmd += L"\" \"";
-  for (char c : unixLink) cmd += static_cast<wchar_t>(static_cast<unsigned char>(c));
-  cmd += L"\"";
+namespace {
+
+// Runs a Unix program with its arguments quoted; false when it could not start.
+bool RunUnix(const std::wstring& program, const std::vector<std::string>& args) {
+  std::wstring cmd = program;
+  for (const std::string& arg : args) {
+    cmd += L" \"";
+    for (char c : arg) cmd += static_cast<wchar_t>(static_cast<unsigned char>(c));
+    cmd += L"\"";
+  }
   std::vector<wchar_t> line(cmd.begin(), cmd.end());
   line.push_back(0);
   STARTUPINFOW si = {};
   si.cb = sizeof si;
   PROCESS_INFORMATION pi = {};
-  unsigned long before = ProcessHandleCount();
-  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
-    return false;
+  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return false;
   WaitForSingleObject(pi.hProcess, 10000);
   CloseHandle(pi.hThread);
   CloseHandle(pi.hProcess);
+  return true;
+}
+
+}  // namespace
+
+bool MakeUnixSymlink(const std::wstring& target, const std::wstring& linkPath) {
+  std::string unixTarget = UnixName(target);
+  std::string unixLink = UnixName(linkPath);
+  if (unixTarget.empty() || unixLink.empty()) return false;
+  unsigned long before = ProcessHandleCount();
+  if (!RunUnix(L"/bin/ln -s", {unixTarget, unixLink})) return false;
   // Wine may report the Unix program as ended before the link is visible
   auto isLink = [&] {
     DWORD attrs = GetFileAttributesW(linkPath.c_str());
@@ -154,6 +164,16 @@ bool MakeUnixSymlink(const std::wstring& target, const std::wstring& linkPath) {
   for (int i = 0; i < 500 && !isLink(); ++i) Sleep(10);
   AllowExtraHandles(static_cast<long>(ProcessHandleCount()) - static_cast<long>(before));
   return isLink();
+}
+
+bool RemoveUnixSymlink(const std::wstring& linkPath) {
+  std::string unixLink = UnixName(linkPath);
+  if (unixLink.empty()) return false;
+  unsigned long before = ProcessHandleCount();
+  if (!RunUnix(L"/bin/rm -f", {unixLink})) return false;
+  for (int i = 0; i < 500 && Exists(linkPath); ++i) Sleep(10);
+  AllowExtraHandles(static_cast<long>(ProcessHandleCount()) - static_cast<long>(before));
+  return !Exists(linkPath);
 }
 
 std::string Narrow(const std::wstring& text) {

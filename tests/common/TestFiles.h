@@ -35,6 +35,8 @@ void RemoveTree(const std::wstring& path);
 // Makes a Unix symbolic link (seen by Windows programs as a reparse point)
 // at linkPath pointing to target; both are Windows paths on a Wine drive.
 bool MakeUnixSymlink(const std::wstring& target, const std::wstring& linkPath);
+// Removes such a link (Wine cannot remove a link to a folder itself).
+bool RemoveUnixSymlink(const std::wstring& linkPath);
 
 std::string Narrow(const std::wstring& text);  // UTF-8, for messages
 

@@ -358,10 +358,18 @@ Input Inputs::Make(uint64_t index) const {
     in.bytes = Expand(m_cases[index].pattern);
     in.what = "kept case " + m_cases[index].name;
     in.localizer = m_cases[index].name.rfind("localized", 0) == 0;
+    if (m_cases[index].name.rfind("winapp2", 0) == 0) in.winapp2 = true, in.extension = L"ini";
     return in;
   }
   Rng r(m_seed * 0x100000001B3ull ^ (index + 1) * 0x9E3779B97F4A7C15ull);
   r.Next();
+  if (r.Chance(15)) {
+    in.winapp2 = true;
+    in.extension = L"ini";
+    in.what = "winapp2 ";
+    in.bytes = m_winapp2.Make(r, in.what);
+    return in;
+  }
   if (!m_seeds.empty() && r.Chance(50)) {
     size_t which = r.Below(m_seeds.size());
     in.bytes = m_seeds[which];

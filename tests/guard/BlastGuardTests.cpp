@@ -227,6 +227,16 @@ TEST(BlastGuard, RulesRootedAtProtectedFoldersMayOnlyNameFiles) {
       {local, false, true, false, L"AppData\\Local"},
       {local + L"\\Vendor", true, true, true, L""},
       {drive + L"\\*\\System32", true, false, false, L"may be System32"},
+      // the other known folders, the user's and those all users share
+      {Symbol(L"FAVORITES"), true, false, false, L"Favorites"},
+      {profile + L"\\Saved Games.", false, true, false, L"Saved Games"},
+      {profile + L"\\Contacts", true, true, false, L"Contacts"},
+      {profile + L"\\Links", false, true, false, L"Links"},
+      {profile + L"\\Searches", false, false, true, L""},  // %UserProfile%\Searches|*.search-ms;*.searchconnector-ms
+      {profile + L"\\Saved Games\\Vendor\\Logs", true, true, true, L""},
+      {Symbol(L"COMMON_DOCUMENTS"), true, false, false, L"Public Documents"},
+      {Symbol(L"COMMON_DESKTOPDIRECTORY") + L" ", false, true, false, L"Public Desktop"},
+      {Symbol(L"COMMON_PICTURES"), true, true, false, L"Public Pictures"},
   };
   for (const auto& c : cases) {
     CBlastGuard::SVerdict verdict = guard.CheckRule(c.folder.c_str(), c.recurse, c.everyName);

@@ -118,3 +118,48 @@ TEST_P(RegFileTest, DamagedFilesWriteNothing) {
     EXPECT_EQ(1u, t.Read().size());
   }
 }
+
+TEST_P(RegFileTest, ARestoreWritesOnlyTheKeyOrValueItWasExportedFor) {
+  t.Set(L"K\\Sub", L"x", REG_DWORD, Bytes({1, 0, 0, 0}));
+  t.Set(L"K", L"v", REG_DWORD, Bytes({2, 0, 0, 0}));
+  CRegistryPath key, value, sibling;
+  ASSERT_TRUE(key.Parse(t.Path(L"K")));
+  ASSERT_TRUE(value.Parse(t.Path(L"K|v")));
+  std::wstring keyFile = dir / L"k.reg", valueFile = dir / L"v.reg";
+  ASSERT_EQ(0u, CRegFile::Export(key, 0, keyFile.c_str(), false));
+  ASSERT_EQ(0u, CRegFile::Export(value, 0, valueFile.c_str(), false));
+  const std::wstring keyText = FileText(keyFile), valueText = FileText(valueFile);
+  const std::wstring hive = GetParam() == HKEY_CURRENT_USER ? L"HKEY_CURRENT_USER\\" : L"HKEY_LOCAL_MACHINE\\";
+  const std::wstring run = L"\r\n[" + hive + L"Software\\Microsoft\\Windows\\CurrentVersion\\Run]\r\n\"x\"=\"evil.exe\"\r\n";
+  const std::wstring next = L"\r\n[" + hive + t.Sub(L"KX") + L"]\r\n\"x\"=dword:00000001\r\n";
+  const struct {
+    const wchar_t* label;
+    std::wstring text;
+    const CRegistryPath* within;
+    DWORD result;
+  } cases[] = {
+      {L"the key's own export", keyText, &key, 0},
+      {L"a Run key added", keyText + run, &key, kRegistryRestoreOutside},
+      {L"a key beside it whose name starts the same", keyText + next, &key, kRegistryRestoreOutside},
+      {L"the value's own export", valueText, &value, 0},
+      {L"another value of its key", valueText + L"\"w\"=dword:00000003\r\n", &value, kRegistryRestoreOutside},
+      {L"a key below the value's key", valueText + L"\r\n[" + hive + t.Sub(L"K\\Sub") + L"]\r\n", &value,
+       kRegistryRestoreOutside},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(broomtest::Narrow(c.label));
+    t.Set(L"K", nullptr, 0, {});
+    Picture before = t.Read();
+    std::string bytes(reinterpret_cast<const char*>(c.text.data()), c.text.size() * 2);
+    std::wstring file = broomtest::WriteFile(dir / L"changed.reg", bytes);
+    EXPECT_EQ(c.result, CRegFile::Restore(file.c_str(), false, nullptr, c.within));
+    if (c.result) {
+      EXPECT_EQ(before, t.Read());
+    }
+  }
+  HKEY runKey = nullptr;
+  if (RegOpenKeyExW(GetParam(), L"Software\\Microsoft\\Windows\\CurrentVersion\\Run", 0, KEY_READ, &runKey) == 0) {
+    EXPECT_NE(ERROR_SUCCESS, RegQueryValueExW(runKey, L"x", nullptr, nullptr, nullptr, nullptr));
+    RegCloseKey(runKey);
+  }
+}

@@ -4,7 +4,6 @@
 
 #include <string>
 
-#include "scandefs/NoCase.h"
 #include "tests/scandefs/Definitions.h"
 
 using namespace defstest;
@@ -172,19 +171,6 @@ TEST(ScanGroup, NamesFoldOnlyLatinLettersLikeTheRuntimeCompare) {
   EXPECT_NE(Path(root, L"\u00E4rger"), upper);
   EXPECT_EQ(Path(root, L"\u00C4RGER"), upper);
   EXPECT_EQ(root.GetChildCount(), 2);
-}
-
-TEST(NoCase, OrdersAsciiNamesLikeTheRuntime) {
-  const wchar_t* names[] = {L"", L"a", L"A", L"ab", L"aB", L"b", L"_", L"[", L"`", L"{", L"Z", L"z", L"item 10",
-                            L"Item 9", L"ITEM", L"item", L"x/y", L"X-Y", L"0", L"~"};
-  auto sign = [](int v) { return (v > 0) - (v < 0); };
-  for (const wchar_t* a : names)
-    for (const wchar_t* b : names) {
-      int expected = sign(_wcsicmp(a, b));
-      EXPECT_EQ(sign(broom::CompareNoCase(a, b)), expected) << broomtest::Narrow(a) << " / " << broomtest::Narrow(b);
-      EXPECT_EQ(sign(broom::CompareNoCase(a, wcslen(a), b, wcslen(b))), expected);
-      EXPECT_EQ(broom::EqualNoCase(a, wcslen(a), b, wcslen(b)), expected == 0);
-    }
 }
 
 }  // namespace

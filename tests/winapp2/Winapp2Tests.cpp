@@ -413,6 +413,45 @@ TEST_F(Winapp2, ExcludesWithSeveralMasksKeepEachOfThem) {
   EXPECT_EQ(nullptr, Item(L"Other", L"Broken"));
 }
 
+TEST_F(Winapp2, TheWhitelistAndExcludesMeetARulesFolderHoweverItIsSpelled) {
+  for (const wchar_t* file : {L"kept long folder\\k.tmp", L"kept long folder\\sub\\l.tmp", L"excluded files\\a.bak",
+                              L"excluded files\\b.log", L"excluded files\\c.tmp", L"excluded files\\sub\\d.bak",
+                              L"excluded files\\sub\\e.tmp"})
+    WriteFile(m_dir / file, 3);
+  const std::wstring kept = m_dir / L"kept long folder", excl = m_dir / L"excluded files";
+  m_whiteList.SafeGuardPath(kept.c_str(), 0x1);
+  auto shortName = [](const std::wstring& path) {
+    wchar_t buffer[MAX_PATH];
+    DWORD n = GetShortPathNameW(path.c_str(), buffer, MAX_PATH);
+    return std::wstring(buffer, n < MAX_PATH ? n : 0);
+  };
+  const std::wstring keptShort = shortName(kept), exclShort = shortName(excl);
+  ASSERT_NE(keptShort.substr(keptShort.find_last_of(L'\\')), L"\\kept long folder");
+  const Paths unexcluded = {L"excluded files\\c.tmp", L"excluded files\\sub\\e.tmp"};
+  const struct {
+    std::wstring keys;
+    Paths hits;
+  } cases[] = {
+      {L"FileKey1=" + kept + L".|*.tmp|RECURSE", {}},  // the system drops the dot: the whitelisted folder
+      {L"FileKey1=" + kept + L" . |*|REMOVESELF", {}},
+      {L"FileKey1=" + keptShort + L"|*.*|RECURSE", {}},
+      {L"FileKey1=" + keptShort + L"\\SUB. |*.tmp", {}},
+      {L"FileKey1=" + excl + L".|*.*|RECURSE\nExcludeKey1=PATH|" + excl + L"|*.bak;*.log", unexcluded},
+      {L"FileKey1=" + excl + L"|*.*|RECURSE\nExcludeKey1=PATH|" + excl + L". .|*.bak;*.log", unexcluded},
+      {L"FileKey1=" + exclShort + L"|*.*|RECURSE\nExcludeKey1=PATH|" + excl + L"|*.bak;*.log", unexcluded},
+      {L"FileKey1=" + excl + L"|*.*|RECURSE\nExcludeKey1=PATH|" + exclShort + L"\\|*.bak;*.log", unexcluded},
+      {L"FileKey1=" + excl + L"|*.*\nExcludeKey1=FILE|" + excl + L"\\|a.bak.;b.log .", {L"excluded files\\c.tmp"}},
+  };
+  std::wstring ini;
+  for (size_t i = 0; i < std::size(cases); ++i) ini += L"[Case " + std::to_wstring(i) + L" *]\n" + cases[i].keys + L"\n";
+  ASSERT_TRUE(Load(ini).skipped.empty());
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    Paths hits = Scan(Item(L"Other", (L"Case " + std::to_wstring(i)).c_str()));
+    std::sort(hits.begin(), hits.end());
+    EXPECT_EQ(cases[i].hits, hits) << "case " << i << ": " << Narrow(cases[i].keys);
+  }
+}
+
 TEST_F(Winapp2, DetectionThatCannotBeReadNeverHoldsAndDetWindowsAlwaysDoes) {
   MakeDirs(m_dir / L"here");
   const std::wstring v = Var(), rule = L"FileKey1=" + v + L"\\x|*\n";
@@ -476,6 +515,41 @@ TEST_F(Winapp2, RulesThatWouldTakeProtectedFoldersAreRefusedAtLoadWithTheirReaso
     EXPECT_NE(std::string::npos, Narrow(skip->reason.str()).find(cases[i].reason)) << Narrow(skip->reason.str());
     EXPECT_EQ(nullptr, Item(L"Other", (L"Root " + std::to_wstring(i)).c_str()));
   }
+}
+
+TEST_F(Winapp2, AWildcardInADetectionPathNeverLeadsThroughALink) {
+  WriteFile(m_dir / L"real\\app\\x.txt", 3);
+  MakeDirs(m_dir / L"links");
+  MakeDirs(m_dir / L"loop");
+  ASSERT_TRUE(broomtest::MakeUnixSymlink(m_dir / L"real", m_dir / L"links\\to_real"));
+  // links back to their own folder: every wildcard level would triple the walk
+  for (const wchar_t* name : {L"\\a", L"\\b", L"\\c"})
+    ASSERT_TRUE(broomtest::MakeUnixSymlink(m_dir / L"loop", m_dir / L"loop" + name));
+  const std::wstring v = Var();
+  std::wstring loop = v + L"\\loop";
+  for (int i = 0; i < 14; ++i) loop += L"\\*";
+  const struct {
+    std::wstring detect;
+    bool applies;
+  } cases[] = {
+      {L"DetectFile=" + v + L"\\links\\*\\app", false},
+      {L"DetectFile=" + v + L"\\real\\*\\x.txt", true},
+      {L"DetectFile=" + v + L"\\links\\to_real\\app", true},  // a path named whole is asked as named
+      {L"DetectFile=" + loop + L"\\nope", false},
+  };
+  std::wstring ini;
+  for (size_t i = 0; i < std::size(cases); ++i)
+    ini += L"[Detect " + std::to_wstring(i) + L" *]\n" + cases[i].detect + L"\nFileKey1=" + v + L"\\x|*\n";
+  PROCESS_MEMORY_COUNTERS before = {}, after = {};
+  GetProcessMemoryInfo(GetCurrentProcess(), &before, sizeof before);
+  ASSERT_TRUE(Load(ini).skipped.empty());
+  GetProcessMemoryInfo(GetCurrentProcess(), &after, sizeof after);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    CScanGroup_imp* item = Item(L"Other", (L"Detect " + std::to_wstring(i)).c_str());
+    ASSERT_TRUE(item);
+    EXPECT_EQ(cases[i].applies, item->IsEnabled() != abFalse) << Narrow(cases[i].detect);
+  }
+  EXPECT_LT(after.PeakWorkingSetSize - before.PeakWorkingSetSize, 64u << 20);
 }
 
 TEST_F(Winapp2, HostileDetectionPathsCostMemoryInLineWithTheFile) {
@@ -544,5 +618,36 @@ TEST(Winapp2File, EveryEntryGetsTheCostOfWhatItTakesFromItsUserAndItsProgram) {
     const wchar_t* image = wcsstr(c.category, L"Chrome") ? L"chrome.exe"
                            : wcsstr(c.category, L"Edge") ? L"msedge.exe" : L"firefox.exe";
     EXPECT_EQ(std::vector<std::wstring>{image}, store.GetPrograms(item)) << Narrow(c.name);
+  }
+}
+
+TEST_F(Winapp2, FilesThatAreNoWinapp2FilesAreRefusedWholeAndLoadNothing) {
+  std::string binary;
+  for (int i = 0; i < 4000; ++i) binary += static_cast<char>((i * 37 + 11) & 0xFF);
+  const std::string rule = "FileKey1=" + Narrow(Var()) + "\\x|*.tmp\n";
+  const struct {
+    const char* label;
+    std::string text;
+    bool refused;
+  } cases[] = {
+      {"empty", "", true},
+      {"blank lines and comments", "\n; only a comment\n\n", true},
+      {"a web page", "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>404</title></head>\n"
+                     "<body>Not Found</body></html>\n", true},
+      {"binary", binary, true},
+      {"one entry in garbage", "[A *]\n" + rule + "garbage\nmore garbage\n<p>\n]]\n", true},
+      {"an entry with a few bad lines", "[A *]\n" + rule + "garbage\n[B *]\n" + rule, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    std::wstring file = WriteFile(m_dir / L"w.ini", c.text);
+    m_config = IConfig::NewConfig();
+    SWinapp2Report report = CWinapp2Loader(*Store()).Load(file.c_str());
+    EXPECT_EQ(!c.refused, report.read);
+    if (!c.refused) continue;
+    EXPECT_NE(std::wstring::npos, report.error.str().find(L"not a winapp2.ini file")) << Narrow(report.error.str());
+    EXPECT_EQ(nullptr, Store()->GetRoot().FindChild(L"winapp2"));
+    EXPECT_EQ(1u, Store()->GetLoadNotes().size());
+    EXPECT_TRUE(report.skipped.empty());
   }
 }

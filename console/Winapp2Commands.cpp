@@ -1,0 +1,51 @@
+// broom winapp2 check: what a winapp2.ini file gives and every line it skips.
+#include "console/Commands.h"
+
+#include <nlohmann/json.hpp>
+
+#include "app/Text.h"
+#include "console/Console.h"
+#include "winapp2/Winapp2Loader.h"
+
+namespace host {
+
+namespace {
+
+constexpr int exitLinesSkipped = 1;  // a check that skipped lines
+
+}  // namespace
+
+int CmdWinapp2Check(CSession&, const SOptions& options) {
+  std::wstring file = FullPath(Wide(options.file));
+  // a store of its own: the check needs no definitions
+  CRefPtr<IConfig> config = IConfig::NewConfig();
+  SWinapp2Report report = LoadWinapp2(*CConfigStore::Of(config), file);
+  const std::pair<const char*, unsigned> counts[] = {
+      {"entries", report.entries},         {"items", report.items},
+      {"applicable", report.applicable},   {"file_rules", report.fileRules},
+      {"registry_rules", report.registryRules}, {"excludes", report.excludes},
+      {"detection_keys", report.detectionKeys}};
+  if (options.json) {
+    nlohmann::json doc = {{"file", Utf8(file)}};
+    for (const auto& count : counts) doc[count.first] = count.second;
+    nlohmann::json skipped = nlohmann::json::array();
+    for (const SWinapp2Skip& skip : report.skipped)
+      skipped.push_back({{"line", skip.line}, {"text", Utf8(skip.text)}, {"reason", Utf8(skip.reason)}});
+    doc["skipped"] = skipped;
+    CConsole::OutBytes(doc.dump(2) + "\n");
+  } else {
+    const wchar_t* labels[] = {L"entries",    L"items loaded", L"applicable here", L"file rules",
+                               L"registry rules", L"excludes",     L"detection keys"};
+    std::wstring out = file + L"\n";
+    for (size_t i = 0; i < sizeof labels / sizeof labels[0]; ++i)
+      out += L"  " + Pad(labels[i], 16, false) + Pad(FormatCount(counts[i].second), 8, true) + L"\n";
+    out += report.skipped.empty() ? L"No line was skipped.\n"
+                                  : Plural(report.skipped.size(), L"line was", L"lines were") + L" skipped:\n";
+    for (const SWinapp2Skip& skip : report.skipped)
+      out += L"  line " + std::to_wstring(skip.line) + L": " + skip.text.str() + L"\n      " + skip.reason.str() + L"\n";
+    CConsole::Out(out);
+  }
+  return report.skipped.empty() ? exitOk : exitLinesSkipped;
+}
+
+}  // namespace host

@@ -1,0 +1,10 @@
+# The tests run broom.exe, so it must be built first; they parse its JSON
+# with the same header-only library the host writes it with.
+add_dependencies(test_${name} broom)
+target_include_directories(test_${name} SYSTEM PRIVATE ${BROOM_HEADER_ONLY})
+# The version resources of broomcore.dll and both programs are read back and
+# compared with the project's version and company.
+add_dependencies(test_${name} broomw)
+target_compile_definitions(test_${name} PRIVATE BROOM_EXPECTED_VERSION="${PROJECT_VERSION}"
+                           BROOM_EXPECTED_COMPANY="${BROOM_PUBLISHER}")
+target_link_libraries(test_${name} PRIVATE version shell32)
