@@ -1,11 +1,18 @@
 #include "app/ScanRun.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <unordered_set>
 
 #include "app/HostError.h"
 #include "core/Handles.h"
+#include "log/ScanLogThread.h"
 #include "registry/CleanableRegistry.h"
+#include "scan/ListAhead.h"
 #include "scan/BaseFileScan.h"
 #include "scan/OperationNotes.h"
 #include "scan/OperationNotify.h"
@@ -19,8 +26,9 @@ std::atomic<bool> g_cancel{false};
 
 class CScanNotify : public IOperationProgressNotify, public IOperationStatusNotify {
  public:
-  explicit CScanNotify(const SScanOptions& options)
-      : m_cancelAfter(options.cancelAfterFiles), m_observer(options.observer) {}
+  // filesSeen: the count of files seen, when several notifiers share one
+  CScanNotify(const SScanOptions& options, IScanObserver* observer, std::atomic<unsigned long>* filesSeen = nullptr)
+      : m_cancelAfter(options.cancelAfterFiles), m_observer(observer), m_shared(filesSeen) {}
 
   void Begin(const std::wstring& item, size_t index, size_t count) {
     m_total = 0;
@@ -46,13 +54,15 @@ class CScanNotify : public IOperationProgressNotify, public IOperationStatusNoti
     return IsCancelRequested();
   }
   void OnItem(const wchar_t*, int kind) override {
-    if (kind == itemFile && m_cancelAfter != 0 && ++m_filesSeen >= m_cancelAfter) RequestCancel();
+    if (kind != itemFile || m_cancelAfter == 0) return;
+    if ((m_shared ? ++*m_shared : ++m_filesSeen) >= m_cancelAfter) RequestCancel();
   }
 
  private:
   unsigned long m_cancelAfter;
   unsigned long m_filesSeen = 0;
   IScanObserver* m_observer;
+  std::atomic<unsigned long>* m_shared;
   int m_total = 0;
 };
 
@@ -104,8 +114,13 @@ class CSeenPaths {
  public:
   explicit CSeenPaths(bool exact) : m_exact(exact) {}
 
-  // False when the path was seen before.
-  bool Insert(const wchar_t* path, size_t length) {
+  // What tells one path from another: the upper-cased path when exact,
+  // else its hash.
+  struct SKey {
+    std::wstring path;
+    unsigned long long hash = 0;
+  };
+  void MakeKey(const wchar_t* path, size_t length, SKey& key) const {
     // registry paths may be longer than file paths
     wchar_t local[MAX_PATH + 1];
     std::wstring longer;
@@ -117,10 +132,22 @@ class CSeenPaths {
       wmemcpy(local, path, length);
     }
     CharUpperBuffW(upper, static_cast<DWORD>(length));
-    if (m_exact) return m_paths.emplace(upper, length).second;
+    if (m_exact) {
+      key.path.assign(upper, length);
+      return;
+    }
     unsigned long long hash = 14695981039346656037ull;
     for (size_t i = 0; i < length; ++i) hash = (hash ^ upper[i]) * 1099511628211ull;
-    return m_hashes.insert(hash).second;
+    key.hash = hash;
+  }
+  // False when the path was seen before.
+  bool Insert(const wchar_t* path, size_t length) {
+    SKey key;
+    MakeKey(path, length, key);
+    return Insert(std::move(key));
+  }
+  bool Insert(SKey&& key) {
+    return m_exact ? m_paths.insert(std::move(key.path)).second : m_hashes.insert(key.hash).second;
   }
 
  private:
@@ -138,6 +165,14 @@ class CHitCollector : public IResultsCollector {
   void SetOperation(const IScanOperation* op) { m_op = op; }
   void SetObserver(IScanObserver* observer) { m_observer = observer; }
   void SetEveryItem(bool everyItem) { m_everyItem = everyItem; }
+  // Items scanned side by side: every hit is kept with its key, in the order
+  // found, and only merged into the totals (each path once) when the items
+  // are put together in their order.
+  struct SFound {
+    CSeenPaths::SKey key;
+    unsigned __int64 size;
+  };
+  void SetDeferred(std::vector<SFound>* found) { m_found = found; }
 
   void AddItem(ICleanableItem* item) override {
     if (!item || !m_target) return;
@@ -165,7 +200,12 @@ class CHitCollector : public IResultsCollector {
       ++m_results.protectedSkipped;
       return;
     }
-    if (!m_everyItem && !m_seen.Insert(path, length)) return;
+    if (m_found) {
+      m_found->push_back(SFound{{}, item->GetSize()});
+      if (!m_everyItem) m_seen.MakeKey(path, length, m_found->back().key);
+    } else if (!m_everyItem && !m_seen.Insert(path, length)) {
+      return;
+    }
     unsigned __int64 size = item->GetSize();
     m_target->size += size;
     ++m_target->files;
@@ -190,7 +230,215 @@ class CHitCollector : public IResultsCollector {
   const IScanOperation* m_op = nullptr;
   IScanObserver* m_observer = nullptr;
   bool m_everyItem = false;
+  std::vector<SFound>* m_found = nullptr;
 };
+
+// One item's operations, in their order, on the calling thread.
+void ScanItem(const std::vector<CRefPtr<IScanOperation>>& ops, CHitCollector& collector, CScanNotify& notify,
+              CRunAgeFilters* ages, CWhiteListTree& whiteList, SItemResult& current) {
+  for (const auto& op : ops) {
+    if (notify.IsCancelled()) break;
+    collector.SetOperation(op);
+    try {
+      if (ages) ages->Apply(op);
+      op->PerformScan(&collector, &notify, &notify, &whiteList);
+    } catch (...) {
+      current.errors.push_back(ExceptionText());
+    }
+    if (auto* notes = dynamic_cast<IOperationNotes*>(op.Get()))
+      for (const CString& note : notes->TakeScanNotes()) current.notes.emplace_back(note.GetString());
+  }
+}
+
+std::vector<CRefPtr<IScanOperation>> OpsOf(const SItem& item) {
+  std::vector<CRefPtr<IScanOperation>> out;
+  CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
+  item.group->GetScanOps(ops);
+  for (; ops && !ops->AtEnd(); ops->Next())
+    if (IScanOperation* op = *ops->Current()) out.emplace_back(op);
+  return out;
+}
+
+// An item scanned on a host thread: what its scan tells, kept for the
+// calling thread, which alone talks to the host's observer.
+class CItemState : public IScanObserver {
+ public:
+  void OnItem(const std::wstring&, size_t, size_t) override { begun = true; }
+  void OnProgress(int p, int t) override {
+    position = p;
+    total = t;
+  }
+  void OnFolder(const std::wstring& f) override {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_folder = f;
+    m_newFolder = true;
+  }
+  void OnHits(unsigned __int64 f, unsigned __int64 b) override {
+    files = f;
+    bytes = b;
+  }
+  bool IsCancelled() override { return IsCancelRequested(); }
+  bool TakeFolder(std::wstring& out) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (!m_newFolder) return false;
+    out.swap(m_folder);
+    m_newFolder = false;
+    return true;
+  }
+
+  std::atomic<bool> begun{false}, done{false};
+  std::atomic<int> position{0}, total{0};
+  std::atomic<unsigned __int64> files{0}, bytes{0};
+
+ private:
+  std::mutex m_lock;
+  std::wstring m_folder;
+  bool m_newFolder = false;
+};
+
+// An item's scan log entries, held until every item before it is done;
+// from then on they go straight to the log.
+class CHeldLog : public ILogWriter {
+ public:
+  void WriteEntry(const CString& text, bool newLine) override {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_log)
+      m_log->WriteEntry(text, newLine);
+    else
+      m_held.emplace_back(text, newLine);
+  }
+  void Pass(ILogWriter* log) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_log) return;
+    for (const auto& entry : m_held) log->WriteEntry(entry.first, entry.second);
+    m_held.clear();
+    m_held.shrink_to_fit();
+    m_log = log;
+  }
+
+ private:
+  std::mutex m_lock;
+  std::vector<std::pair<CString, bool>> m_held;
+  ILogWriter* m_log = nullptr;
+};
+
+// Host threads for a scan: as many as the engine's listing pool, at most 4,
+// never more than the items; 1 scans the items one after the other.
+unsigned ItemThreads(const SScanOptions& options, const std::vector<std::vector<CRefPtr<IScanOperation>>>& ops) {
+  unsigned threads = options.itemThreads ? options.itemThreads : std::min(4u, CListAhead::GetThreads());
+  threads = static_cast<unsigned>(std::min<size_t>(threads, ops.size()));
+  // an operation shared by two items cannot run twice at once
+  std::unordered_set<const IScanOperation*> all;
+  for (const auto& item : ops)
+    for (const auto& op : item)
+      if (!all.insert(op.Get()).second) return 1;
+  return std::max(threads, 1u);
+}
+
+// The items on several host threads, each taking the next item not begun;
+// the calling thread tells the observer what they do and, once all are
+// done, puts their hits together in the items' order, each path once.
+void ScanSideBySide(const std::vector<SItem>& items, std::vector<std::vector<CRefPtr<IScanOperation>>>& ops,
+                    const SScanOptions& options, CWhiteListTree& whiteList, unsigned threads,
+                    SScanResults& results) {
+  const size_t n = items.size();
+  std::vector<SItemResult> scanned(n);
+  std::vector<SScanResults> own(n);  // each item's own totals
+  std::vector<std::vector<CHitCollector::SFound>> found(n);
+  std::vector<CItemState> states(n);
+  std::vector<CFakeBaseIUnknown<CHeldLog>> logs(n);
+  std::atomic<size_t> next{0};
+  std::atomic<unsigned long> filesSeen{0};
+  std::mutex wakeLock;
+  std::condition_variable wake;
+  std::atomic<unsigned> running{threads};
+
+  auto work = [&] {
+    HRESULT com = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    for (size_t i; !IsCancelRequested() && (i = next++) < n;) {
+      scanned[i].item = items[i];
+      CScanNotify notify(options, &states[i], &filesSeen);
+      CFakeBaseIUnknown<CHitCollector> collector(whiteList, options.keep, own[i]);
+      collector.SetObserver(&states[i]);
+      collector.SetEveryItem(options.everyItem);
+      collector.SetTarget(&scanned[i]);
+      collector.SetDeferred(&found[i]);
+      CScanLogThread::SetThreadScanLog(&logs[i]);
+      notify.Begin(items[i].path, i, n);
+      ScanItem(ops[i], collector, notify, nullptr, whiteList, scanned[i]);
+      CScanLogThread::SetThreadScanLog(nullptr);
+      states[i].done = true;
+      wake.notify_one();
+    }
+    if (SUCCEEDED(com)) CoUninitialize();
+    --running;
+    wake.notify_one();
+  };
+  std::vector<std::thread> pool;
+  for (unsigned t = 0; t < threads; ++t) pool.emplace_back(work);
+
+  IScanObserver* observer = options.observer;
+  CRefPtr<ILogWriter> log = CScanLogThread::GetCurrentScanLog(true);
+  size_t head = 0, told = 0;  // the first item not done; items told to the observer
+  int lastPosition = -1;
+  std::wstring folder;
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(wakeLock);
+      wake.wait_for(lock, std::chrono::milliseconds(50));
+    }
+    if (observer && observer->IsCancelled()) RequestCancel();
+    for (; head < n && states[head].begun; ++head) {
+      logs[head].Pass(log);
+      if (!states[head].done) break;
+    }
+    if (observer) {
+      for (; told < n && states[told].begun; ++told) observer->OnItem(items[told].path, told, n);
+      if (head < n && states[head].begun) {
+        const int position = states[head].position;
+        if (position != lastPosition) observer->OnProgress(position, states[head].total);
+        lastPosition = position;
+      }
+      for (size_t i = head; i < told; ++i)
+        if (states[i].TakeFolder(folder)) observer->OnFolder(folder);
+      unsigned __int64 files = 0, bytes = 0;
+      for (size_t i = 0; i < told; ++i) {
+        files += states[i].files;
+        bytes += states[i].bytes;
+      }
+      observer->OnHits(files, bytes);  // a file found by two items counts twice until the end
+    }
+    if (running == 0) break;
+  }
+  for (auto& thread : pool) thread.join();
+  for (size_t i = head; i < n && states[i].begun; ++i) logs[i].Pass(log);
+
+  // What each found, in the items' order, each path for the first item that found it.
+  CSeenPaths seen(options.keep != keepTotals);
+  for (size_t i = 0; i < n && states[i].begun; ++i) {
+    SItemResult& item = scanned[i];
+    results.protectedSkipped += own[i].protectedSkipped;
+    size_t kept = 0;
+    item.files = 0;
+    item.size = 0;
+    for (size_t h = 0; h < found[i].size(); ++h) {
+      auto& hit = found[i][h];
+      if (!options.everyItem && !seen.Insert(std::move(hit.key))) continue;
+      ++item.files;
+      item.size += hit.size;
+      if (options.keep != keepTotals && kept++ != h) item.hits[kept - 1] = std::move(item.hits[h]);
+    }
+    if (options.keep != keepTotals) item.hits.resize(kept);
+    found[i] = {};
+    results.files += item.files;
+    results.size += item.size;
+    results.items.push_back(std::move(item));
+  }
+  if (observer) {
+    if (n) observer->OnProgress(states[n - 1].total, states[n - 1].total);
+    observer->OnHits(results.files, results.size);
+  }
+}
 
 }  // namespace
 
@@ -202,10 +450,6 @@ SScanResults RunScan(const std::vector<SItem>& items, const SScanOptions& option
                      const std::wstring& neverScanned) {
   SScanResults results;
   results.items.reserve(items.size());
-  CScanNotify notify(options);
-  CFakeBaseIUnknown<CHitCollector> collector(whiteList, options.keep, results);
-  collector.SetObserver(options.observer);
-  collector.SetEveryItem(options.everyItem);
   CRunAgeFilters ages(options.olderThanDays, options.withoutAgeFilters);
   // The guard lasts for this scan only, so it is never saved or listed with
   // the protected paths.
@@ -215,29 +459,37 @@ SScanResults RunScan(const std::vector<SItem>& items, const SScanOptions& option
     if (guard) whiteList.RemovePath(neverScanned.c_str(), 0x1);
   });
 
+  std::vector<std::vector<CRefPtr<IScanOperation>>> ops;
+  for (const auto& item : items) ops.push_back(OpsOf(item));
+  const unsigned threads = ItemThreads(options, ops);
+  if (threads > 1) {
+    std::vector<std::wstring> failed(items.size());
+    for (size_t i = 0; i < items.size(); ++i)
+      for (const auto& op : ops[i]) try {
+          ages.Apply(op);
+        } catch (...) {
+          failed[i] = ExceptionText();
+        }
+    ScanSideBySide(items, ops, options, whiteList, threads, results);
+    for (auto& item : results.items) {
+      const size_t i = static_cast<size_t>(&item - &results.items[0]);
+      if (!failed[i].empty()) item.errors.insert(item.errors.begin(), failed[i]);
+    }
+    results.cancelled = IsCancelRequested();
+    return results;
+  }
+
+  CScanNotify notify(options, options.observer);
+  CFakeBaseIUnknown<CHitCollector> collector(whiteList, options.keep, results);
+  collector.SetObserver(options.observer);
+  collector.SetEveryItem(options.everyItem);
   for (size_t i = 0; i < items.size(); ++i) {
     if (notify.IsCancelled()) break;
     results.items.push_back(SItemResult{items[i], {}, 0, 0, {}, {}, {}});
     SItemResult& current = results.items.back();
     collector.SetTarget(&current);
     notify.Begin(items[i].path, i, items.size());
-
-    CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
-    items[i].group->GetScanOps(ops);
-    for (; ops && !ops->AtEnd(); ops->Next()) {
-      if (notify.IsCancelled()) break;
-      IScanOperation* op = *ops->Current();
-      if (!op) continue;
-      collector.SetOperation(op);
-      try {
-        ages.Apply(op);
-        op->PerformScan(&collector, &notify, &notify, &whiteList);
-      } catch (...) {
-        current.errors.push_back(ExceptionText());
-      }
-      if (auto* notes = dynamic_cast<IOperationNotes*>(op))
-        for (const CString& note : notes->TakeScanNotes()) current.notes.emplace_back(note.GetString());
-    }
+    ScanItem(ops[i], collector, notify, &ages, whiteList, current);
   }
   collector.SetTarget(nullptr);
   results.cancelled = IsCancelRequested();

@@ -69,6 +69,11 @@ struct SScanOptions {
   IScanObserver* observer = nullptr;   // null: nothing is told
   bool withoutAgeFilters = false;      // runs the rules as if none had an age (to explain a miss)
   bool everyItem = false;              // a file found by several items is kept for each, not the first only
+  // Host threads that scan items side by side (0: as many as the engine's
+  // listing pool, at most 4; 1: one item after the other). Either way the
+  // results, their order and the scan log are the same; the observer is
+  // told on the calling thread.
+  unsigned itemThreads = 0;
 };
 
 struct SScanResults {

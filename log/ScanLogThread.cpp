@@ -20,6 +20,9 @@ constexpr DWORD kStoppingWaitMs = 10000;
 CPathString g_logsPath;
 std::atomic<bool> g_logsPathReady{false};
 
+// Threads whose scans write elsewhere (SetThreadScanLog), under m_cs
+std::map<DWORD, ILogWriter*> g_threadScanLogs;
+
 bool LoggingOff() { return (CAppInfo::m_appState & kLoggingOffBit) != 0; }
 
 }  // namespace
@@ -72,8 +75,20 @@ CRefPtr<ILogWriter> CScanLogThread::GetLog(const CPathString& path) {
   return result;
 }
 
+void CScanLogThread::SetThreadScanLog(ILogWriter* writer) {
+  broom::critical_section_lock lock(m_cs);
+  if (writer)
+    g_threadScanLogs[GetCurrentThreadId()] = writer;
+  else
+    g_threadScanLogs.erase(GetCurrentThreadId());
+}
+
 CRefPtr<ILogWriter> CScanLogThread::GetCurrentScanLog(bool rotate) {
   broom::critical_section_lock lock(m_cs);
+  if (!g_threadScanLogs.empty()) {
+    auto it = g_threadScanLogs.find(GetCurrentThreadId());
+    if (it != g_threadScanLogs.end()) return CRefPtr<ILogWriter>(it->second);
+  }
   for (auto it = m_logs.begin(); it != m_logs.end();) {
     CScanLogThread* log = it->second;
     const wchar_t* name = log->m_path.c_str() + log->m_path.GetFileNameStart();

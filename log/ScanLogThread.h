@@ -40,6 +40,10 @@ class BROOM_API CScanLogThread : public CLogThread, public ILogWriter {
   // The running scan log, or a new "scan1.log" (the older ones shifted
   // first when rotate is true and logging is on).
   static CRefPtr<ILogWriter> GetCurrentScanLog(bool rotate);
+  // While set (null ends it), GetCurrentScanLog on the calling thread hands
+  // out this writer instead: a host that scans items on several threads
+  // holds each item's entries there and writes them to the log in order.
+  static void SetThreadScanLog(ILogWriter* writer);
   // The "Logs" folder below the user data folder, fixed at its first use.
   static void GetLogsPath(CPathString& out);
   // Whether a log for path is in the map of running logs.
