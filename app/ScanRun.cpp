@@ -170,7 +170,7 @@ class CHitCollector : public IResultsCollector {
   // are put together in their order.
   struct SFound {
     CSeenPaths::SKey key;
-    unsigned __int64 size;
+    unsigned __int64 size = 0;
   };
   void SetDeferred(std::vector<SFound>* found) { m_found = found; }
 
@@ -201,7 +201,8 @@ class CHitCollector : public IResultsCollector {
       return;
     }
     if (m_found) {
-      m_found->push_back(SFound{{}, item->GetSize()});
+      m_found->emplace_back();
+      m_found->back().size = item->GetSize();
       if (!m_everyItem) m_seen.MakeKey(path, length, m_found->back().key);
     } else if (!m_everyItem && !m_seen.Insert(path, length)) {
       return;
