@@ -3,26 +3,15 @@
 #include <algorithm>
 
 #include "core/Handles.h"
+#include "textconv/TextConv.h"
 
 namespace {
 
 constexpr DWORD kMaxFileBytes = 4 * 1024 * 1024;
 
-std::wstring Wide(const std::string& utf8) {
-  if (utf8.empty()) return std::wstring();
-  int length = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0);
-  std::wstring out(static_cast<size_t>(length), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), &out[0], length);
-  return out;
-}
+std::wstring Wide(const std::string& utf8) { return textconv::ToWide(utf8, CP_UTF8); }
 
-std::string Narrow(const std::wstring& text) {
-  if (text.empty()) return std::string();
-  int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-  std::string out(static_cast<size_t>(length), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], length, nullptr, nullptr);
-  return out;
-}
+std::string Narrow(const std::wstring& text) { return textconv::ToMultiByte(text, CP_UTF8); }
 
 // A line as a message shows it: control characters as <U+000D>.
 std::wstring Shown(const std::wstring& text) {
@@ -285,13 +274,22 @@ void CCookieKeepList::Rebuild() {
     if (!line.site.empty()) m_sites.insert(line.site);
 }
 
+namespace {
+
+// The site an edit names; false with the reason in detail.
+bool EditedSite(const wchar_t* text, std::wstring& site, std::wstring* detail) {
+  std::wstring why;
+  if (CCookieKeepList::ParseSite(text ? text : L"", site, why)) return true;
+  if (detail) *detail = why;
+  return false;
+}
+
+}  // namespace
+
 CCookieKeepList::EEdit CCookieKeepList::Keep(const wchar_t* text, std::wstring* detail) {
   if (!m_usable) return editUnusable;
-  std::wstring site, why;
-  if (!ParseSite(text ? text : L"", site, why)) {
-    if (detail) *detail = why;
-    return editInvalid;
-  }
+  std::wstring site;
+  if (!EditedSite(text, site, detail)) return editInvalid;
   std::string key = Narrow(site);
   std::string by = KeptByUtf8(key);
   if (!by.empty()) {
@@ -306,11 +304,8 @@ CCookieKeepList::EEdit CCookieKeepList::Keep(const wchar_t* text, std::wstring* 
 
 CCookieKeepList::EEdit CCookieKeepList::Unkeep(const wchar_t* text, std::wstring* detail) {
   if (!m_usable) return editUnusable;
-  std::wstring site, why;
-  if (!ParseSite(text ? text : L"", site, why)) {
-    if (detail) *detail = why;
-    return editInvalid;
-  }
+  std::wstring site;
+  if (!EditedSite(text, site, detail)) return editInvalid;
   std::string key = Narrow(site);
   if (detail) *detail = site;
   // a listed parent keeps the site whatever its own lines say
