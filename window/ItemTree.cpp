@@ -75,7 +75,7 @@ CItemTree::SNode* CItemTree::Add(CScanGroup* group, SNode* parent) {
   if (parent) parent->children.push_back(node);
 
   std::wstring text = group->GetName();
-  if (node->item && !GroupTakes(node->cost)) text += std::wstring(L"  [") + CostName(node->cost) + L"]";
+  if (node->item && node->cost > costCache) text += std::wstring(L"  [") + CostName(node->cost) + L"]";
   if (!node->enabled) text += kOffNote;
   TVINSERTSTRUCTW insert = {};
   insert.hParent = parent ? parent->handle : TVI_ROOT;

@@ -28,8 +28,8 @@ class CItemTree {
 
   // Builds the tree of the session's definitions: ticks follow the
   // engine's scan-by-default states, switched-off items are greyed. An item
-  // that costs more than history is marked with its class and never ticked
-  // by default nor by ticking its group: only one by one.
+  // that costs more than a cache is marked with its class; one that costs
+  // more than history is never ticked by default nor by ticking its group.
   void Fill(IConfig* config);
 
   // The parent's WM_NOTIFY for the tree; true when handled, with result.

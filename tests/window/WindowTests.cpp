@@ -355,10 +355,10 @@ TEST_F(Window, AGroupTicksItsCacheAndHistoryAndTheConfirmationNamesEveryCostlyIt
   // costly items carry their class and are not ticked by default, even when on
   EXPECT_EQ(w.State(L"Passwords  [saved]"), 1);
   EXPECT_EQ(w.State(L"Cookies  [sign-in]"), 1);
-  EXPECT_EQ(w.State(L"Visits"), 1);
+  EXPECT_EQ(w.State(L"Visits  [history]"), 1);
   w.Tick(L"Web");
   const std::pair<const wchar_t*, int> ticked[] = {
-      {L"Cache", 2}, {L"Visits", 2}, {L"Cookies  [sign-in]", 1}, {L"Passwords  [saved]", 1}, {L"Web", 3}};
+      {L"Cache", 2}, {L"Visits  [history]", 2}, {L"Cookies  [sign-in]", 1}, {L"Passwords  [saved]", 1}, {L"Web", 3}};
   for (const auto& [text, state] : ticked) EXPECT_EQ(w.State(text), state) << broomtest::Narrow(text);
   // one by one it is taken
   w.Tick(L"Passwords  [saved]");
