@@ -1,5 +1,6 @@
 #include "app/ItemSelection.h"
 
+#include <algorithm>
 #include <set>
 
 #include "app/HostError.h"
@@ -131,15 +132,39 @@ std::vector<SItem> AllItems(IConfig* config) {
 
 std::vector<SItem> SelectItems(IConfig* config, const std::vector<std::wstring>& names, bool forClean,
                                std::vector<std::wstring>& notes) {
+  return SelectByCost(config, names, forClean, SCostChoice(), notes).items;
+}
+
+ECost CostOf(IConfig* config, const CScanGroup* item) {
+  const CConfigStore* store = config ? CConfigStore::Of(config) : nullptr;
+  return store ? store->GetCost(item) : costCache;
+}
+
+bool SSelection::Named(const CScanGroup* item) const {
+  return std::find(named.begin(), named.end(), item) != named.end();
+}
+
+SSelection SelectByCost(IConfig* config, const std::vector<std::wstring>& names, bool forClean,
+                        const SCostChoice& include, std::vector<std::wstring>& notes) {
+  SSelection selection;
+  std::vector<SItem>& chosen = selection.items;
+  std::set<const CScanGroup*> leftOut;
+  // an item a group would take, unless its cost keeps it out
+  auto takeFromGroup = [&](const SItem& item) {
+    ECost cost = CostOf(config, item.group);
+    if (include.Takes(cost)) return true;
+    if (leftOut.insert(item.group).second)
+      selection.leftOut.push_back(SLeftOut{item, cost, std::wstring(L"name it or add --include ") + CostName(cost)});
+    return false;
+  };
   std::vector<SItem> all = AllItems(config);
-  std::vector<SItem> chosen;
   if (names.empty()) {
     for (const SItem& item : all) {
       if (!IsEnabled(item.group) || !IsOn(item.group->IsDefaultScan())) continue;
       if (forClean && !IsOn(item.group->IsDefaultClean())) continue;
-      chosen.push_back(item);
+      if (takeFromGroup(item)) chosen.push_back(item);
     }
-    return chosen;
+    return selection;
   }
 
   std::set<const CScanGroup*> taken;
@@ -177,11 +202,18 @@ std::vector<SItem> SelectItems(IConfig* config, const std::vector<std::wstring>&
         off.push_back(item.path);
         continue;
       }
+      bool named = item.group == found[0];
+      if (named) selection.named.push_back(item.group);
+      if (!named && !takeFromGroup(item)) continue;
       if (taken.insert(item.group).second) chosen.push_back(item);
     }
     NoteSwitchedOff(off, GroupPath(found[0]), notes);
   }
-  return chosen;
+  // an item named one by one is not left out, wherever its name stood
+  auto& out = selection.leftOut;
+  out.erase(std::remove_if(out.begin(), out.end(), [&](const SLeftOut& l) { return taken.count(l.item.group) != 0; }),
+            out.end());
+  return selection;
 }
 
 }  // namespace host

@@ -202,6 +202,11 @@ std::vector<SItem> CSession::Select(const std::vector<std::wstring>& names, bool
   return SelectItems(m_config, names, forClean, notes);
 }
 
+SSelection CSession::SelectByCost(const std::vector<std::wstring>& names, bool forClean, const SCostChoice& include,
+                                  std::vector<std::wstring>& notes) const {
+  return host::SelectByCost(m_config, names, forClean, include, notes);
+}
+
 void CSession::BeginScanLog(const wchar_t* command) {
   m_scanLog = CScanLogThread::GetCurrentScanLog(true);
   SYSTEMTIME now;

@@ -74,6 +74,9 @@ class CSession {
   // Notes for standard error go to notes.
   std::vector<SItem> Select(const std::vector<std::wstring>& names, bool forClean,
                             std::vector<std::wstring>& notes) const;
+  // The same, with the costly items a group may bring along (--include).
+  SSelection SelectByCost(const std::vector<std::wstring>& names, bool forClean, const SCostChoice& include,
+                          std::vector<std::wstring>& notes) const;
 
   // Starts this command's scan log: the older logs move up one number and a
   // new scan1.log, headed with the command and the time, is held until the

@@ -45,6 +45,15 @@ bool Confirm(const std::wstring& question) {
   return got && (answer == L"y" || answer == L"Y" || answer == L"yes" || answer == L"YES" || answer == L"Yes");
 }
 
+SCostChoice CostChoice(const SOptions& options) {
+  SCostChoice choice;
+  for (const std::string& word : options.include) {
+    if (word == "sign-in") choice.signIn = true;
+    if (word == "saved") choice.saved = true;
+  }
+  return choice;
+}
+
 SScanOptions ScanOptions(const SOptions& options, EKeep keep) {
   SScanOptions scan;
   scan.keep = keep;

@@ -26,9 +26,12 @@ struct SOptions {
   unsigned long olderThan = 0;         // days; 0: no age limit
   bool force = false;                  // clean items past the runaway limits
   unsigned long long runawayFiles = 0; // hidden: a test's own runaway file limit
+  std::vector<std::string> include;    // sign-in, saved: what a named group brings along
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
+// The --include words as the selection takes them.
+SCostChoice CostChoice(const SOptions& options);
 // Runs the scan with the progress line on the console, removed at the end.
 SScanResults ScanWithProgress(CSession& session, const std::vector<SItem>& items, SScanOptions scan);
 // Asks on the console; y, Y, yes, Yes or YES is a yes, anything else or the end of input a no.

@@ -43,9 +43,19 @@ std::wstring AgeReason(const IScanOperation* op, unsigned long olderThan, const 
     auto* age = static_cast<CBaseFileScan::_FilterRejectRecentFiles_Impl*>(filter.Get());
     if (!age->RejectFile(folder, data)) continue;
     return std::wstring(L"only files ") + (age->ByLastAccess() ? L"last opened " : L"last changed ") +
-           std::to_wstring(age->GetDays()) + L" or more days ago are taken, and this one is newer";
+           (age->GetHours() % 24 ? std::to_wstring(age->GetHours()) + L" or more hours"
+                                 : std::to_wstring(age->GetHours() / 24) + L" or more days") +
+           L" ago are taken, and this one is newer";
   }
   return std::wstring();
+}
+
+// "  cost: saved (Deletes your saved data ...)"
+std::wstring CostLine(const CSession& session, const CScanGroup* item) {
+  const CConfigStore* store = CConfigStore::Of(session.Config());
+  if (!store) return std::wstring();
+  ECost cost = store->GetCost(item);
+  return std::wstring(L"  cost: ") + CostName(cost) + L" (" + CostWords(cost) + L")\n";
 }
 
 }  // namespace
@@ -96,7 +106,7 @@ int CmdExplain(CSession& session, const SOptions& options) {
       std::wstring age = AgeReason(hit.op, options.olderThan, folder, data);
       CBlastGuard::SVerdict verdict = guard.Check(hit.item, source.text.GetString());
       out += L"'" + r.item.path + L"'" + (IsOn(r.item.group->IsDefaultClean()) ? L"" : L" (off by default)") +
-             L"\n  rule: " + Printable(rule) + L"\n";
+             L"\n  rule: " + Printable(rule) + L"\n" + CostLine(session, r.item.group);
       if (!age.empty()) {
         ++aged;
         out += L"  not now: " + age + L"\n";

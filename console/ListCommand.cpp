@@ -10,7 +10,7 @@ namespace host {
 
 namespace {
 
-std::wstring StateText(const CScanGroup* group) {
+std::wstring StateText(const CScanGroup* group, const CConfigStore* store) {
   std::vector<std::wstring> parts;
   if (!IsEnabled(group)) parts.push_back(L"off: not on this PC");
   parts.push_back(IsOn(group->IsDefaultScan()) ? L"scan" : L"not scanned");
@@ -19,6 +19,7 @@ std::wstring StateText(const CScanGroup* group) {
   if (IsOn(group->GetQScan())) parts.push_back(L"quick scan");
   int ops = group->GetScanOpCount();
   parts.push_back(Plural(static_cast<unsigned>(ops), L"operation", L"operations"));
+  if (store) parts.push_back(std::wstring(L"cost: ") + CostName(store->GetCost(group)));
   std::wstring text;
   for (const std::wstring& p : parts) text += (text.empty() ? L"" : L", ") + p;
   return L"[" + text + L"]";
@@ -26,14 +27,14 @@ std::wstring StateText(const CScanGroup* group) {
 
 // A group and everything below it, children indented; without recursion,
 // as a tree may be deeper than the stack.
-void ListGroup(const CScanGroup* top, std::wstring& out, unsigned& items) {
+void ListGroup(const CScanGroup* top, const CConfigStore* store, std::wstring& out, unsigned& items) {
   std::vector<CRefPtr<TIteratorIface<CScanGroup>>> open;  // one per level being listed
   for (const CScanGroup* group = top; group;) {
     std::wstring indent(open.size() * 2, L' ');
     std::wstring line = indent + group->GetName();
     if (group->HasScanOps()) {
       ++items;
-      line += L"  " + StateText(group);
+      line += L"  " + StateText(group, store);
     }
     out += line + L"\n";
     const wchar_t* desc = group->GetDescription();
@@ -84,6 +85,7 @@ nlohmann::json GroupJson(const CScanGroup* group, const CConfigStore* store, uns
                       {"enabled", enabled},
                       {"reason", enabled ? nlohmann::json() : nlohmann::json("not on this PC")},
                       {"operations", group->GetScanOpCount()},
+                      {"cost", store ? nlohmann::json(Utf8(std::wstring(CostName(store->GetCost(group))))) : nlohmann::json()},
                       {"sources", sources}};
   group->HasScanOps() ? ++items : ++groups;
   nlohmann::json children = nlohmann::json::array();
@@ -120,7 +122,7 @@ int CmdList(CSession& session, const SOptions& options) {
   CRefPtr<TIteratorIface<CScanGroup>> it;
   session.Config()->GetGroups(it);
   for (; it && !it->AtEnd(); it->Next()) {
-    ListGroup(it->Current(), out, items);
+    ListGroup(it->Current(), CConfigStore::Of(session.Config()), out, items);
     ++groups;
   }
   std::vector<std::wstring> notes;

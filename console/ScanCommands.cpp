@@ -41,7 +41,13 @@ std::wstring Mark(const SHit& hit) {
   return std::wstring();
 }
 
-void PrintTable(const CSession& session, const SScanResults& results, bool files) {
+// "left out: saved (Deletes your saved data ...); name it or add --include saved"
+std::wstring LeftOutText(const SLeftOut& left) {
+  return std::wstring(L"left out: ") + CostName(left.cost) + L"; " + left.how;
+}
+
+void PrintTable(const CSession& session, const SScanResults& results, bool files,
+                const std::vector<SLeftOut>& leftOut = {}) {
   std::wstring out;
   if (files) {
     for (const SItemResult& r : results.items) {
@@ -62,6 +68,7 @@ void PrintTable(const CSession& session, const SScanResults& results, bool files
   }
   size_t width = 5;
   for (const SItemResult& r : results.items) width = std::max(width, r.item.path.size());
+  for (const SLeftOut& left : leftOut) width = std::max(width, left.item.path.size());
   out += Pad(L"Item", width, false) + L"  " + Pad(L"Files", 9, true) + L"  " + Pad(L"Size", 10, true) + L"\n";
   for (const SItemResult& r : results.items) {
     unsigned __int64 marked = 0;
@@ -72,13 +79,17 @@ void PrintTable(const CSession& session, const SScanResults& results, bool files
     if (marked) out += L"  [" + Plural(marked, L"file", L"files") + L" in your own folders]";
     out += L"\n";
   }
+  for (const SLeftOut& left : leftOut)
+    out += Pad(left.item.path, width, false) + L"  " + Pad(L"-", 9, true) + L"  " + Pad(L"-", 10, true) + L"  [" +
+           LeftOutText(left) + L"]\n";
   out += Pad(L"Total", width, false) + L"  " + Pad(FormatCount(results.files), 9, true) + L"  " +
          Pad(FormatSize(results.size), 10, true) +
          (results.size >= 1024 ? L"  (" + Plural(results.size, L"byte", L"bytes") + L")" : std::wstring()) + L"\n";
   CConsole::Out(out);
 }
 
-void PrintJson(const CSession& session, const SScanResults& results, bool files) {
+void PrintJson(const CSession& session, const SScanResults& results, bool files,
+               const std::vector<SLeftOut>& leftOut = {}) {
   nlohmann::json items = nlohmann::json::array();
   for (const SItemResult& r : results.items) {
     nlohmann::json item = {{"path", Utf8(r.item.path)},
@@ -112,6 +123,10 @@ void PrintJson(const CSession& session, const SScanResults& results, bool files)
                         {"total", {{"files", results.files}, {"size", results.size}}},
                         {"protected_skipped", results.protectedSkipped},
                         {"cancelled", results.cancelled}};
+  nlohmann::json left = nlohmann::json::array();
+  for (const SLeftOut& l : leftOut)
+    left.push_back({{"path", Utf8(l.item.path)}, {"cost", Utf8(std::wstring(CostName(l.cost)))}, {"how", Utf8(l.how)}});
+  doc["left_out"] = left;
   CConsole::OutBytes(doc.dump(2) + "\n");
 }
 
@@ -155,15 +170,49 @@ void PrintWarnings(const SScanResults& results) {
   }
 }
 
+// Left-out items when nothing else was selected, so the user learns how to take them.
+void PrintLeftOut(const std::vector<SLeftOut>& leftOut) {
+  for (const SLeftOut& left : leftOut) CConsole::Out(L"'" + left.item.path + L"': " + LeftOutText(left) + L"\n");
+}
+
+// With --yes a saved item is cleaned only when named one by one.
+void KeepSavedNotNamed(const CSession& session, SSelection& selection) {
+  std::vector<SItem> kept;
+  for (const SItem& item : selection.items) {
+    if (CostOf(session.Config(), item.group) == costSaved && !selection.Named(item.group))
+      selection.leftOut.push_back(SLeftOut{item, costSaved, L"with --yes, name it one by one"});
+    else
+      kept.push_back(item);
+  }
+  selection.items = std::move(kept);
+}
+
+// Asks again, apart, for the items that delete saved data; a no keeps them.
+void ConfirmSaved(const CSession& session, SScanResults& results) {
+  std::wstring list;
+  for (const SItemResult& r : results.items)
+    if (r.files && r.refusal.empty() && CostOf(session.Config(), r.item.group) == costSaved)
+      list += L"  " + r.item.path + L"\n";
+  if (list.empty()) return;
+  CConsole::Out(std::wstring(L"These items delete your saved data, which nothing brings back:\n") + list);
+  if (Confirm(L"Delete the saved data of these items too?")) return;
+  for (SItemResult& r : results.items)
+    if (r.refusal.empty() && CostOf(session.Config(), r.item.group) == costSaved)
+      r.refusal = L"kept: you chose not to delete its saved data";
+  CConsole::Out(L"Those items are kept.\n");
+}
+
 }  // namespace
 
 int CmdScan(CSession& session, const SOptions& options) {
   LoadDefinitions(session, options);
   session.LoadWhiteList();
   std::vector<std::wstring> notes;
-  std::vector<SItem> items = session.Select(WideList(options.items), false, notes);
+  SSelection selection = session.SelectByCost(WideList(options.items), false, CostChoice(options), notes);
+  const std::vector<SItem>& items = selection.items;
   PrintNotes(notes);
   if (items.empty() && !options.json) {
+    PrintLeftOut(selection.leftOut);
     CConsole::Out(L"Nothing to scan: no item is selected.\n");
     return exitOk;
   }
@@ -173,9 +222,9 @@ int CmdScan(CSession& session, const SOptions& options) {
   // The guard's marks need the hits; a scan of totals keeps none.
   if (options.files) ApplyGuard(session, MakeGuard(options), results, false);
   if (options.json)
-    PrintJson(session, results, options.files);
+    PrintJson(session, results, options.files, selection.leftOut);
   else
-    PrintTable(session, results, options.files);
+    PrintTable(session, results, options.files, selection.leftOut);
   if (results.cancelled) {
     CConsole::Err(L"broom: cancelled; the results above are partial\n");
     return exitCancelled;
@@ -189,9 +238,12 @@ int CmdClean(CSession& session, const SOptions& options) {
   std::unique_ptr<CQuarantine> quarantine = OpenCleanQuarantine(session, options);
 
   std::vector<std::wstring> notes;
-  std::vector<SItem> items = session.Select(WideList(options.items), true, notes);
+  SSelection selection = session.SelectByCost(WideList(options.items), true, CostChoice(options), notes);
+  if (options.yes) KeepSavedNotNamed(session, selection);
+  const std::vector<SItem>& items = selection.items;
   PrintNotes(notes);
   if (items.empty()) {
+    PrintLeftOut(selection.leftOut);
     CConsole::Out(L"Nothing to clean: no item is selected.\n");
     return exitOk;
   }
@@ -203,7 +255,7 @@ int CmdClean(CSession& session, const SOptions& options) {
     return exitCancelled;
   }
   SGuardSummary guard = ApplyGuard(session, MakeGuard(options), results, options.force);
-  PrintTable(session, results, options.files);
+  PrintTable(session, results, options.files, selection.leftOut);
   PrintRefusals(guard);
   if (guard.markedFiles)
     CConsole::Out(Plural(guard.markedFiles, L"file lies", L"files lie") +
@@ -224,6 +276,7 @@ int CmdClean(CSession& session, const SOptions& options) {
       CConsole::Out(L"Nothing was cleaned.\n");
       return exitOk;
     }
+    ConfirmSaved(session, results);
   }
 
   CConsoleClean observer(quarantine != nullptr);

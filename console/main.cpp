@@ -38,6 +38,18 @@ void AddOlderThan(CLI::App& command, SOptions& options, const char* help) {
   command.add_option("--older-than", options.olderThan, help)->type_name("DAYS")->check(CLI::Range(1ul, 36500ul));
 }
 
+// --include sign-in,saved: the costly items a named group brings along.
+void AddInclude(CLI::App& command, SOptions& options) {
+  command
+      .add_option("--include", options.include,
+                  "Also take a group's sign-in or saved items (repeatable or a comma list; they are taken "
+                  "otherwise only when named one by one)")
+      ->type_name("sign-in|saved")
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->check(CLI::IsMember({"sign-in", "saved"}));
+}
+
 // One command of broom: the command it belongs to (null at the top), its
 // name and help, the options it takes and what runs it. The order is the
 // order of the help.
@@ -65,6 +77,7 @@ const SCommand kCommands[] = {
        AddItems(c, o, "Item or group paths, e.g. \"System/Temporary files\"", "List every file found");
        c.add_flag("--json", o.json, "Print the results as JSON");
        AddOlderThan(c, o, "Only files last changed at least DAYS days ago");
+       AddInclude(c, o);
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
      },
      CmdScan},
@@ -80,6 +93,7 @@ const SCommand kCommands[] = {
            ->expected(0, 1);
        AddOlderThan(c, o, "Only files last changed at least DAYS days ago");
        c.add_flag("--force", o.force, "Clean items that found more than 100,000 files or 20 GB (other refusals stay)");
+       AddInclude(c, o);
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
        c.add_option("--runaway-files", o.runawayFiles)->group("");
      },

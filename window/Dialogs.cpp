@@ -31,6 +31,15 @@ std::wstring ConfirmText(const SConfirm& c, bool quarantine) {
                     : L"Delete " + what + L" for good?";
 }
 
+std::wstring WindowsLines(const std::wstring& text) {
+  std::wstring out;
+  for (wchar_t c : text) {
+    if (c == L'\n') out += L'\r';
+    out += c;
+  }
+  return out;
+}
+
 INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
   auto* confirm = reinterpret_cast<SConfirm*>(GetWindowLongPtrW(dialog, DWLP_USER));
   switch (message) {
@@ -38,7 +47,8 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
       SetWindowLongPtrW(dialog, DWLP_USER, lParam);
       confirm = reinterpret_cast<SConfirm*>(lParam);
       SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, false).c_str());
-      SetDlgItemTextW(dialog, IDC_CONFIRM_MARKS, confirm->marks.c_str());
+      // a scrolling box: every costly item stays readable, however many
+      SetDlgItemTextW(dialog, IDC_CONFIRM_MARKS, WindowsLines(confirm->marks).c_str());
       return TRUE;
     case WM_COMMAND:
       switch (LOWORD(wParam)) {

@@ -322,10 +322,17 @@ void CMainWindow::OnClean() {
   confirm.bytes = m_guard.allowedBytes;
   // what to look at before saying yes: the items, their warnings, the
   // files in the user's own folders, what the guard refused
+  // every item that costs more than a cache first, by name, never counted away
+  for (ECost cost : {costSaved, costSignIn, costHistory})
+    for (const host::SItemResult& r : m_results->items)
+      if (r.files && r.refusal.empty() && host::CostOf(m_session.Config(), r.item.group) == cost)
+        confirm.marks += std::wstring(CostShortWords(cost)) + L": " + r.item.path + L"\n";
   size_t shown = 0;
   for (const host::SItemResult& r : m_results->items) {
     if (!r.files || !r.refusal.empty()) continue;
-    if (++shown <= 6) confirm.marks += r.item.path + L": " + FilesAndSize(r.files, r.size) + L"\n";
+    // the costly ones are named above; the rest is summed up
+    bool named = host::CostOf(m_session.Config(), r.item.group) > costCache;
+    if (!named && ++shown <= 6) confirm.marks += r.item.path + L": " + FilesAndSize(r.files, r.size) + L"\n";
     const wchar_t* tip = r.item.group ? r.item.group->GetTip() : nullptr;
     if (tip && *tip) confirm.marks += L"    Warning: " + std::wstring(tip) + L"\n";
   }

@@ -210,14 +210,14 @@ TEST_F(BroomExe, ListShowsTheSortedTreeWithEveryState) {
   EXPECT_EQ("", r.err);
   const std::string expected =
       "Alpha\n"
-      "  Able  [not scanned, not cleaned, 1 operation]\n"
+      "  Able  [not scanned, not cleaned, 1 operation, cost: cache]\n"
       "      First by name\n"
-      "  Gone  [off: not on this PC, scan, clean, 1 operation]\n"
-      "  Zed  [scan, not cleaned, safe, quick scan, 2 operations]\n"
+      "  Gone  [off: not on this PC, scan, clean, 1 operation, cost: cache]\n"
+      "  Zed  [scan, not cleaned, safe, quick scan, 2 operations, cost: cache]\n"
       "      Last by name\n"
       "Beta\n"
       "    Second group\n"
-      "  Only  [scan, clean, 1 operation]\n"
+      "  Only  [scan, clean, 1 operation, cost: cache]\n"
       "      Only item\n"
       "\n"
       "4 items in 2 groups; 2 scanned by default.\n";
@@ -737,7 +737,7 @@ TEST_F(BroomExe, FilesThatCannotBeReadAreNotedAndTheRestIsListed) {
   WriteFile(m_root / L"defs\\path.xml", "<ConfigItems><item group=\"" + path + "\" name=\"x\"/></ConfigItems>");
   RunResult r = Run({L"list"});
   EXPECT_EQ(0u, r.code) << r.err;
-  EXPECT_EQ("T\n  Junk  [scan, not cleaned, 1 operation]\n\n1 item in 1 group; 1 scanned by default.\n", r.out);
+  EXPECT_EQ("T\n  Junk  [scan, not cleaned, 1 operation, cost: cache]\n\n1 item in 1 group; 1 scanned by default.\n", r.out);
   EXPECT_NE(std::string::npos, r.err.find("deep.xml: nests 30001 levels deep at line 2; at most 100 are read\n")) << r.err;
   EXPECT_NE(std::string::npos, r.err.find("path.xml: nests its groups 30001 levels deep at line 1; at most 100 are read\n"))
       << r.err;
@@ -927,3 +927,81 @@ TEST_F(BroomExe, ScanLogsAreWrittenUnlessSwitchedOff) {
 }
 
 }  // namespace
+
+// ---- what items cost ----
+
+class BroomExeCosts : public BroomExe {
+ protected:
+  void SetUp() override {
+    WriteFile(m_root / L"defs\\web.xml", "<ConfigItems><group name=\"Web\" cost=\"history\" scan=\"yes\" clean=\"yes\"/>"
+                                         "</ConfigItems>");
+    WriteDefs({{L"Web", L"Cache", L"cost=\"cache\"", Clean(Tree(L"cache\\*"))},
+               {L"Web", L"Visits", L"", Clean(Tree(L"visits\\*"))},
+               {L"Web", L"Cookies", L"cost=\"sign-in\"", Clean(Tree(L"cookies\\*"))},
+               {L"Web", L"Passwords", L"cost=\"saved\"", Clean(Tree(L"passwords\\*"))}});
+    for (const wchar_t* folder : {L"cache", L"visits", L"cookies", L"passwords"})
+      WriteFile(Tree(std::wstring(folder) + L"\\f.dat"), 4);
+  }
+  // Which of the four items' files are still there, in their order: "cCvp" style, '-' for gone.
+  std::string Left() const {
+    std::string left;
+    for (const wchar_t* folder : {L"cache", L"visits", L"cookies", L"passwords"})
+      left += GetFileAttributesW(Tree(std::wstring(folder) + L"\\f.dat").c_str()) != INVALID_FILE_ATTRIBUTES
+                  ? static_cast<char>(folder[0])
+                  : '-';
+    return left;
+  }
+};
+
+TEST_F(BroomExeCosts, ListAndExplainNameTheCost) {
+  RunResult list = Run({L"list"});
+  ASSERT_EQ(0u, list.code) << list.err;
+  EXPECT_NE(std::string::npos, list.out.find("  Passwords  [scan, clean, 1 operation, cost: saved]\n")) << list.out;
+  EXPECT_NE(std::string::npos, list.out.find("  Visits  [scan, clean, 1 operation, cost: history]\n")) << list.out;
+  nlohmann::json j = Json(Run({L"list", L"--json"}));
+  std::map<std::string, std::string> costs;
+  for (auto& item : j["groups"][0]["children"]) costs[item["name"]] = item["cost"];
+  EXPECT_EQ(costs, (std::map<std::string, std::string>{
+                       {"Cache", "cache"}, {"Visits", "history"}, {"Cookies", "sign-in"}, {"Passwords", "saved"}}));
+  RunResult explain = Run({L"explain", Tree(L"passwords\\f.dat")});
+  EXPECT_NE(std::string::npos, explain.out.find("  cost: saved (Deletes your saved data")) << explain.out;
+}
+
+TEST_F(BroomExeCosts, AGroupTakesItsCacheAndHistoryOnlyAndYesNeverASavedItemThroughIt) {
+  struct Case {
+    std::vector<std::wstring> args;
+    std::string input;
+    std::string left;       // what stays afterwards
+    std::string tableLine;  // a line the output must hold
+  };
+  const Case cases[] = {
+      {{L"--yes", L"Web"}, "", "--cp", "Web/Passwords  -  -  [left out: saved; name it or add --include saved]"},
+      {{L"--yes", L"Web"}, "", "--cp", "[left out: sign-in; name it or add --include sign-in]"},
+      {{L"--yes", L"--include", L"sign-in,saved", L"Web"}, "", "---p", "[left out: saved; with --yes, name it one by one]"},
+      {{L"--yes", L"--include", L"saved", L"--include", L"sign-in", L"Web"}, "", "---p", "Web/Cookies"},
+      {{L"--yes", L"Web/Passwords"}, "", "cvc-", "Web/Passwords"},
+      {{L"--yes", L"Web", L"Passwords"}, "", "--c-", "Web/Passwords"},
+      // without --yes the saved items are asked for apart, by name: a no keeps them
+      {{L"--include", L"saved", L"Web"}, "y\nn\n", "--cp", "These items delete your saved data, which nothing brings back:\n  Web/Passwords\n"},
+      {{L"--include", L"saved", L"Web"}, "y\ny\n", "--c-", "Web/Passwords"},
+  };
+  for (const Case& c : cases) {
+    SetUp();
+    std::vector<std::wstring> args{L"clean"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    RunResult r = Run(args, c.input);
+    EXPECT_EQ(0u, r.code) << r.err;
+    EXPECT_EQ(c.left, Left()) << r.out;
+    std::string out = r.out;
+    // the table pads its columns: compare with runs of blanks made one
+    std::string squeezed;
+    for (char ch : out)
+      if (ch != ' ' || squeezed.empty() || squeezed.back() != ' ') squeezed += ch;
+    std::string line;
+    for (char ch : c.tableLine)
+      if (ch != ' ' || line.empty() || line.back() != ' ') line += ch;
+    EXPECT_NE(std::string::npos, squeezed.find(line)) << out;
+  }
+  RunResult bad = Run({L"clean", L"--include", L"cookies", L"Web"});
+  EXPECT_EQ(2u, bad.code) << bad.err;
+}

@@ -332,6 +332,58 @@ TEST_F(Window, TicksScansListsAndCleans) {
   EXPECT_EQ(w.Rows(IDC_FILES, 3), std::vector<std::wstring>{root + L"\\logs\\build.log|8.8 KB|cleaned"});
 }
 
+TEST_F(Window, AGroupTicksItsCacheAndHistoryAndTheConfirmationNamesEveryCostlyItem) {
+  const std::wstring root = m_dir.Path();
+  for (const wchar_t* name : {L"cache", L"visits", L"cookies", L"passwords"})
+    WriteFile(m_dir / (std::wstring(name) + L"\\f.dat"), 100);
+  std::wstring items;
+  // many cache items: they may be summed up, the costly ones never
+  for (int i = 0; i < 8; ++i) {
+    WriteFile(m_dir / (L"more\\" + std::to_wstring(i) + L"\\f.dat"), 10);
+    items += L" <item name=\"Cache " + std::to_wstring(i) + L"\" cost=\"cache\"><clean kind=\"file\">" + root +
+             L"\\more\\" + std::to_wstring(i) + L"\\*</clean></item>\n";
+  }
+  std::wstring defs = Defs(m_dir,
+      L"<group name=\"Web\" scan=\"no\" clean=\"yes\" cost=\"history\">\n"
+      L" <item name=\"Cache\" cost=\"cache\"><clean kind=\"file\">" + root + L"\\cache\\*</clean></item>\n"
+      L" <item name=\"Visits\"><clean kind=\"file\">" + root + L"\\visits\\*</clean></item>\n"
+      L" <item name=\"Cookies\" cost=\"sign-in\"><clean kind=\"file\">" + root + L"\\cookies\\*</clean></item>\n"
+      L" <item name=\"Passwords\" cost=\"saved\" scan=\"yes\"><clean kind=\"file\">" + root +
+      L"\\passwords\\*</clean></item>\n" + items + L"</group>\n");
+  CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  // costly items carry their class and are not ticked by default, even when on
+  EXPECT_EQ(w.State(L"Passwords  [saved]"), 1);
+  EXPECT_EQ(w.State(L"Cookies  [sign-in]"), 1);
+  EXPECT_EQ(w.State(L"Visits  [history]"), 1);
+  w.Tick(L"Web");
+  const std::pair<const wchar_t*, int> ticked[] = {
+      {L"Cache", 2}, {L"Visits  [history]", 2}, {L"Cookies  [sign-in]", 1}, {L"Passwords  [saved]", 1}, {L"Web", 3}};
+  for (const auto& [text, state] : ticked) EXPECT_EQ(w.State(text), state) << broomtest::Narrow(text);
+  // one by one it is taken
+  w.Tick(L"Passwords  [saved]");
+  EXPECT_EQ(w.State(L"Passwords  [saved]"), 2);
+  Screenshot(w.Main(), L"costs");
+
+  w.Click(IDC_SCAN);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+  w.Click(IDC_CLEAN);
+  HWND confirm = nullptr;
+  ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+  std::wstring marks = WindowText(GetDlgItem(confirm, IDC_CONFIRM_MARKS));
+  EXPECT_EQ(marks.rfind(L"Deletes your saved passwords or data: Web/Passwords\r\nDeletes your history: Web/Visits\r\n", 0),
+            0u)
+      << broomtest::Narrow(marks);
+  EXPECT_EQ(marks.find(L"Cookies"), std::wstring::npos);
+  EXPECT_NE(marks.find(L"... and 3 more items"), std::wstring::npos) << broomtest::Narrow(marks);
+  Screenshot(confirm, L"costs-confirmation");
+  PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Cleaned", 0) == 0; })) << broomtest::Narrow(w.Status());
+  EXPECT_FALSE(Exists(m_dir / L"passwords\\f.dat"));
+  EXPECT_FALSE(Exists(m_dir / L"visits\\f.dat"));
+  EXPECT_TRUE(Exists(m_dir / L"cookies\\f.dat"));
+}
+
 TEST_F(Window, StopsAScanAndRemembersWhereItWas) {
   for (int f = 0; f < 100; ++f)
     for (int i = 0; i < 30; ++i)
