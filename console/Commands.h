@@ -26,6 +26,7 @@ struct SOptions {
   unsigned long olderThan = 0;         // days; 0: no age limit
   bool force = false;                  // clean items past the runaway limits
   unsigned long long runawayFiles = 0; // hidden: a test's own runaway file limit
+  unsigned long cancelAfterCleaned = 0;  // hidden: simulates Ctrl+C after a clean took that many hits
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);

@@ -82,6 +82,8 @@ const SCommand kCommands[] = {
        c.add_flag("--force", o.force, "Clean items that found more than 100,000 files or 20 GB (other refusals stay)");
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
        c.add_option("--runaway-files", o.runawayFiles)->group("");
+       c.add_flag("--json", o.json, "Print the results as JSON, as scan --json does, with what became of each hit");
+       c.add_option("--cancel-after-cleaned", o.cancelAfterCleaned)->group("");
      },
      CmdClean},
     {nullptr, "explain",
