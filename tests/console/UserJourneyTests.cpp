@@ -242,6 +242,11 @@ TEST_F(UserJourney, ADataFolderThatIsAFileStopsOnlyWhatNeedsIt) {
   EXPECT_EQ("", noLog.err);
   SBroomRun protect = Run({L"protect", Tree(L"t")});
   EXPECT_EQ(2u, protect.code);
+  SBroomRun quarantine = Run({L"clean", L"--yes", L"--quarantine"});
+  EXPECT_EQ(2u, quarantine.code);
+  EXPECT_TRUE(Has(quarantine.err, "'" + Narrow(AppData() + L"\\Broom") + "' is a file, not a folder")) << quarantine.err;
+  EXPECT_TRUE(Exists(Tree(L"t\\a.tmp")));
+  EXPECT_EQ(0u, Run({L"quarantine", L"list"}).code);
 
   DeleteFileW((AppData() + L"\\Broom").c_str());
   WriteFile(AppData() + L"\\Broom\\Logs", "not a folder either");
