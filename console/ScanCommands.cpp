@@ -283,7 +283,12 @@ int CmdClean(CSession& session, const SOptions& options) {
   std::vector<SItem> items = session.Select(WideList(options.items), true, notes);
   PrintNotes(notes);
   if (items.empty()) {
-    CConsole::Out(L"Nothing to clean: no item is selected.\n");
+    if (options.json) {
+      const SCleanReport none;
+      PrintJson(session, SScanResults(), true, &none);
+    } else {
+      CConsole::Out(L"Nothing to clean: no item is selected.\n");
+    }
     return exitOk;
   }
   session.BeginScanLog(L"clean");
