@@ -21,7 +21,7 @@ HWND MakeList(HWND parent, int id, const wchar_t* title) {
                                   LVS_SINGLESEL,
                               0, 0, 10, 10, parent, reinterpret_cast<HMENU>(static_cast<INT_PTR>(id)),
                               GetModuleHandleW(nullptr), nullptr);
-  ListView_SetExtendedListViewStyle(list, LVS_EX_FULLROWSELECT | LVS_EX_DOUBLEBUFFER);
+  ListView_SetExtendedListViewStyle(list, LVS_EX_FULLROWSELECT | LVS_EX_DOUBLEBUFFER | LVS_EX_INFOTIP);
   return list;
 }
 
@@ -224,6 +224,19 @@ bool CResultsView::OnNotify(NMHDR* header, LRESULT& result) {
       if (header->hwndFrom == m_files && info->item.iSubItem == 0) text = Elided(text);
       lstrcpynW(info->item.pszText, text.c_str(), info->item.cchTextMax);
       result = 0;
+      return true;
+    }
+    case LVN_GETINFOTIPW: {
+      // the whole text: an item's path with its group, a file's path uncut
+      auto* tip = reinterpret_cast<NMLVGETINFOTIPW*>(header);
+      if (!tip->pszText || tip->cchTextMax <= 0 || tip->iItem < 0) return true;
+      std::wstring text;
+      if (header->hwndFrom == m_files) {
+        text = FileText(tip->iItem, 0);
+      } else if (m_results && static_cast<size_t>(tip->iItem) < m_order.size()) {
+        text = m_results->items[m_order[static_cast<size_t>(tip->iItem)]].item.path;
+      }
+      lstrcpynW(tip->pszText, text.c_str(), tip->cchTextMax);
       return true;
     }
     case LVN_COLUMNCLICK: {
