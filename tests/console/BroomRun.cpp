@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
 
 #include "common/TestFiles.h"
 #include "core/Handles.h"
@@ -28,10 +27,16 @@ std::wstring Quote(const std::wstring& arg) {
   return out + L"\"";
 }
 
-void Drain(HANDLE pipe, std::string* into) {
-  char buffer[4096];
-  DWORD read = 0;
-  while (::ReadFile(pipe, buffer, sizeof buffer, &read, nullptr) && read > 0) into->append(buffer, read);
+// What the pipe holds now, without waiting: a program broom started (Wine's
+// desktop) may hold the pipe's other end for good, so its end never comes.
+void Take(HANDLE pipe, std::string& into) {
+  DWORD available = 0;
+  while (PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) && available > 0) {
+    std::string chunk(available, '\0');
+    DWORD read = 0;
+    if (!::ReadFile(pipe, &chunk[0], available, &read, nullptr) || read == 0) return;
+    into.append(chunk, 0, read);
+  }
 }
 
 }  // namespace
@@ -73,21 +78,25 @@ SBroomRun RunBroomExe(const std::vector<std::wstring>& args, const std::wstring&
     return result;
   }
   broom::unique_handle process(pi.hProcess), thread(pi.hThread);
-  // The child holds its own copies; ours must go for the reads to see the end.
+  // The child holds its own copies of these ends.
   outWrite.reset();
   errWrite.reset();
   inRead.reset();
-  std::thread outReader(Drain, outRead.get(), &result.out);
-  std::thread errReader(Drain, errRead.get(), &result.err);
   DWORD written = 0;
   if (!input.empty()) ::WriteFile(inWrite.get(), input.data(), static_cast<DWORD>(input.size()), &written, nullptr);
   inWrite.reset();
-  if (WaitForSingleObject(process.get(), 120000) != WAIT_OBJECT_0) {
-    TerminateProcess(process.get(), 99);
-    ADD_FAILURE() << "broom.exe did not end within two minutes";
+  // The output is taken as it comes, so that a full pipe never stops broom,
+  // and once more after it ended.
+  const DWORD start = GetTickCount();
+  for (bool running = true; running;) {
+    running = WaitForSingleObject(process.get(), 10) == WAIT_TIMEOUT;
+    Take(outRead.get(), result.out);
+    Take(errRead.get(), result.err);
+    if (running && GetTickCount() - start > 120000) {
+      TerminateProcess(process.get(), 99);
+      ADD_FAILURE() << "broom.exe did not end within two minutes";
+    }
   }
-  outReader.join();
-  errReader.join();
   GetExitCodeProcess(process.get(), &result.code);
   return result;
 }
