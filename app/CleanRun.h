@@ -31,6 +31,11 @@ struct SGuardSummary {
 // SItemResult::refusal and none of its hits is cleaned, unless force.
 SGuardSummary ApplyGuard(const CSession& session, const CBlastGuard& guard, SScanResults& results, bool force);
 
+// A folder a rule removes once it is empty (winapp2's REMOVESELF) cannot go
+// while a hit in it stays: such a folder is refused too, saying which hit
+// keeps it, rather than failing at the clean. ApplyGuard calls it last.
+void RefuseFoldersOfKeptHits(SScanResults& results, SGuardSummary& summary);
+
 // What a clean reports as it goes, on the cleaning thread.
 class ICleanObserver {
  public:
@@ -44,6 +49,11 @@ struct SCleanReport {
   unsigned __int64 done = 0, freed = 0, failed = 0;
   unsigned __int64 untouched = 0;  // left when cancelled
   bool cancelled = false;
+  // When cancelled inside an item: that item, and how many of its hits had
+  // been taken of how many it had to clean.
+  std::wstring partItem;
+  unsigned __int64 partDone = 0, partTotal = 0;
+  unsigned __int64 untouchedItems = 0;  // items of which nothing was taken
 };
 
 // Cleans (or, with a quarantine, moves) every hit the guard allowed, in

@@ -1,6 +1,7 @@
 #include "app/ItemSelection.h"
 
 #include <algorithm>
+#include <cwctype>
 #include <set>
 
 #include "app/HostError.h"
@@ -88,6 +89,82 @@ void FindWholeText(CScanGroup* top, const std::wstring& text, std::vector<CScanG
         broom::CompareNoCase(path.c_str() + at, wanted.c_str()) == 0)
       out.push_back(group);
   });
+}
+
+// The words of a name, folded: runs of letters and digits.
+std::vector<std::wstring> Words(const std::wstring& text) {
+  std::vector<std::wstring> words(1);
+  for (wchar_t c : text) {
+    if (iswalnum(c))
+      words.back() += broom::FoldCase(c);
+    else if (!words.back().empty())
+      words.emplace_back();
+  }
+  if (words.back().empty()) words.pop_back();
+  return words;
+}
+
+// Every group whose own name holds the typed words as a run of whole words
+// ("chrome" for "Google Chrome"), none below another one found.
+void FindWords(IConfig* config, const std::wstring& text, std::vector<CScanGroup*>& out) {
+  const std::vector<std::wstring> wanted = Words(text);
+  if (wanted.empty()) return;
+  ForEachTop(config, [&](CScanGroup* top) {
+    ForEachBelow(top, [&](CScanGroup* group) {
+      for (const CScanGroup* above = group->GetParent(); above; above = above->GetParent())
+        for (CScanGroup* found : out)
+          if (found == above) return;
+      const std::vector<std::wstring> words = Words(group->GetName());
+      for (size_t at = 0; at + wanted.size() <= words.size(); ++at)
+        if (std::equal(wanted.begin(), wanted.end(), words.begin() + static_cast<std::ptrdiff_t>(at))) {
+          out.push_back(group);
+          return;
+        }
+    });
+  });
+}
+
+size_t EditDistance(const std::wstring& a, const std::wstring& b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
+// The names closest to one that matched nothing: those that hold it, or
+// are a few typing slips away from it or from one of their words; at most three.
+std::wstring DidYouMean(IConfig* config, const std::wstring& name) {
+  std::wstring typed;
+  for (wchar_t c : JoinedPath(name)) typed += broom::FoldCase(c);
+  if (typed.empty()) return std::wstring();
+  const size_t slips = typed.size() <= 4 ? 1 : typed.size() <= 8 ? 2 : 3;
+  std::vector<std::pair<size_t, std::wstring>> close;
+  std::set<std::wstring> seen;
+  ForEachTop(config, [&](CScanGroup* top) {
+    ForEachBelow(top, [&](CScanGroup* group) {
+      std::wstring folded;
+      for (const wchar_t* c = group->GetName(); *c; ++c) folded += broom::FoldCase(*c);
+      size_t best = folded.find(typed) != std::wstring::npos ? 0 : EditDistance(typed, folded);
+      for (const std::wstring& word : Words(folded)) best = std::min(best, EditDistance(typed, word));
+      if (best > slips || !seen.insert(folded).second) return;
+      close.emplace_back(best, group->GetName());
+    });
+  });
+  std::stable_sort(close.begin(), close.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  if (close.size() > 3) close.resize(3);
+  std::wstring text;
+  for (size_t i = 0; i < close.size(); ++i)
+    text += (i == 0 ? L"'" : i + 1 == close.size() ? L" or '" : L", '") + close[i].second + L"'";
+  return text.empty() ? text : L"did you mean " + text + L"?";
 }
 
 // One note per switched-off item, or one for all when a group holds many.
@@ -187,8 +264,13 @@ SSelection SelectByCost(IConfig* config, const std::vector<std::wstring>& names,
     });
     if (found.empty()) ForEachTop(config, [&](CScanGroup* top) { FindSuffix(top, parts, found); });
     if (found.empty()) ForEachTop(config, [&](CScanGroup* top) { FindWholeText(top, name, found); });
-    if (found.empty())
-      throw CHostError{exitUsage, L"no item or group is named '" + name + L"'; run 'broom list' to see the names"};
+    if (found.empty()) FindWords(config, name, found);
+    if (found.empty()) {
+      const std::wstring close = DidYouMean(config, name);
+      throw CHostError{exitUsage, L"no item or group is named '" + name + L"'; " +
+                                      (close.empty() ? L"run 'broom list' to see the names"
+                                                     : close + L" ('broom list' shows every name)")};
+    }
     if (found.size() > 1) {
       std::wstring which;
       for (CScanGroup* g : found) which += (which.empty() ? L"'" : L", '") + GroupPath(g) + L"'";

@@ -31,6 +31,11 @@ struct SHit {
   // user's own folder it lies in ("Documents"); both empty otherwise.
   CString refusal;
   CString userFolder;
+  // What a clean made of it: tried, its result code (0 done) and, when it
+  // failed, the reason in words.
+  bool tried = false;
+  DWORD result = 0;
+  std::wstring failure;
 };
 
 struct SItemResult {

@@ -31,6 +31,31 @@ std::wstring ExeFolder() {
   return slash == std::wstring::npos ? std::wstring(L".") : path.substr(0, slash);
 }
 
+namespace {
+
+// Why no log can be written in the Logs folder; empty when one can.
+std::wstring LogFolderFault(const std::wstring& data, const std::wstring& logs) {
+  const wchar_t* what = L"; this run writes no scan log";
+  for (const std::wstring& folder : {data, logs}) {
+    const DWORD attributes = GetFileAttributesW(folder.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY))
+      return L"the data folder " + Quoted(folder) + L" is a file, not a folder" + what +
+             L": move or rename that file";
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+      return L"the data folder " + Quoted(folder) + L" cannot be made (" + SystemMessage(GetLastError()) + L")" +
+             what;
+  }
+  // A file made and deleted at once tells whether the folder takes files.
+  const std::wstring probe = logs + L"\\broom-write-test.tmp";
+  broom::unique_hfile file(CreateFileW(probe.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                       FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+  if (!file)
+    return L"the log folder " + Quoted(logs) + L" cannot be written (" + SystemMessage(GetLastError()) + L")" + what;
+  return std::wstring();
+}
+
+}  // namespace
+
 CSession::CSession() = default;
 CSession::~CSession() = default;
 
@@ -44,10 +69,11 @@ void CSession::Start(bool noLog) {
   m_userData = std::wstring(local);
   while (!m_userData.empty() && m_userData.back() == L'\\') m_userData.pop_back();
   m_userData += L"\\Broom";
-  std::wstring logs = m_userData + L"\\Logs";
-  int rc = SHCreateDirectoryExW(nullptr, logs.c_str(), nullptr);
-  if (rc != ERROR_SUCCESS && rc != ERROR_ALREADY_EXISTS && rc != ERROR_FILE_EXISTS)
-    throw CHostError{exitUsage, L"cannot create the data folder '" + logs + L"'; check that it is writable"};
+  // A data folder that cannot be made stops only what needs it (the
+  // whitelist's saving, the quarantines, the logs), each saying so.
+  const std::wstring logs = m_userData + L"\\Logs";
+  SHCreateDirectoryExW(nullptr, logs.c_str(), nullptr);
+  if (!noLog) m_logFault = LogFolderFault(m_userData, logs);
 
   try {
     CRegSettings settings(L"Broom", L"Engine");
@@ -55,7 +81,7 @@ void CSession::Start(bool noLog) {
   } catch (int) {
     throw CHostError{exitUsage, L"the registry key HKCU\\SOFTWARE\\Broom\\Engine exists but cannot be opened; check its permissions"};
   }
-  if (noLog) CAppInfo::SetManualStateBits(0x20000);
+  if (noLog || !m_logFault.empty()) CAppInfo::SetManualStateBits(0x20000);
   m_config = IConfig::NewConfig();
   m_config->AddFactory(CRegistryScanFactory::Create());  // "reg" definitions
   m_started = true;
@@ -104,6 +130,11 @@ void CSession::LoadWinapp2Files(const std::vector<std::wstring>& files) {
     std::wstring file = FullPath(given);
     SWinapp2Report report = LoadWinapp2(*store, file);
     store->TakeLoadNotes();  // one line here; 'broom winapp2 check' lists them
+    if (report.items == 0)
+      throw CHostError{exitUsage, L"the winapp2 file " + Quoted(file) + L" gave no usable entry (" +
+                                      Plural(report.entries, L"entry", L"entries") + L", " +
+                                      Plural(report.skipped.size(), L"line", L"lines") +
+                                      L" skipped); 'broom winapp2 check' lists why"};
     if (!report.skipped.empty())
       NoteLoad(file + L": " + Plural(report.skipped.size(), L"line was", L"lines were") +
                L" skipped; 'broom winapp2 check' lists them");

@@ -39,6 +39,10 @@ class CSession {
   // Logs folder; --no-log switches the scan logs off.
   void Start(bool noLog);
   const std::wstring& UserDataFolder() const { return m_userData; }
+  // Why the scan logs cannot be written (the data folder or its Logs folder
+  // is a file, or cannot be made or written); empty when they can, or when
+  // logging is off. Commands that need no data folder run all the same.
+  const std::wstring& LogFault() const { return m_logFault; }
   // Where the managed quarantines live; scans never enter it.
   std::wstring QuarantineRoot() const { return m_userData + L"\\Quarantine"; }
 
@@ -103,6 +107,7 @@ class CSession {
   std::vector<SUnstorableLine> m_unstorable;  // loaded lines whose stored form the file cannot hold
   std::vector<std::wstring> m_loadNotes;
   std::wstring m_userData;
+  std::wstring m_logFault;
   bool m_started = false;
 };
 

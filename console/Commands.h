@@ -27,6 +27,7 @@ struct SOptions {
   bool force = false;                  // clean items past the runaway limits
   unsigned long long runawayFiles = 0; // hidden: a test's own runaway file limit
   std::vector<std::string> include;    // sign-in, saved: what a named group brings along
+  unsigned long cancelAfterCleaned = 0;  // hidden: simulates Ctrl+C after a clean took that many hits
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);

@@ -9,7 +9,9 @@
 #include "app/CleanRun.h"
 #include "app/Quarantine.h"
 #include "app/Text.h"
+#include "clean/ResultCodes.h"
 #include "console/Console.h"
+#include "core/Names.h"
 
 namespace host {
 
@@ -88,8 +90,40 @@ void PrintTable(const CSession& session, const SScanResults& results, bool files
   CConsole::Out(out);
 }
 
+// What a clean made of a hit, for clean --json.
+nlohmann::json Outcome(const SItemResult& r, const SHit& hit, bool moving) {
+  if (!hit.refusal.IsEmpty() || !r.refusal.empty())
+    return {{"outcome", "refused"}, {"result", nullptr},
+            {"reason", Utf8(hit.refusal.IsEmpty() ? r.refusal : std::wstring(hit.refusal.GetString()))}};
+  if (!hit.tried) return {{"outcome", "untouched"}, {"result", nullptr}};
+  if (hit.failure.empty()) return {{"outcome", moving ? "moved" : "cleaned"}, {"result", hit.result}};
+  return {{"outcome", "failed"}, {"result", hit.result}, {"reason", Utf8(hit.failure)}};
+}
+
+// The results of a clean's scan without what the guard keeps: what the table
+// and the question count.
+SScanResults Cleanable(const SScanResults& results) {
+  SScanResults view = results;
+  view.files = view.size = 0;
+  for (SItemResult& r : view.items) {
+    std::vector<SHit> kept;
+    r.files = r.size = 0;
+    if (r.refusal.empty())
+      for (const SHit& hit : r.hits)
+        if (hit.refusal.IsEmpty()) {
+          ++r.files;
+          r.size += hit.size;
+          kept.push_back(hit);
+        }
+    r.hits.swap(kept);
+    view.files += r.files;
+    view.size += r.size;
+  }
+  return view;
+}
+
 void PrintJson(const CSession& session, const SScanResults& results, bool files,
-               const std::vector<SLeftOut>& leftOut = {}) {
+               const std::vector<SLeftOut>& leftOut = {}, const SCleanReport* clean = nullptr, bool moving = false) {
   nlohmann::json items = nlohmann::json::array();
   for (const SItemResult& r : results.items) {
     nlohmann::json item = {{"path", Utf8(r.item.path)},
@@ -107,6 +141,7 @@ void PrintJson(const CSession& session, const SScanResults& results, bool files,
                          {"text", Utf8(source.text)}};
         if (!hit.refusal.IsEmpty()) h["refused"] = Utf8(hit.refusal);
         if (!hit.userFolder.IsEmpty()) h["user_folder"] = Utf8(hit.userFolder);
+        if (clean) h.update(Outcome(r, hit, moving));
         hits.push_back(std::move(h));
       }
       item["hits"] = hits;
@@ -127,6 +162,16 @@ void PrintJson(const CSession& session, const SScanResults& results, bool files,
   for (const SLeftOut& l : leftOut)
     left.push_back({{"path", Utf8(l.item.path)}, {"cost", Utf8(std::wstring(CostName(l.cost)))}, {"how", Utf8(l.how)}});
   doc["left_out"] = left;
+  if (clean) {
+    doc["cancelled"] = clean->cancelled;
+    doc["cleaned"] = {{"files", clean->done}, {"size", clean->freed}};
+    doc["failed"] = clean->failed;
+    unsigned __int64 refused = 0;
+    for (const SItemResult& r : results.items)
+      for (const SHit& hit : r.hits) refused += !hit.refusal.IsEmpty() || !r.refusal.empty();
+    doc["refused"] = refused;
+    doc["untouched"] = clean->untouched;
+  }
   CConsole::OutBytes(doc.dump(2) + "\n");
 }
 
@@ -147,8 +192,14 @@ CBlastGuard MakeGuard(const SOptions& options) {
 // Progress line and failure messages of broom clean.
 class CConsoleClean : public ICleanObserver {
  public:
-  explicit CConsoleClean(bool moving) : m_moving(moving) {}
+  CConsoleClean(bool moving, unsigned long cancelAfter) : m_moving(moving), m_cancelAfter(cancelAfter) {}
+  bool IsCancelled() override {
+    // a test's Ctrl+C after so many hits were taken
+    if (m_cancelAfter && m_taken >= m_cancelAfter) RequestCancel();
+    return IsCancelRequested();
+  }
   void OnProgress(unsigned __int64 index, unsigned __int64 total, const std::wstring& path) override {
+    ++m_taken;
     if (m_draw)
       CConsole::Progress((m_moving ? L"Moving " : L"Cleaning ") + FormatCount(index) + L"/" + FormatCount(total) +
                          L"  " + path);
@@ -159,6 +210,8 @@ class CConsoleClean : public ICleanObserver {
 
  private:
   bool m_moving;
+  unsigned long m_cancelAfter;
+  unsigned long m_taken = 0;
   bool m_draw = CConsole::ErrIsConsole();
 };
 
@@ -202,6 +255,42 @@ void ConfirmSaved(const CSession& session, SScanResults& results) {
   CConsole::Out(L"Those items are kept.\n");
 }
 
+// Once, when the scan log cannot be written (the Logs folder is not a
+// folder or not writable); the command goes on without it.
+void PrintLogFault(const CSession& session) {
+  if (!session.LogFault().empty()) CConsole::Err(L"broom: warning: " + session.LogFault() + L"\n");
+}
+
+// What a cancelled clean left: the item it stopped in and what it never reached.
+std::wstring CancelledText(const SCleanReport& report) {
+  std::wstring text = L"cancelled";
+  if (!report.partItem.empty())
+    text += L"; '" + report.partItem + L"' was cleaned in part (" + FormatCount(report.partDone) + L" of " +
+            Plural(report.partTotal, L"file", L"files") + L")";
+  text += L"; " + Plural(report.untouched, L"file was", L"files were") + L" left untouched";
+  if (report.untouchedItems)
+    text += L", " + Plural(report.untouchedItems, L"item", L"items") + L" not begun";
+  return text;
+}
+
+// The last line of a clean with failures: advice that fits what failed.
+std::wstring FailedText(const CSession& session, const SScanResults& results, const SCleanReport& report) {
+  unsigned __int64 own = 0, inUse = 0;
+  for (const SItemResult& r : results.items)
+    for (const SHit& hit : r.hits) {
+      if (!hit.tried || hit.failure.empty()) continue;
+      if (broom::IsAtOrBelow(hit.path, session.UserDataFolder()))
+        ++own;
+      else if ((hit.result & 0xFFFF) == ERROR_SHARING_VIOLATION || (hit.result & 0xFFFF) == ERROR_LOCK_VIOLATION ||
+               hit.result == kTruncateOpenFailed || hit.result == kCleanFailed)
+        ++inUse;
+    }
+  std::wstring text = Plural(report.failed, L"file", L"files") + L" could not be cleaned";
+  if (own == report.failed) return text + L"; Broom itself holds them (its own log or data), so they stay";
+  if (inUse) return text + L"; close the programs using them and run the command again";
+  return text + L"; the reasons are above";
+}
+
 }  // namespace
 
 int CmdScan(CSession& session, const SOptions& options) {
@@ -217,6 +306,7 @@ int CmdScan(CSession& session, const SOptions& options) {
     return exitOk;
   }
   session.BeginScanLog(L"scan");
+  PrintLogFault(session);
   SScanResults results = ScanWithProgress(session, items, ScanOptions(options, options.files ? keepPaths : keepTotals));
   PrintScanErrors(results);
   // The guard's marks need the hits; a scan of totals keeps none.
@@ -243,11 +333,17 @@ int CmdClean(CSession& session, const SOptions& options) {
   const std::vector<SItem>& items = selection.items;
   PrintNotes(notes);
   if (items.empty()) {
-    PrintLeftOut(selection.leftOut);
-    CConsole::Out(L"Nothing to clean: no item is selected.\n");
+    if (options.json) {
+      const SCleanReport none;
+      PrintJson(session, SScanResults(), true, selection.leftOut, &none);
+    } else {
+      PrintLeftOut(selection.leftOut);
+      CConsole::Out(L"Nothing to clean: no item is selected.\n");
+    }
     return exitOk;
   }
   session.BeginScanLog(L"clean");
+  PrintLogFault(session);
   SScanResults results = ScanWithProgress(session, items, ScanOptions(options, keepItems));
   PrintScanErrors(results);
   if (results.cancelled) {
@@ -255,31 +351,42 @@ int CmdClean(CSession& session, const SOptions& options) {
     return exitCancelled;
   }
   SGuardSummary guard = ApplyGuard(session, MakeGuard(options), results, options.force);
-  PrintTable(session, results, options.files, selection.leftOut);
+  const SCleanReport noClean;
+  // The table counts what will be cleaned; what the guard keeps is named apart.
+  if (!options.json) PrintTable(session, Cleanable(results), options.files, selection.leftOut);
+  if (guard.refusedFiles && !options.json)
+    CConsole::Out(L"Not counted: " + Plural(guard.refusedFiles, L"file", L"files") + L" (" +
+                  FormatSize(guard.refusedBytes) + L") the safety rules keep, each named below.\n");
   PrintRefusals(guard);
-  if (guard.markedFiles)
+  if (guard.markedFiles && !options.json)
     CConsole::Out(Plural(guard.markedFiles, L"file lies", L"files lie") +
                   L" in your own folders (Desktop, Documents, Downloads, Pictures, Music, Videos); run with --files "
                   L"to see them.\n");
-  const int refusedExit = guard.refusals.empty() ? exitOk : exitCleanFailures;
+  const int refusedExit = guard.refusals.empty() ? exitOk : exitRefused;
   if (guard.allowedFiles == 0) {
-    CConsole::Out(guard.refusals.empty() ? L"Nothing to clean.\n" : L"Nothing was cleaned: every file was refused.\n");
+    if (options.json)
+      PrintJson(session, results, true, selection.leftOut, &noClean, quarantine != nullptr);
+    else
+      CConsole::Out(guard.refusals.empty() ? L"Nothing to clean.\n" : L"Nothing was cleaned: every file was refused.\n");
     return refusedExit;
   }
-  PrintWarnings(results);
+  if (!options.json) PrintWarnings(results);
 
   std::wstring what = Plural(guard.allowedFiles, L"file", L"files") + L" (" + FormatSize(guard.allowedBytes) + L")";
   if (!options.yes) {
     std::wstring question = quarantine ? L"Move " + what + L" to '" + quarantine->Folder() + L"'?"
                                        : L"Delete " + what + L" for good?";
     if (!Confirm(question)) {
-      CConsole::Out(L"Nothing was cleaned.\n");
+      if (options.json)
+        PrintJson(session, results, true, selection.leftOut, &noClean, quarantine != nullptr);
+      else
+        CConsole::Out(L"Nothing was cleaned.\n");
       return exitOk;
     }
     ConfirmSaved(session, results);
   }
 
-  CConsoleClean observer(quarantine != nullptr);
+  CConsoleClean observer(quarantine != nullptr, options.cancelAfterCleaned);
   SCleanReport report = CleanHits(session, results, quarantine.get(), observer);
   CConsole::ClearProgress();
 
@@ -294,15 +401,16 @@ int CmdClean(CSession& session, const SOptions& options) {
                                        (report.freed >= 1024 ? L" (" + Plural(report.freed, L"byte", L"bytes") + L")"
                                                              : std::wstring()) +
                                        L".\n";
-  CConsole::Out(done);
+  if (options.json)
+    PrintJson(session, results, true, selection.leftOut, &report, quarantine != nullptr);
+  else
+    CConsole::Out(done);
   if (report.cancelled) {
-    CConsole::Err(L"broom: cancelled; " + Plural(report.untouched, L"file was", L"files were") +
-                  L" left untouched\n");
+    CConsole::Err(L"broom: " + CancelledText(report) + L"\n");
     return exitCancelled;
   }
   if (report.failed) {
-    CConsole::Err(L"broom: " + Plural(report.failed, L"file", L"files") +
-                  L" could not be cleaned; close the programs using them and run the command again\n");
+    CConsole::Err(L"broom: " + FailedText(session, results, report) + L"\n");
     return exitCleanFailures;
   }
   if (!guard.refusals.empty())

@@ -36,13 +36,16 @@ int CmdWinapp2Check(CSession&, const SOptions& options) {
   } else {
     const wchar_t* labels[] = {L"entries",    L"items loaded", L"applicable here", L"file rules",
                                L"registry rules", L"excludes",     L"detection keys"};
-    std::wstring out = file + L"\n";
+    // The file's own text is shown, never written: a binary file's bytes
+    // cannot move the cursor or change the terminal.
+    std::wstring out = Printable(file) + L"\n";
     for (size_t i = 0; i < sizeof labels / sizeof labels[0]; ++i)
       out += L"  " + Pad(labels[i], 16, false) + Pad(FormatCount(counts[i].second), 8, true) + L"\n";
     out += report.skipped.empty() ? L"No line was skipped.\n"
                                   : Plural(report.skipped.size(), L"line was", L"lines were") + L" skipped:\n";
     for (const SWinapp2Skip& skip : report.skipped)
-      out += L"  line " + std::to_wstring(skip.line) + L": " + skip.text.str() + L"\n      " + skip.reason.str() + L"\n";
+      out += L"  line " + std::to_wstring(skip.line) + L": " + Printable(skip.text.str()) + L"\n      " +
+             Printable(skip.reason.str()) + L"\n";
     CConsole::Out(out);
   }
   return report.skipped.empty() ? exitOk : exitLinesSkipped;

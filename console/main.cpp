@@ -96,6 +96,8 @@ const SCommand kCommands[] = {
        AddInclude(c, o);
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
        c.add_option("--runaway-files", o.runawayFiles)->group("");
+       c.add_flag("--json", o.json, "Print the results as JSON, as scan --json does, with what became of each hit");
+       c.add_option("--cancel-after-cleaned", o.cancelAfterCleaned)->group("");
      },
      CmdClean},
     {nullptr, "explain",

@@ -196,6 +196,7 @@ void Count(Figures& f, const Run& r) {
   if (r.code == 0) ++f.exit0;
   else if (r.code == 1) ++f.exit1;
   else if (r.code == 2) ++f.exit2;
+  else if (r.code == 3) ++f.exit3;
   else ++f.otherExit;
 }
 

@@ -108,8 +108,13 @@ void CMainWindow::OnCreate() {
   m_tree.Create(m_window, IDC_TREE);
   CreateWindowExW(0, WC_EDITW, L"", WS_CHILD | WS_VISIBLE | ES_MULTILINE | ES_READONLY, 0, 0, 10, 10,
                   m_window, reinterpret_cast<HMENU>(IDC_DESCRIPTION), instance, nullptr);
-  CreateWindowExW(0, WC_STATICW, L"", WS_CHILD | WS_VISIBLE | SS_LEFT | SS_NOPREFIX | SS_ENDELLIPSIS, 0, 0, 10, 10,
+  // two lines that wrap: a status is never cut
+  CreateWindowExW(0, WC_STATICW, L"", WS_CHILD | WS_VISIBLE | SS_LEFT | SS_NOPREFIX | SS_EDITCONTROL, 0, 0, 10, 10,
                   m_window, reinterpret_cast<HMENU>(IDC_STATUS), instance, nullptr);
+  if (HMENU menu = GetSystemMenu(m_window, FALSE)) {
+    AppendMenuW(menu, MF_SEPARATOR, 0, nullptr);
+    AppendMenuW(menu, MF_STRING, IDM_FORGET_SOURCES, L"&Forget remembered definitions...");
+  }
   CreateWindowExW(0, WC_STATICW, L"", WS_CHILD | WS_VISIBLE | SS_LEFT | SS_NOPREFIX | SS_PATHELLIPSIS, 0, 0, 10, 10,
                   m_window, reinterpret_cast<HMENU>(IDC_FOLDER), instance, nullptr);
   HWND progress = CreateWindowExW(0, PROGRESS_CLASSW, L"", WS_CHILD | WS_VISIBLE | PBS_SMOOTH, 0, 0, 10, 10, m_window,
@@ -169,10 +174,10 @@ void CMainWindow::Layout() {
   place(IDC_TREE, m, top, left, h - top - describe - 2 * m);
   place(IDC_DESCRIPTION, m, h - m - describe, left, describe);
   const int rx = m + left + m, rw = w - rx - m;
-  place(IDC_STATUS, rx, top, rw, line);
-  place(IDC_FOLDER, rx, top + line, rw, line);
-  place(IDC_PROGRESS, rx, top + 2 * line + s(4), rw, s(16));
-  int y = top + 2 * line + s(28);
+  place(IDC_STATUS, rx, top, rw, 2 * line);
+  place(IDC_FOLDER, rx, top + 2 * line, rw, line);
+  place(IDC_PROGRESS, rx, top + 3 * line + s(4), rw, s(16));
+  int y = top + 3 * line + s(28);
   const int rest = h - y - m - line - m;
   const int list = rest * 38 / 100, bars = std::min(s(128), rest / 4);
   place(IDC_RESULTS, rx, y, rw, list);
@@ -351,6 +356,23 @@ void CMainWindow::OnClean() {
   UpdateButtons();
 }
 
+void CMainWindow::OnForgetSources() {
+  const SSources remembered = LoadSources();
+  if (remembered.defs.empty() && remembered.winapp2.empty()) {
+    MessageBoxW(m_window, L"No definition folder or winapp2 file is remembered.", L"Broom", MB_OK | MB_ICONINFORMATION);
+    return;
+  }
+  std::wstring list;
+  for (const std::wstring& path : remembered.defs) list += L"\n" + host::Printable(path);
+  for (const std::wstring& path : remembered.winapp2) list += L"\n" + host::Printable(path);
+  const std::wstring question = L"Forget these definitions given at an earlier start?\n" + list +
+                                L"\n\nThe next start without --defs or --winapp2 uses the bundled definitions; this "
+                                L"window keeps what it loaded until it closes.";
+  if (MessageBoxW(m_window, question.c_str(), L"Broom", MB_YESNO | MB_ICONQUESTION | MB_DEFBUTTON2) != IDYES) return;
+  SaveSources(SSources());
+  SetText(IDC_STATUS, L"The remembered definitions are forgotten; the next start uses the bundled ones.");
+}
+
 void CMainWindow::OnProtected() { ShowProtected(m_window, m_session); }
 
 void CMainWindow::OnQuarantine() { ShowQuarantines(m_window, m_session); }
@@ -375,6 +397,12 @@ LRESULT CMainWindow::Handle(UINT message, WPARAM wParam, LPARAM lParam) {
       ApplyDpi(HIWORD(wParam));
       return 0;
     }
+    case WM_SYSCOMMAND:
+      if ((wParam & 0xFFF0) == IDM_FORGET_SOURCES) {
+        OnForgetSources();
+        return 0;
+      }
+      break;
     case WM_COMMAND:
       if (HIWORD(wParam) == BN_CLICKED || HIWORD(wParam) == 1 /* accelerator */) OnCommand(LOWORD(wParam));
       return 0;

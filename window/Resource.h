@@ -44,3 +44,6 @@
 #define IDC_Q_RESTORE 1402
 #define IDC_Q_PURGE 1403
 #define IDC_Q_STATUS 1404
+
+// the window menu's command that forgets remembered definition sources (below 0xF000)
+#define IDM_FORGET_SOURCES 0x0110

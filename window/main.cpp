@@ -120,7 +120,9 @@ int Run(int show) {
   }
   if (!leftOut.empty())
     text += (text.empty() ? L"" : L"\n\n") + std::wstring(L"Some definitions could not be used:\n") + Listed(leftOut);
-  if (!text.empty()) MessageBoxW(nullptr, text.c_str(), L"Broom", MB_OK | MB_ICONINFORMATION);
+  if (!text.empty() && broomw::NoticeIsNew(text))
+    MessageBoxW(nullptr, (text + L"\n\nThis note is shown again only when it changes.").c_str(), L"Broom",
+                MB_OK | MB_ICONINFORMATION);
   MSG message;
   while (GetMessageW(&message, nullptr, 0, 0) > 0) {
     if (window.PreTranslate(message)) continue;

@@ -311,8 +311,8 @@ TEST_F(Window, TicksScansListsAndCleans) {
   // largest first; the selected item's files below
   std::vector<std::wstring> rows = w.Rows(IDC_RESULTS, 3);
   ASSERT_EQ(rows.size(), 2u);
-  EXPECT_EQ(rows[0], L"Demo/Build logs|1|8.8 KB");
-  EXPECT_EQ(rows[1], L"Demo/Editor backups|2|3.9 KB");
+  EXPECT_EQ(rows[0], L"Build logs|1|8.8 KB");
+  EXPECT_EQ(rows[1], L"Editor backups|2|3.9 KB");
   EXPECT_EQ(w.Rows(IDC_FILES, 2), std::vector<std::wstring>{root + L"\\logs\\build.log|8.8 KB"});
   EXPECT_EQ(WindowText(w.Control(IDC_TOTAL)), L"Total: 3 files (12.7 KB)");
   Screenshot(w.Main(), L"results");
@@ -526,6 +526,62 @@ TEST_F(Window, NamesTheDefinitionFilesItLeftOut) {
     if (good) EXPECT_EQ(w.State(L"Backups"), 2);  // the sound file is loaded all the same
     else EXPECT_EQ(WaitForSingleObject(w.Process(), 20000), WAIT_OBJECT_0);
   }
+}
+
+// A new user's texts: the item's own name first with its group in a column,
+// a long path's file name kept, the status on lines that wrap, remembered
+// definitions forgotten from the window, and a start-up note shown once.
+TEST_F(Window, ShowsOwnNamesAndFileNamesForgetsSourcesAndNotesOnce) {
+  const std::wstring deep = m_dir / (L"cache\\" + std::wstring(60, L'a') + L"\\" + std::wstring(60, L'b') + L"\\" +
+                                     std::wstring(60, L'c'));
+  WriteFile(deep + L"\\the-file-name.tmp", 100);
+  std::wstring defs = Defs(m_dir, L"<group name=\"Demo\" scan=\"no\"><item name=\"Backups\"><clean kind=\"file\">"
+                                  L"C:\\x\\*.bak</clean></item></group>\n");
+  const std::wstring ini = WriteFile(m_dir / L"w.ini", broomtest::Narrow(
+      L"[Long Cache *]\r\nLangSecRef=3021\r\nFileKey1=" + m_dir / L"cache" + L"|*.tmp|RECURSE\r\nFileKey2=bad\r\n"));
+  const std::vector<std::wstring> args = {L"--defs", defs, L"--winapp2", ini, L"--no-log"};
+  {
+    CBroomw w(args, m_dir / L"appdata");
+    ASSERT_TRUE(w.Main());
+    HWND box = nullptr;  // the skipped line, noted once
+    ASSERT_TRUE(WaitFor([&] { return (box = w.Find(L"#32770", L"Broom")) && IsWindowVisible(box); }));
+    PostMessageW(box, WM_COMMAND, IDOK, 0);
+    w.Tick(L"Long Cache");
+    w.Click(IDC_SCAN);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+    std::vector<std::wstring> rows = w.Rows(IDC_RESULTS, 5);
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0], L"Long Cache|1|100 bytes||winapp2/Applications");
+    const std::wstring file = w.Rows(IDC_FILES, 1).at(0);
+    EXPECT_NE(file.find(L"..."), std::wstring::npos) << broomtest::Narrow(file);
+    EXPECT_EQ(file.substr(file.size() - 18), L"\\the-file-name.tmp");
+    RECT status, folder;
+    GetWindowRect(w.Control(IDC_STATUS), &status);
+    GetWindowRect(w.Control(IDC_FOLDER), &folder);
+    EXPECT_GE(status.bottom - status.top, 2 * (folder.bottom - folder.top));
+    EXPECT_EQ(GetWindowLongW(w.Control(IDC_STATUS), GWL_STYLE) & SS_ENDELLIPSIS, 0);
+  }
+  {
+    // the same note again: no box (it would be up before the scan could run)
+    CBroomw w({}, m_dir / L"appdata");
+    ASSERT_TRUE(w.Main());
+    w.Tick(L"Long Cache");
+    w.Click(IDC_SCAN);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+    EXPECT_EQ(w.Find(L"#32770", L"Broom"), nullptr);
+
+    PostMessageW(w.Main(), WM_SYSCOMMAND, IDM_FORGET_SOURCES, 0);
+    HWND question = nullptr;
+    ASSERT_TRUE(WaitFor([&] { return (question = w.Find(L"#32770", L"Broom")) && IsWindowVisible(question); }));
+    EXPECT_NE(WindowText(GetDlgItem(question, 0xFFFF)).find(ini), std::wstring::npos);
+    PostMessageW(question, WM_COMMAND, IDYES, 0);
+    ASSERT_TRUE(WaitFor([&] { return w.Status().find(L"forgotten") != std::wstring::npos; }));
+  }
+  wchar_t data[1024] = {};
+  DWORD size = sizeof data;
+  EXPECT_EQ(RegGetValueW(HKEY_CURRENT_USER, L"SOFTWARE\\Broom\\Engine", L"WindowWinapp2Files", RRF_RT_REG_MULTI_SZ,
+                         nullptr, data, &size), ERROR_SUCCESS);
+  EXPECT_EQ(data[0], L'\0');
 }
 
 }  // namespace
