@@ -82,6 +82,14 @@ const SCommand kCommands[] = {
        c.add_flag("--force", o.force, "Clean items that found more than 100,000 files or 20 GB (other refusals stay)");
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
        c.add_option("--runaway-files", o.runawayFiles)->group("");
+       c.add_flag("--overwrite", o.overwrite,
+                  "Overwrite each file's contents with zeros before deleting it (not with --quarantine)")
+           ->excludes("--quarantine");
+       c.add_flag("--close-apps", o.closeApps,
+                  "Ask the running programs that hold items to close (as a user would), wait, then clean");
+       c.add_option("--close-timeout", o.closeTimeout, "How long --close-apps waits for them (default 15)")
+           ->type_name("SECONDS")
+           ->check(CLI::Range(1ul, 3600ul));
      },
      CmdClean},
     {nullptr, "explain",
