@@ -93,6 +93,12 @@ std::vector<std::wstring> HolderImages(const std::vector<SHolder>& holders) {
   return images;
 }
 
+std::wstring ProgramNameOf(const SItemResult& item) {
+  std::wstring name = ProgramGroup(item.item.path);
+  if (name.empty() && !item.running.empty()) name = WithoutExe(item.running.front());
+  return name.empty() ? std::wstring(L"its program") : name;
+}
+
 std::wstring HolderTitle(const SHolder& holder) {
   if (CImageNames::Same(holder.name, WithoutExe(holder.image))) return holder.image;
   return holder.name + L" (" + holder.image + L")";

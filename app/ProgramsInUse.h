@@ -46,6 +46,10 @@ size_t SkipRunning(SScanResults& results, SGuardSummary& guard);
 // The image names of holders, once each.
 std::vector<std::wstring> HolderImages(const std::vector<SHolder>& holders);
 
+// The name an item's program is known by ("Google Chrome"), from its path or
+// its running names; "its program" when neither says.
+std::wstring ProgramNameOf(const SItemResult& item);
+
 // "Google Chrome (chrome.exe)", or "chrome.exe" when the name is the image's.
 std::wstring HolderTitle(const SHolder& holder);
 
