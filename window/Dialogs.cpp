@@ -90,7 +90,8 @@ INT_PTR CALLBACK RunningProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
                        L"leave its items for now.")
                           .c_str());
       SetDlgItemTextW(dialog, IDC_RUN_LIST, list.c_str());
-      return TRUE;
+      SetFocus(GetDlgItem(dialog, IDC_RUN_CLOSE));  // not the list, which would select all its text
+      return FALSE;
     }
     case WM_COMMAND:
       switch (LOWORD(wParam)) {
