@@ -8,8 +8,20 @@
 #include "clean/CleanableFolder.h"
 #include "clean/ResultCodes.h"
 #include "core/Names.h"
+#include "recyclebin/RecycleBinScan.h"
 
 namespace host {
+
+bool IsRecycleBinItem(const SItem& item) {
+  CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> ops;
+  if (item.group) item.group->GetScanOps(ops);
+  bool any = false;
+  for (; ops && !ops->AtEnd(); ops->Next()) {
+    if (!dynamic_cast<CRecycleBinScan*>(ops->Current()->Get())) return false;
+    any = true;
+  }
+  return any;
+}
 
 SGuardSummary ApplyGuard(const CSession& session, const CBlastGuard& guard, SScanResults& results, bool force) {
   SGuardSummary summary;
@@ -17,7 +29,7 @@ SGuardSummary ApplyGuard(const CSession& session, const CBlastGuard& guard, SSca
   for (SItemResult& r : results.items) {
     r.refusal.clear();
     CBlastGuard::SVerdict totals = guard.CheckTotals(r.files, r.size);
-    if (!totals.allowed && !force) {
+    if (!totals.allowed && !force && !IsRecycleBinItem(r.item)) {
       r.refusal = totals.reason.GetString();
       whole.push_back({r.item.path, std::wstring(), r.refusal});
     }
@@ -94,11 +106,11 @@ void RefuseFoldersOfKeptHits(SScanResults& results, SGuardSummary& summary) {
 }
 
 SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuarantine* quarantine,
-                       ICleanObserver& observer) {
+                       ICleanObserver& observer, bool overwrite) {
   SCleanReport report;
   unsigned __int64 total = 0, index = 0;
   for (const SItemResult& r : results.items)
-    if (r.refusal.empty())
+    if (r.refusal.empty() && r.skipped.empty())
       for (const SHit& hit : r.hits) total += hit.refusal.IsEmpty();
 
   auto account = [&](SHit& hit, DWORD result) {
@@ -119,13 +131,14 @@ SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuaranti
   auto flush = [&] {
     if (run.empty()) return;
     runResults.assign(run.size(), 0);
-    CleanItems(runItems.data(), runItems.size(), runResults.data());
+    CleanItems(runItems.data(), runItems.size(), runResults.data(), overwrite);
     for (size_t i = 0; i < run.size(); ++i) account(*run[i], runResults[i]);
     run.clear();
     runItems.clear();
   };
   for (SItemResult& r : results.items) {
     if (!r.refusal.empty()) continue;  // never half of a runaway item
+    if (!r.skipped.empty()) continue;  // a running program's, or the bin under a quarantine
     unsigned __int64 taken = 0, toTake = 0;
     for (const SHit& hit : r.hits) toTake += hit.refusal.IsEmpty() && hit.item;
     if (report.cancelled) {

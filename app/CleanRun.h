@@ -29,6 +29,8 @@ struct SGuardSummary {
 // found it) and about every item's totals. Sets SHit::refusal and
 // SHit::userFolder; an item past the runaway limits gets
 // SItemResult::refusal and none of its hits is cleaned, unless force.
+// Recycle Bin items have no runaway limit: each entry is checked to lie in
+// a real bin folder, and everything there was deleted by the user already.
 SGuardSummary ApplyGuard(const CSession& session, const CBlastGuard& guard, SScanResults& results, bool force);
 
 // A folder a rule removes once it is empty (winapp2's REMOVESELF) cannot go
@@ -60,8 +62,13 @@ struct SCleanReport {
 // runs that make one trip to the engine's STA thread each; cancellation
 // is checked between hits. Hits of refused items and refused hits are
 // never touched.
+// Items with SItemResult::skipped set are left whole too. With overwrite,
+// file contents are overwritten before they go (never with a quarantine).
 // The session tells the quarantine which rule found each hit.
 SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuarantine* quarantine,
-                       ICleanObserver& observer);
+                       ICleanObserver& observer, bool overwrite = false);
+
+// Whether every operation of the item reads the Recycle Bin ("recyclebin").
+bool IsRecycleBinItem(const SItem& item);
 
 }  // namespace host

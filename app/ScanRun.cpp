@@ -5,6 +5,7 @@
 
 #include "app/HostError.h"
 #include "core/Handles.h"
+#include "recyclebin/RecycleBinScan.h"
 #include "registry/CleanableRegistry.h"
 #include "scan/BaseFileScan.h"
 #include "scan/OperationNotes.h"
@@ -63,6 +64,8 @@ class CRunAgeFilters {
  public:
   CRunAgeFilters(unsigned long days, bool withoutAges) : m_days(days), m_withoutAges(withoutAges) {}
   ~CRunAgeFilters() {
+    for (auto& added : m_binAdded) added.first->RemoveFilter(added.second);
+    for (auto& removed : m_binRemoved) removed.first->AddFilter(removed.second);
     for (auto& added : m_added) added.first->RemoveFilter(added.second);
     for (auto& removed : m_removed) removed.first->AddFilter(removed.second);
   }
@@ -70,6 +73,7 @@ class CRunAgeFilters {
   CRunAgeFilters& operator=(const CRunAgeFilters&) = delete;
 
   void Apply(IScanOperation* op) {
+    if (auto* bin = dynamic_cast<CRecycleBinScan*>(op)) return ApplyToBin(bin);
     auto* files = dynamic_cast<CBaseFileScan*>(op);
     if (!files) return;
     if (m_withoutAges) {
@@ -90,9 +94,31 @@ class CRunAgeFilters {
     m_added.emplace_back(files, age);
   }
 
+  // A Recycle Bin entry's age is its deletion time; its filters are the file scan's.
+  void ApplyToBin(CRecycleBinScan* bin) {
+    if (m_withoutAges) {
+      std::vector<CBaseFileScan::IFilter*> ages;
+      for (const auto& filter : bin->GetFilters())
+        if (dynamic_cast<CBaseFileScan::_FilterRejectRecentFiles_Impl*>(filter.Get())) ages.push_back(filter.Get());
+      for (CBaseFileScan::IFilter* age : ages) {
+        m_binRemoved.emplace_back(bin, age);
+        bin->RemoveFilter(age);
+      }
+      return;
+    }
+    if (m_days == 0) return;
+    auto* age = new IUnknownNoQIImp<CBaseFileScan::_FilterRejectRecentFiles_Impl>();
+    CRefPtr<CBaseFileScan::IFilter> hold(age);
+    age->SetAge(m_days, false);
+    bin->AddFilter(age);
+    m_binAdded.emplace_back(bin, age);
+  }
+
  private:
   unsigned long m_days;
   bool m_withoutAges;
+  std::vector<std::pair<CRecycleBinScan*, CBaseFileScan::IFilter*>> m_binAdded;
+  std::vector<std::pair<CRecycleBinScan*, CRefPtr<CBaseFileScan::IFilter>>> m_binRemoved;
   std::vector<std::pair<CBaseFileScan*, CBaseFileScan::IFilter*>> m_added;
   std::vector<std::pair<CBaseFileScan*, CRefPtr<CBaseFileScan::IFilter>>> m_removed;
 };
@@ -217,8 +243,9 @@ SScanResults RunScan(const std::vector<SItem>& items, const SScanOptions& option
 
   for (size_t i = 0; i < items.size(); ++i) {
     if (notify.IsCancelled()) break;
-    results.items.push_back(SItemResult{items[i], {}, 0, 0, {}, {}, {}});
+    results.items.emplace_back();
     SItemResult& current = results.items.back();
+    current.item = items[i];
     collector.SetTarget(&current);
     notify.Begin(items[i].path, i, items.size());
 
@@ -237,6 +264,8 @@ SScanResults RunScan(const std::vector<SItem>& items, const SScanOptions& option
       }
       if (auto* notes = dynamic_cast<IOperationNotes*>(op))
         for (const CString& note : notes->TakeScanNotes()) current.notes.emplace_back(note.GetString());
+      if (auto* bin = dynamic_cast<CRecycleBinScan*>(op))
+        for (const CRecycleBinScan::SNote& note : bin->GetNotes()) current.notes.push_back(note.path + L": " + note.reason);
     }
   }
   collector.SetTarget(nullptr);

@@ -46,6 +46,8 @@ struct SItemResult {
   std::vector<std::wstring> errors;  // operations that failed to run
   std::wstring refusal;              // why none of its hits may be cleaned (past the runaway limits)
   std::vector<std::wstring> notes;   // what its operations left alone on purpose (a link on a rule's path)
+  std::vector<std::wstring> running; // its programs that run now (FindRunning), image names
+  std::wstring skipped;              // why a clean leaves it whole: "running", "quarantine"; empty: it cleans
 };
 
 // What a scan keeps of each hit: only the totals (a scan that reports

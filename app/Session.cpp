@@ -7,6 +7,7 @@
 #include "app/WhiteListFile.h"
 #include "core/Handles.h"
 #include "log/ScanLogThread.h"
+#include "recyclebin/RecycleBinScanFactory.h"
 #include "registry/RegistryScanFactory.h"
 #include "settings/AppInfo.h"
 #include "settings/RegSettings.h"
@@ -84,6 +85,8 @@ void CSession::Start(bool noLog) {
   if (noLog || !m_logFault.empty()) CAppInfo::SetManualStateBits(0x20000);
   m_config = IConfig::NewConfig();
   m_config->AddFactory(CRegistryScanFactory::Create());  // "reg" definitions
+  m_recycleBin = CRecycleBinScanFactory::Create();        // "recyclebin" definitions
+  m_config->AddFactory(m_recycleBin);
   m_started = true;
 }
 
@@ -93,6 +96,8 @@ void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
     if (CConfigStore* store = CConfigStore::Of(m_config))
       for (const SLoadNote& note : store->TakeLoadNotes())
         NoteLoad(L"skipped " + note.file.str() + L": " + note.reason.str());
+    if (auto* bin = dynamic_cast<CRecycleBinScanFactory*>(m_recycleBin.Get()))
+      for (const std::wstring& note : bin->TakeNotes()) NoteLoad(note);
   };
   for (const std::wstring& folder : folders) {
     DWORD attributes = GetFileAttributesW(folder.c_str());

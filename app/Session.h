@@ -98,6 +98,7 @@ class CSession {
 
  private:
   CRefPtr<IConfig> m_config;
+  CRefPtr<IScanOperationFactory> m_recycleBin;  // its notes join the load notes
   CRefPtr<ILogWriter> m_scanLog;
   CWhiteListTree m_whiteList;
   struct SUnstorableLine {

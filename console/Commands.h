@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "app/CleanRun.h"
+#include "app/ProgramsInUse.h"
 #include "app/Session.h"
 
 namespace host {
@@ -28,6 +30,9 @@ struct SOptions {
   unsigned long long runawayFiles = 0; // hidden: a test's own runaway file limit
   std::vector<std::string> include;    // sign-in, saved: what a named group brings along
   unsigned long cancelAfterCleaned = 0;  // hidden: simulates Ctrl+C after a clean took that many hits
+  bool overwrite = false;              // clean: overwrite file contents before deleting
+  bool closeApps = false;              // clean: ask the programs that hold items to close first
+  unsigned long closeTimeout = 15;     // clean: seconds --close-apps waits for them
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
@@ -59,5 +64,17 @@ int CmdUnprotect(CSession& session, const SOptions& options);
 int CmdProtected(CSession& session, const SOptions& options);
 int CmdWinapp2Check(CSession& session, const SOptions& options);
 int CmdExplain(CSession& session, const SOptions& options);
+
+// Running programs (RunningOutput.cpp): after scan's table, which programs
+// run and hold items; for clean, the skipped items and the closing.
+void PrintRunning(const std::vector<SHolder>& holders, DWORD snapshotError);
+// Skips the items of running programs, each said on standard error with
+// what to do; afterClose says they were asked to close already.
+size_t SkipRunningItems(SScanResults& results, SGuardSummary& guard, bool afterClose);
+// Asks the holders' programs to close, waits at most timeoutSeconds and
+// says what became of each.
+void CloseHolders(const std::vector<SHolder>& holders, unsigned long timeoutSeconds);
+// With a quarantine, Recycle Bin items stay as they are, each said.
+size_t SkipRecycleBinItems(SScanResults& results, SGuardSummary& guard);
 
 }  // namespace host

@@ -93,6 +93,8 @@ int CmdExplain(CSession& session, const SOptions& options) {
   }
 
   CPathString folder(path.substr(0, path.rfind(L'\\') + 1).c_str());
+  std::vector<SHolder> holders;
+  FindRunning(session, results, holders);
   CBlastGuard guard;
   unsigned takers = 0, aged = 0;
   for (const SItemResult& r : results.items) {
@@ -117,6 +119,8 @@ int CmdExplain(CSession& session, const SOptions& options) {
         if (!verdict.userFolder.IsEmpty())
           out += L"  it lies in your " + std::wstring(verdict.userFolder.GetString()) + L"\n";
       }
+      for (const std::wstring& image : r.running)
+        out += L"  " + image + L" is running now: clean skips this item until it closes (or use --close-apps)\n";
     }
   }
   if (out.empty())

@@ -37,6 +37,14 @@ std::wstring SourceText(const CSession& session, const SHit& hit) {
          source.kind.GetString() + L" " + source.text.GetString();
 }
 
+// Why a clean leaves an item whole: "chrome.exe is running".
+std::wstring SkippedText(const SItemResult& r) {
+  if (r.skipped != L"running") return L"the Recycle Bin is never quarantined";
+  std::wstring images;
+  for (const std::wstring& image : r.running) images += (images.empty() ? L"" : L", ") + image;
+  return images + (r.running.size() == 1 ? L" is running" : L" are running");
+}
+
 std::wstring Mark(const SHit& hit) {
   if (!hit.refusal.IsEmpty()) return std::wstring(L"  [refused: ") + hit.refusal.GetString() + L"]";
   if (!hit.userFolder.IsEmpty()) return std::wstring(L"  [in your ") + hit.userFolder.GetString() + L"]";
@@ -78,6 +86,7 @@ void PrintTable(const CSession& session, const SScanResults& results, bool files
     out += Pad(r.item.path, width, false) + L"  " + Pad(FormatCount(r.files), 9, true) + L"  " +
            Pad(FormatSize(r.size), 10, true);
     if (!r.refusal.empty()) out += L"  [refused: " + r.refusal + L"]";
+    if (!r.skipped.empty()) out += L"  [skipped: " + SkippedText(r) + L"]";
     if (marked) out += L"  [" + Plural(marked, L"file", L"files") + L" in your own folders]";
     out += L"\n";
   }
@@ -131,6 +140,10 @@ void PrintJson(const CSession& session, const SScanResults& results, bool files,
                            {"files", r.files},
                            {"size", r.size}};
     if (!r.refusal.empty()) item["refused"] = Utf8(r.refusal);
+    nlohmann::json running = nlohmann::json::array();
+    for (const std::wstring& image : r.running) running.push_back(Utf8(image));
+    item["running"] = running;
+    if (!r.skipped.empty()) item["skipped"] = Utf8(r.skipped);
     if (files) {
       nlohmann::json hits = nlohmann::json::array();
       for (const SHit& hit : r.hits) {
@@ -311,10 +324,13 @@ int CmdScan(CSession& session, const SOptions& options) {
   PrintScanErrors(results);
   // The guard's marks need the hits; a scan of totals keeps none.
   if (options.files) ApplyGuard(session, MakeGuard(options), results, false);
+  std::vector<SHolder> holders;
+  const DWORD snapshot = FindRunning(session, results, holders);
   if (options.json)
     PrintJson(session, results, options.files, selection.leftOut);
   else
     PrintTable(session, results, options.files, selection.leftOut);
+  PrintRunning(holders, snapshot);
   if (results.cancelled) {
     CConsole::Err(L"broom: cancelled; the results above are partial\n");
     return exitCancelled;
@@ -351,6 +367,14 @@ int CmdClean(CSession& session, const SOptions& options) {
     return exitCancelled;
   }
   SGuardSummary guard = ApplyGuard(session, MakeGuard(options), results, options.force);
+  // One snapshot of the programs before the table; with --close-apps their
+  // items wait until the programs were asked to close.
+  std::vector<SHolder> holders;
+  const DWORD snapshot = FindRunning(session, results, holders);
+  if (snapshot != ERROR_SUCCESS) PrintRunning({}, snapshot);
+  size_t skipped = quarantine ? SkipRecycleBinItems(results, guard) : 0;
+  const bool closing = options.closeApps && !holders.empty();
+  if (!closing) skipped += SkipRunningItems(results, guard, false);
   const SCleanReport noClean;
   // The table counts what will be cleaned; what the guard keeps is named apart.
   if (!options.json) PrintTable(session, Cleanable(results), options.files, selection.leftOut);
@@ -362,20 +386,33 @@ int CmdClean(CSession& session, const SOptions& options) {
     CConsole::Out(Plural(guard.markedFiles, L"file lies", L"files lie") +
                   L" in your own folders (Desktop, Documents, Downloads, Pictures, Music, Videos); run with --files "
                   L"to see them.\n");
-  const int refusedExit = guard.refusals.empty() ? exitOk : exitRefused;
+  // a running program's item left whole is a failure to clean; refusals alone have their own code
+  const int refusedExit = skipped ? exitCleanFailures : guard.refusals.empty() ? exitOk : exitRefused;
   if (guard.allowedFiles == 0) {
     if (options.json)
       PrintJson(session, results, true, selection.leftOut, &noClean, quarantine != nullptr);
     else
-      CConsole::Out(guard.refusals.empty() ? L"Nothing to clean.\n" : L"Nothing was cleaned: every file was refused.\n");
+      CConsole::Out(guard.refusals.empty() && !skipped ? L"Nothing to clean.\n"
+                    : guard.refusals.empty()           ? L"Nothing was cleaned: every item found was skipped.\n"
+                                                       : L"Nothing was cleaned: every file was refused.\n");
     return refusedExit;
   }
   if (!options.json) PrintWarnings(results);
+  if (options.overwrite && !options.json)
+    CConsole::Out(L"Overwriting: on SSDs, and on copy-on-write or compressed volumes, the drive may keep copies of "
+                  L"the data that no overwrite reaches; whole-disk encryption (BitLocker) is the real protection "
+                  L"there.\n");
+  if (closing && !options.json) {
+    std::wstring names;
+    for (const SHolder& h : holders) names += (names.empty() ? L"" : L", ") + HolderTitle(h);
+    CConsole::Out(L"Running now, asked to close before cleaning: " + names + L".\n");
+  }
 
   std::wstring what = Plural(guard.allowedFiles, L"file", L"files") + L" (" + FormatSize(guard.allowedBytes) + L")";
   if (!options.yes) {
-    std::wstring question = quarantine ? L"Move " + what + L" to '" + quarantine->Folder() + L"'?"
-                                       : L"Delete " + what + L" for good?";
+    std::wstring question = quarantine          ? L"Move " + what + L" to '" + quarantine->Folder() + L"'?"
+                            : options.overwrite ? L"Overwrite and delete " + what + L" for good?"
+                                                : L"Delete " + what + L" for good?";
     if (!Confirm(question)) {
       if (options.json)
         PrintJson(session, results, true, selection.leftOut, &noClean, quarantine != nullptr);
@@ -386,8 +423,16 @@ int CmdClean(CSession& session, const SOptions& options) {
     ConfirmSaved(session, results);
   }
 
+  if (closing) {
+    CloseHolders(holders, options.closeTimeout);
+    // A new snapshot says which programs ended; the items of the others stay.
+    const DWORD again = FindRunning(session, results, holders);
+    if (again != ERROR_SUCCESS) PrintRunning({}, again);
+    skipped += SkipRunningItems(results, guard, true);
+  }
+
   CConsoleClean observer(quarantine != nullptr, options.cancelAfterCleaned);
-  SCleanReport report = CleanHits(session, results, quarantine.get(), observer);
+  SCleanReport report = CleanHits(session, results, quarantine.get(), observer, options.overwrite);
   CConsole::ClearProgress();
 
   std::wstring done = quarantine ? L"Moved " + Plural(report.done, L"file", L"files") + L" (" +
@@ -416,6 +461,10 @@ int CmdClean(CSession& session, const SOptions& options) {
   if (!guard.refusals.empty())
     CConsole::Err(L"broom: " + Plural(guard.refusals.size(), L"refusal", L"refusals") +
                   L" above: those files stay; --force cleans items past the size limits, nothing cleans the rest\n");
+  if (skipped) {
+    CConsole::Err(L"broom: " + Plural(skipped, L"item was", L"items were") + L" skipped, as said above\n");
+    return exitCleanFailures;
+  }
   return refusedExit;
 }
 

@@ -98,6 +98,14 @@ const SCommand kCommands[] = {
        c.add_option("--runaway-files", o.runawayFiles)->group("");
        c.add_flag("--json", o.json, "Print the results as JSON, as scan --json does, with what became of each hit");
        c.add_option("--cancel-after-cleaned", o.cancelAfterCleaned)->group("");
+       c.add_flag("--overwrite", o.overwrite,
+                  "Overwrite each file's contents with zeros before deleting it (not with --quarantine)")
+           ->excludes("--quarantine");
+       c.add_flag("--close-apps", o.closeApps,
+                  "Ask the running programs that hold items to close (as a user would), wait, then clean");
+       c.add_option("--close-timeout", o.closeTimeout, "How long --close-apps waits for them (default 15)")
+           ->type_name("SECONDS")
+           ->check(CLI::Range(1ul, 3600ul));
      },
      CmdClean},
     {nullptr, "explain",

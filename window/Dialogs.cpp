@@ -25,8 +25,11 @@ std::wstring Text(HWND dialog, int id) {
   return text;
 }
 
-std::wstring ConfirmText(const SConfirm& c, bool quarantine) {
+std::wstring ConfirmText(const SConfirm& c, bool quarantine, bool overwrite = false) {
   std::wstring what = host::Plural(c.files, L"file", L"files") + L" (" + host::FormatSize(c.bytes) + L")";
+  if (!quarantine && overwrite)
+    return L"Overwrite and delete " + what + L" for good? On SSDs and on copy-on-write or compressed volumes the "
+           L"drive may keep copies no overwrite reaches; whole-disk encryption is the real protection there.";
   return quarantine ? L"Move " + what + L" to a new quarantine? 'Quarantine...' puts them back."
                     : L"Delete " + what + L" for good?";
 }
@@ -52,18 +55,64 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
       return TRUE;
     case WM_COMMAND:
       switch (LOWORD(wParam)) {
-        case IDC_CONFIRM_QUARANTINE: {
+        case IDC_CONFIRM_QUARANTINE:
+        case IDC_CONFIRM_OVERWRITE: {
+          // the two exclude each other: a moved file keeps its contents
+          const int other = LOWORD(wParam) == IDC_CONFIRM_QUARANTINE ? IDC_CONFIRM_OVERWRITE : IDC_CONFIRM_QUARANTINE;
+          if (IsDlgButtonChecked(dialog, LOWORD(wParam)) == BST_CHECKED) CheckDlgButton(dialog, other, BST_UNCHECKED);
           bool quarantine = IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
-          SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, quarantine).c_str());
+          bool overwrite = IsDlgButtonChecked(dialog, IDC_CONFIRM_OVERWRITE) == BST_CHECKED;
+          SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, quarantine, overwrite).c_str());
           SetDlgItemTextW(dialog, IDOK, quarantine ? L"&Move" : L"&Clean");
           return TRUE;
         }
         case IDOK:
           confirm->quarantine = IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
+          confirm->overwrite = !confirm->quarantine && IsDlgButtonChecked(dialog, IDC_CONFIRM_OVERWRITE) == BST_CHECKED;
           EndDialog(dialog, IDOK);
           return TRUE;
         case IDCANCEL:
           EndDialog(dialog, IDCANCEL);
+          return TRUE;
+      }
+      break;
+  }
+  return FALSE;
+}
+
+// ---- running programs ----
+
+INT_PTR CALLBACK RunningProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
+  switch (message) {
+    case WM_INITDIALOG: {
+      const auto& holders = *reinterpret_cast<const std::vector<host::SHolder>*>(lParam);
+      std::wstring list;
+      for (const host::SHolder& h : holders) {
+        list += host::HolderTitle(h) + L" is running" +
+                (h.processes ? L" (" + host::Plural(h.processes, L"process", L"processes") + L")" : std::wstring()) +
+                L" and holds:\r\n";
+        for (const std::wstring& item : h.items) list += L"    " + item + L"\r\n";
+      }
+      SetDlgItemTextW(dialog, IDC_RUN_TEXT,
+                      (host::Plural(holders.size(), L"program that holds ticked items is",
+                                    L"programs that hold ticked items are") +
+                       L" running. Cleaning under a running program fails or damages its files: close it first, or "
+                       L"leave its items for now.")
+                          .c_str());
+      SetDlgItemTextW(dialog, IDC_RUN_LIST, list.c_str());
+      SetFocus(GetDlgItem(dialog, IDC_RUN_CLOSE));  // not the list, which would select all its text
+      return FALSE;
+    }
+    case WM_COMMAND:
+      switch (LOWORD(wParam)) {
+        case IDC_RUN_CLOSE:
+          EndDialog(dialog, runningClose);
+          return TRUE;
+        case IDC_RUN_SKIP:
+          EndDialog(dialog, runningSkip);
+          return TRUE;
+        case IDCANCEL:
+          EndDialog(dialog, runningCancel);
           return TRUE;
       }
       break;
@@ -370,6 +419,12 @@ void ShowQuarantines(HWND owner, host::CSession& session) {
 bool ConfirmClean(HWND owner, SConfirm& confirm) {
   return DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_CONFIRM), owner, ConfirmProc,
                          reinterpret_cast<LPARAM>(&confirm)) == IDOK;
+}
+
+ERunningChoice AskRunning(HWND owner, const std::vector<host::SHolder>& holders) {
+  INT_PTR choice = DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_RUNNING), owner, RunningProc,
+                                   reinterpret_cast<LPARAM>(&holders));
+  return choice == runningClose || choice == runningSkip ? static_cast<ERunningChoice>(choice) : runningCancel;
 }
 
 void ShowProtected(HWND owner, host::CSession& session) {

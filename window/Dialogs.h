@@ -5,6 +5,9 @@
 
 #include <string>
 
+#include <vector>
+
+#include "app/ProgramsInUse.h"
 #include "app/Session.h"
 
 namespace broomw {
@@ -13,9 +16,15 @@ struct SConfirm {
   unsigned __int64 files = 0, bytes = 0;
   std::wstring marks;       // what to look at before saying yes (warnings, hits in the user's folders)
   bool quarantine = false;  // out: move to quarantine instead
+  bool overwrite = false;   // out: overwrite the contents before deleting (never with quarantine)
 };
 // True when the user chose to clean.
 bool ConfirmClean(HWND owner, SConfirm& confirm);
+
+// Before the confirmation, when ticked items belong to running programs:
+// each program with the items it holds, and what to do about them.
+enum ERunningChoice { runningCancel, runningClose, runningSkip };
+ERunningChoice AskRunning(HWND owner, const std::vector<host::SHolder>& holders);
 
 void ShowProtected(HWND owner, host::CSession& session);
 // The managed quarantines, newest first, to restore or delete.

@@ -270,6 +270,7 @@ void CMainWindow::OnProgress() {
     status = L"Cleaning " + host::FormatCount(static_cast<unsigned __int64>(p.position)) + L" of " +
              host::Plural(static_cast<unsigned __int64>(p.total), L"file", L"files") + L"...";
   }
+  if (!p.waiting.empty()) status = p.waiting;
   if (m_worker->Stopping()) status = L"Stopping...";
   SetText(IDC_STATUS, status);
   SetText(IDC_FOLDER, p.folder);
@@ -312,6 +313,8 @@ void CMainWindow::OnDone(EJob job) {
       if (m_guard.refusedFiles)
         status += L" " + host::Plural(m_guard.refusedFiles, L"refused file stays", L"refused files stay") + L".";
       if (n.cancelled) status += L" Stopped; " + host::Plural(n.untouched, L"file was", L"files were") + L" left untouched.";
+      if (c.skipped) status += L" " + host::Plural(c.skipped, L"item was", L"items were") + L" skipped (see Result).";
+      for (const std::wstring& program : c.notClosed) status += L" " + program + L".";
     }
     SetText(IDC_STATUS, status);
     SetText(IDC_TOTAL, (c.quarantine ? L"Moved: " : L"Freed: ") + host::FormatSize(n.freed));
@@ -322,19 +325,44 @@ void CMainWindow::OnDone(EJob job) {
 }
 
 void CMainWindow::OnClean() {
+  // Programs that run now and hold ticked items: closed first, or their
+  // items left whole, as the user chooses.
+  for (host::SItemResult& r : m_results->items) r.skipped.clear();
+  host::SGuardSummary guard = m_guard;
+  std::vector<host::SHolder> holders;
+  host::FindRunning(m_session, *m_results, holders);
+  std::vector<std::wstring> closeFirst;
+  if (!holders.empty()) {
+    ERunningChoice choice = AskRunning(m_window, holders);
+    if (choice == runningCancel) return;
+    if (choice == runningSkip) host::SkipRunning(*m_results, guard);
+    if (choice == runningClose) closeFirst = host::HolderImages(holders);
+    if (guard.allowedFiles == 0) {
+      SetText(IDC_STATUS, L"Nothing was cleaned: every item found belongs to a running program.");
+      return;
+    }
+  }
   SConfirm confirm;
-  confirm.files = m_guard.allowedFiles;
-  confirm.bytes = m_guard.allowedBytes;
+  confirm.files = guard.allowedFiles;
+  confirm.bytes = guard.allowedBytes;
   // what to look at before saying yes: the items, their warnings, the
   // files in the user's own folders, what the guard refused
   // every item that costs more than a cache first, by name, never counted away
   for (ECost cost : {costSaved, costSignIn, costHistory})
     for (const host::SItemResult& r : m_results->items)
-      if (r.files && r.refusal.empty() && host::CostOf(m_session.Config(), r.item.group) == cost)
+      if (r.files && r.refusal.empty() && r.skipped.empty() && host::CostOf(m_session.Config(), r.item.group) == cost)
         confirm.marks += std::wstring(CostShortWords(cost)) + L": " + r.item.path + L"\n";
   size_t shown = 0;
+  size_t left = 0;
+  for (const host::SItemResult& r : m_results->items) left += !r.skipped.empty();
+  if (left)
+    confirm.marks += host::Plural(left, L"item of a running program stays", L"items of running programs stay") +
+                     L" as it is.\n";
+  if (!closeFirst.empty())
+    confirm.marks += L"First asks " + host::Plural(closeFirst.size(), L"program", L"programs") +
+                     L" to close; the items of one that does not close stay.\n";
   for (const host::SItemResult& r : m_results->items) {
-    if (!r.files || !r.refusal.empty()) continue;
+    if (!r.files || !r.refusal.empty() || !r.skipped.empty()) continue;
     // the costly ones are named above; the rest is summed up
     bool named = host::CostOf(m_session.Config(), r.item.group) > costCache;
     if (!named && ++shown <= 6) confirm.marks += r.item.path + L": " + FilesAndSize(r.files, r.size) + L"\n";
@@ -352,7 +380,7 @@ void CMainWindow::OnClean() {
   if (!ConfirmClean(m_window, confirm)) return;
   SetText(IDC_STATUS, confirm.quarantine ? L"Moving to quarantine..." : L"Cleaning...");
   SendMessageW(Control(IDC_PROGRESS), PBM_SETPOS, 0, 0);
-  m_worker->StartClean(m_session, *m_results, confirm.quarantine);
+  m_worker->StartClean(m_session, *m_results, confirm.quarantine, confirm.overwrite, closeFirst);
   UpdateButtons();
 }
 

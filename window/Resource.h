@@ -6,6 +6,7 @@
 #define IDD_CONFIRM 101
 #define IDD_PROTECTED 102
 #define IDD_QUARANTINE 103
+#define IDD_RUNNING 104
 
 // Commands, also the identifiers of their buttons.
 #define IDC_SCAN 1001
@@ -31,6 +32,7 @@
 #define IDC_CONFIRM_TEXT 1201
 #define IDC_CONFIRM_QUARANTINE 1202
 #define IDC_CONFIRM_MARKS 1203
+#define IDC_CONFIRM_OVERWRITE 1204
 
 // The protected-path dialog.
 #define IDC_PROT_LIST 1301
@@ -47,3 +49,8 @@
 
 // the window menu's command that forgets remembered definition sources (below 0xF000)
 #define IDM_FORGET_SOURCES 0x0110
+// Before cleaning, the programs that run and hold ticked items.
+#define IDC_RUN_TEXT 1501
+#define IDC_RUN_LIST 1502
+#define IDC_RUN_CLOSE 1503
+#define IDC_RUN_SKIP 1504

@@ -456,6 +456,49 @@ TEST_F(BroomExe, FailuresAreExplainedAndExitWithOne) {
   EXPECT_EQ("", ReadFile(fine));
 }
 
+// ---- overwrite ----
+
+// A second hard link made before the clean keeps the data reachable after
+// the name is deleted: through it, the test reads what reached the disk.
+TEST_F(BroomExe, OverwriteZeroesTheDataBeforeItGoesAndLeavesWhatItCannotOpen) {
+  const std::string data = Bytes(70000, 3);
+  std::wstring secret = WriteFile(Tree(L"o\\secret.dat"), data);
+  std::wstring locked = WriteFile(Tree(L"o\\locked.dat"), data);
+  std::wstring plain = WriteFile(Tree(L"p\\plain.dat"), data);
+  std::wstring secretLink = m_root / L"secret.link", plainLink = m_root / L"plain.link";
+  ASSERT_TRUE(CreateHardLinkW(secretLink.c_str(), secret.c_str(), nullptr));
+  ASSERT_TRUE(CreateHardLinkW(plainLink.c_str(), plain.c_str(), nullptr));
+  WriteDefs({{L"T", L"Secret", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"o\\*"))},
+             {L"T", L"Plain", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"p\\*"))}});
+
+  RunResult both = Run({L"clean", L"-y", L"--overwrite", L"--quarantine"});
+  EXPECT_EQ(2u, both.code);
+  EXPECT_NE(std::string::npos, both.err.find(" excludes --")) << both.err;
+  EXPECT_TRUE(Exists(secret) && Exists(plain));
+
+  RunResult over;
+  {
+    broom::unique_hfile hold(CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(hold);
+    over = Run({L"clean", L"-y", L"--overwrite", L"T/Secret"});
+  }
+  EXPECT_EQ(1u, over.code) << over.err;
+  EXPECT_NE(std::string::npos, over.out.find("whole-disk encryption")) << over.out;
+  EXPECT_NE(std::string::npos, over.err.find("locked.dat: ")) << over.err;
+  EXPECT_NE(std::string::npos, over.err.find("(0x80680020)")) << over.err;
+  EXPECT_FALSE(Exists(secret));
+  std::string left = ReadFile(secretLink);
+  EXPECT_GE(left.size(), data.size());
+  EXPECT_EQ(std::string::npos, left.find_first_not_of('\0')) << "the data was not overwritten";
+  EXPECT_EQ(data, ReadFile(locked)) << "a file that cannot be opened for writing stays whole";
+
+  RunResult normal = Run({L"clean", L"-y", L"T/Plain"});
+  EXPECT_EQ(0u, normal.code) << normal.err;
+  EXPECT_EQ(std::string::npos, normal.out.find("whole-disk encryption"));
+  EXPECT_FALSE(Exists(plain));
+  EXPECT_EQ(data, ReadFile(plainLink)) << "without --overwrite the data is left as it was";
+}
+
 // ---- quarantine ----
 
 // The moves and the manifest's checks are tested in-process (tests/app);

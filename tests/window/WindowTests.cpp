@@ -16,6 +16,7 @@
 #include "common/HandleCount.h"
 #include "common/TestFiles.h"
 #include "core/Handles.h"
+#include "running/TestApps.h"
 #include "window/Resource.h"
 
 using broomtest::Exists;
@@ -507,6 +508,56 @@ TEST_F(Window, MovesToQuarantineAndRestores) {
   EXPECT_TRUE(w.Rows(GetDlgItem(dialog, IDC_Q_LIST), 3).empty());
   EXPECT_TRUE(IsWindowEnabled(GetDlgItem(dialog, IDCANCEL)));
   PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+}
+
+// Ticked items of a running program: the window names the program with its
+// items and offers to close it, to skip its items, or to cancel.
+TEST_F(Window, AsksAboutRunningProgramsThenSkipsOrClosesThem) {
+  const std::wstring root = m_dir.Path();
+  WriteFile(m_dir / L"chrome\\a.tmp", 3000);
+  WriteFile(m_dir / L"chrome\\b.tmp", 3000);
+  WriteFile(m_dir / L"plain\\c.tmp", 100);
+  std::wstring defs = Defs(m_dir, L"<group name=\"Demo\" scan=\"yes\" clean=\"yes\"><item name=\"Plain\">"
+                                  L"<clean kind=\"file\">" + root + L"\\plain\\*</clean></item></group>\n");
+  std::wstring ini = WriteFile(m_dir / L"winapp2.ini", broomtest::Narrow(L"[Google Chrome Cache *]\r\nSection=Google "
+                                                                         L"Chrome\r\nFileKey1=" + root + L"\\chrome|*.*\r\n"));
+  TempDir apps;
+  broomtest::TestApp chrome(apps, L"chrome.exe", broomtest::AppMode::polite);
+  CBroomw w({L"--defs", defs, L"--winapp2", ini, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  w.Tick(L"Google Chrome Cache");
+  auto askAndChoose = [&](int button) {
+    w.Click(IDC_SCAN);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+    w.Click(IDC_CLEAN);
+    HWND running = nullptr, confirm = nullptr;
+    ASSERT_TRUE(WaitFor([&] { return (running = w.Find(L"#32770", L"Programs are running")) && IsWindowVisible(running); }));
+    EXPECT_EQ(WindowText(GetDlgItem(running, IDC_RUN_LIST)),
+              L"Google Chrome (chrome.exe) is running (1 process) and holds:\r\n"
+              L"    winapp2/Google Chrome/Google Chrome Cache\r\n");
+    if (button == IDC_RUN_SKIP) Screenshot(running, L"running");
+    PostMessageW(GetDlgItem(running, button), BM_CLICK, 0, 0);
+    ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+    if (button == IDC_RUN_SKIP) {
+      EXPECT_EQ(WindowText(GetDlgItem(confirm, IDC_CONFIRM_TEXT)), L"Delete 1 file (100 bytes) for good?");
+    }
+    PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Cleaned", 0) == 0; })) << broomtest::Narrow(w.Status());
+  };
+
+  ASSERT_NO_FATAL_FAILURE(askAndChoose(IDC_RUN_SKIP));
+  EXPECT_EQ(w.Status(), L"Cleaned 1 file, freed 100 bytes. 1 item was skipped (see Result).");
+  EXPECT_FALSE(Exists(m_dir / L"plain\\c.tmp"));
+  EXPECT_TRUE(Exists(m_dir / L"chrome\\a.tmp") && Exists(m_dir / L"chrome\\b.tmp"));
+  std::vector<std::wstring> rows = w.Rows(IDC_FILES, 3);  // the largest item, selected
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0], root + L"\\chrome\\a.tmp|2.9 KB|skipped: Google Chrome was running");
+  EXPECT_TRUE(chrome.Running());
+
+  ASSERT_NO_FATAL_FAILURE(askAndChoose(IDC_RUN_CLOSE));
+  EXPECT_TRUE(chrome.WaitEnded(5000));
+  EXPECT_EQ(w.Status(), L"Cleaned 2 files, freed 5.9 KB.");
+  EXPECT_FALSE(Exists(m_dir / L"chrome\\a.tmp") || Exists(m_dir / L"chrome\\b.tmp"));
 }
 
 // A window has no standard error: the files a load left out are named in a
