@@ -68,6 +68,7 @@ SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuaranti
       report.freed += hit.size;
     } else {
       ++report.failed;
+      report.failures.emplace_back(hit.path, result);
       observer.OnFailure(hit.path, ExplainResult(result));
     }
   };
@@ -95,6 +96,7 @@ SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuaranti
         std::wstring refused = quarantine->CannotHold(hit.path);
         if (!refused.empty()) {
           ++report.failed;
+          report.failures.emplace_back(hit.path, kQuarantineMoveFailed);
           observer.OnFailure(hit.path, refused);
         } else {
           SOperationSource source;

@@ -44,6 +44,7 @@ struct SCleanReport {
   unsigned __int64 done = 0, freed = 0, failed = 0;
   unsigned __int64 untouched = 0;  // left when cancelled
   bool cancelled = false;
+  std::vector<std::pair<std::wstring, unsigned long>> failures;  // path and result code, for run reports
 };
 
 // Cleans (or, with a quarantine, moves) every hit the guard allowed, in

@@ -6,6 +6,7 @@
 #include "app/HostError.h"
 #include "core/Handles.h"
 #include "registry/CleanableRegistry.h"
+#include "registry/RegistryScan.h"
 #include "scan/BaseFileScan.h"
 #include "scan/OperationNotes.h"
 #include "scan/OperationNotify.h"
@@ -228,6 +229,11 @@ SScanResults RunScan(const std::vector<SItem>& items, const SScanOptions& option
       if (notify.IsCancelled()) break;
       IScanOperation* op = *ops->Current();
       if (!op) continue;
+      if (options.withoutRegistry && dynamic_cast<CRegistryScan*>(op)) {
+        const wchar_t* note = L"its registry rules are switched off by your organisation (DisableRegistryCleaning)";
+        if (current.notes.empty() || current.notes.back() != note) current.notes.emplace_back(note);
+        continue;
+      }
       collector.SetOperation(op);
       try {
         ages.Apply(op);

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "app/CleanRun.h"
 #include "app/Session.h"
 
 namespace host {
@@ -26,6 +27,10 @@ struct SOptions {
   unsigned long olderThan = 0;         // days; 0: no age limit
   bool force = false;                  // clean items past the runaway limits
   unsigned long long runawayFiles = 0; // hidden: a test's own runaway file limit
+  bool scheduled = false;              // clean --scheduled: the scheduled task's run
+  std::string report;                  // --report FILE: a JSON line per run
+  std::vector<std::string> schedule;   // schedule: daily|weekly|monthly|off and items
+  std::string at;                      // schedule --at HH:MM
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
@@ -55,5 +60,18 @@ int CmdUnprotect(CSession& session, const SOptions& options);
 int CmdProtected(CSession& session, const SOptions& options);
 int CmdWinapp2Check(CSession& session, const SOptions& options);
 int CmdExplain(CSession& session, const SOptions& options);
+int CmdPolicy(CSession& session, const SOptions& options);
+int CmdSchedule(CSession& session, const SOptions& options);
+
+// The run report of scan and clean (--report, --scheduled): what the
+// command did, gathered as it goes and written once it has ended.
+void BeginRunReport(const SOptions& options, const wchar_t* command);
+void RecordScanResults(const SScanResults& results);
+void RecordGuard(const SGuardSummary& guard);
+void RecordClean(const SCleanReport& report, const std::wstring& quarantine);
+// Writes the line (and the event) when the command asked for one.
+void FinishRunReport(CSession& session, const SOptions& options, int exitCode);
+// The managed quarantines past the QuarantineKeepDays policy go before a clean.
+void PurgeByPolicy(CSession& session);
 
 }  // namespace host

@@ -158,6 +158,7 @@ void PrintWarnings(const SScanResults& results) {
 }  // namespace
 
 int CmdScan(CSession& session, const SOptions& options) {
+  BeginRunReport(options, L"scan");
   LoadDefinitions(session, options);
   session.LoadWhiteList();
   std::vector<std::wstring> notes;
@@ -169,6 +170,7 @@ int CmdScan(CSession& session, const SOptions& options) {
   }
   session.BeginScanLog(L"scan");
   SScanResults results = ScanWithProgress(session, items, ScanOptions(options, options.files ? keepPaths : keepTotals));
+  RecordScanResults(results);
   PrintScanErrors(results);
   // The guard's marks need the hits; a scan of totals keeps none.
   if (options.files) ApplyGuard(session, MakeGuard(options), results, false);
@@ -184,8 +186,10 @@ int CmdScan(CSession& session, const SOptions& options) {
 }
 
 int CmdClean(CSession& session, const SOptions& options) {
+  BeginRunReport(options, L"clean");
   LoadDefinitions(session, options);
   session.LoadWhiteList();
+  PurgeByPolicy(session);
   std::unique_ptr<CQuarantine> quarantine = OpenCleanQuarantine(session, options);
 
   std::vector<std::wstring> notes;
@@ -197,12 +201,14 @@ int CmdClean(CSession& session, const SOptions& options) {
   }
   session.BeginScanLog(L"clean");
   SScanResults results = ScanWithProgress(session, items, ScanOptions(options, keepItems));
+  RecordScanResults(results);
   PrintScanErrors(results);
   if (results.cancelled) {
     CConsole::Err(L"broom: cancelled during the scan; nothing was cleaned\n");
     return exitCancelled;
   }
   SGuardSummary guard = ApplyGuard(session, MakeGuard(options), results, options.force);
+  RecordGuard(guard);
   PrintTable(session, results, options.files);
   PrintRefusals(guard);
   if (guard.markedFiles)
@@ -217,7 +223,7 @@ int CmdClean(CSession& session, const SOptions& options) {
   PrintWarnings(results);
 
   std::wstring what = Plural(guard.allowedFiles, L"file", L"files") + L" (" + FormatSize(guard.allowedBytes) + L")";
-  if (!options.yes) {
+  if (!options.yes && !options.scheduled) {
     std::wstring question = quarantine ? L"Move " + what + L" to '" + quarantine->Folder() + L"'?"
                                        : L"Delete " + what + L" for good?";
     if (!Confirm(question)) {
@@ -228,6 +234,7 @@ int CmdClean(CSession& session, const SOptions& options) {
 
   CConsoleClean observer(quarantine != nullptr);
   SCleanReport report = CleanHits(session, results, quarantine.get(), observer);
+  RecordClean(report, quarantine ? quarantine->Folder() : std::wstring());
   CConsole::ClearProgress();
 
   std::wstring done = quarantine ? L"Moved " + Plural(report.done, L"file", L"files") + L" (" +
