@@ -6,6 +6,7 @@
 #include <system_error>
 #include <thread>
 
+#include "app/PolicyRules.h"
 #include "app/Quarantine.h"
 #include "app/QuarantineStore.h"
 #include "app/Text.h"
@@ -37,8 +38,15 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
     case WM_INITDIALOG:
       SetWindowLongPtrW(dialog, DWLP_USER, lParam);
       confirm = reinterpret_cast<SConfirm*>(lParam);
-      SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, false).c_str());
+      SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, confirm->quarantineForced).c_str());
       SetDlgItemTextW(dialog, IDC_CONFIRM_MARKS, confirm->marks.c_str());
+      if (confirm->quarantineForced) {
+        CheckDlgButton(dialog, IDC_CONFIRM_QUARANTINE, BST_CHECKED);
+        SetDlgItemTextW(dialog, IDC_CONFIRM_QUARANTINE,
+                        (L"Move to quarantine (" + std::wstring(host::kSetByOrganisation) + L")").c_str());
+        EnableWindow(GetDlgItem(dialog, IDC_CONFIRM_QUARANTINE), FALSE);
+        SetDlgItemTextW(dialog, IDOK, L"&Move");
+      }
       return TRUE;
     case WM_COMMAND:
       switch (LOWORD(wParam)) {
@@ -49,7 +57,8 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
           return TRUE;
         }
         case IDOK:
-          confirm->quarantine = IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
+          confirm->quarantine =
+              confirm->quarantineForced || IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
           EndDialog(dialog, IDOK);
           return TRUE;
         case IDCANCEL:
@@ -67,6 +76,12 @@ struct SProtected {
   host::CSession* session;
 };
 
+// A selected entry of the user's own list; the organisation's entries carry item data 1.
+bool CanRemoveSelected(HWND list) {
+  LRESULT at = SendMessageW(list, LB_GETCURSEL, 0, 0);
+  return at != LB_ERR && SendMessageW(list, LB_GETITEMDATA, static_cast<WPARAM>(at), 0) != 1;
+}
+
 void FillProtected(HWND dialog, host::CSession& session, const std::wstring& select) {
   HWND list = GetDlgItem(dialog, IDC_PROT_LIST);
   SendMessageW(list, LB_RESETCONTENT, 0, 0);
@@ -77,7 +92,13 @@ void FillProtected(HWND dialog, host::CSession& session, const std::wstring& sel
       if (broom::CompareNoCase(path.GetString(), select.c_str()) == 0)
         SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
     }
-  EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), SendMessageW(list, LB_GETCURSEL, 0, 0) != LB_ERR);
+  // the organisation's paths are shown, marked, and cannot be removed here
+  for (const std::wstring& path : host::PolicyProtectedPaths(session.Policies())) {
+    std::wstring text = path + L"  (" + host::kSetByOrganisation + L")";
+    LRESULT at = SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(text.c_str()));
+    SendMessageW(list, LB_SETITEMDATA, static_cast<WPARAM>(at), 1);
+  }
+  EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), CanRemoveSelected(list));
 }
 
 // The shell's folder picker; the older browse dialog where it is missing.
@@ -140,7 +161,7 @@ void AddProtected(HWND dialog, host::CSession& session) {
 void RemoveProtected(HWND dialog, host::CSession& session) {
   HWND list = GetDlgItem(dialog, IDC_PROT_LIST);
   LRESULT at = SendMessageW(list, LB_GETCURSEL, 0, 0);
-  if (at == LB_ERR) return;
+  if (at == LB_ERR || !CanRemoveSelected(list)) return;
   std::wstring path(static_cast<size_t>(SendMessageW(list, LB_GETTEXTLEN, static_cast<WPARAM>(at), 0)) + 1, L'\0');
   path.resize(static_cast<size_t>(
       SendMessageW(list, LB_GETTEXT, static_cast<WPARAM>(at), reinterpret_cast<LPARAM>(&path[0]))));
@@ -167,8 +188,7 @@ INT_PTR CALLBACK ProtectedProc(HWND dialog, UINT message, WPARAM wParam, LPARAM 
       switch (LOWORD(wParam)) {
         case IDC_PROT_LIST:
           if (HIWORD(wParam) == LBN_SELCHANGE)
-            EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE),
-                         SendDlgItemMessageW(dialog, IDC_PROT_LIST, LB_GETCURSEL, 0, 0) != LB_ERR);
+            EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), CanRemoveSelected(GetDlgItem(dialog, IDC_PROT_LIST)));
           return TRUE;
         case IDC_PROT_BROWSE: {
           std::wstring folder = PickFolder(dialog);

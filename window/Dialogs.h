@@ -13,6 +13,7 @@ struct SConfirm {
   unsigned __int64 files = 0, bytes = 0;
   std::wstring marks;       // what to look at before saying yes (warnings, hits in the user's folders)
   bool quarantine = false;  // out: move to quarantine instead
+  bool quarantineForced = false;  // in: a policy moves every clean into quarantine; the box is ticked and greyed
 };
 // True when the user chose to clean.
 bool ConfirmClean(HWND owner, SConfirm& confirm);

@@ -320,6 +320,7 @@ void CMainWindow::OnClean() {
   SConfirm confirm;
   confirm.files = m_guard.allowedFiles;
   confirm.bytes = m_guard.allowedBytes;
+  confirm.quarantineForced = m_session.Policies().IsOn(EPolicy::alwaysQuarantine);
   // what to look at before saying yes: the items, their warnings, the
   // files in the user's own folders, what the guard refused
   size_t shown = 0;
