@@ -22,15 +22,17 @@ namespace {
 // Written once after the definitions load, read by both threads of a host.
 std::unordered_map<const CScanGroup*, SPolicyMark> g_marks;
 
-// The enabled items one policy entry names; a name that finds nothing or
-// several groups is noted.
+// The enabled items one policy entry names. A name that finds several
+// groups is noted; one that finds nothing is not, as it may name winapp2
+// entries or definitions this run did not load.
 std::vector<SItem> Named(IConfig* config, const wchar_t* policy, const std::wstring& name,
                          std::vector<std::wstring>& notes) {
   std::vector<std::wstring> ignored;
   try {
     return SelectItems(config, {name}, false, ignored);
   } catch (const CHostError& e) {
-    notes.push_back(std::wstring(L"policy ") + policy + L": the entry " + Quoted(name) + L" is not used: " + e.message);
+    if (e.message.find(L"names several groups") != std::wstring::npos)
+      notes.push_back(std::wstring(L"policy ") + policy + L": the entry " + Quoted(name) + L" is not used: " + e.message);
   }
   return {};
 }

@@ -29,8 +29,8 @@ constexpr const wchar_t* kSetByOrganisation = L"Set by your organisation";
 // Marks the loaded tree: DisabledItems switches the named items and groups
 // off, DefaultItems makes exactly the named ones on by default (for scanning
 // and cleaning), DisableRegistryCleaning switches off the items that have
-// registry rules only. An entry that names nothing here is noted. Marks of
-// an earlier call are dropped first.
+// registry rules only. An entry that names several groups is noted. Marks
+// of an earlier call are dropped first.
 void ApplyPolicies(IConfig* config, const CPolicies& policies, std::vector<std::wstring>& notes);
 // The mark of a group, or null when no policy touches it.
 const SPolicyMark* PolicyMarkOf(const CScanGroup* group);
