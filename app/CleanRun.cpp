@@ -122,6 +122,7 @@ SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuaranti
     } else {
       ++report.failed;
       hit.failure = ExplainResult(result);
+      report.failures.emplace_back(hit.path, result);
       observer.OnFailure(hit.path, hit.failure);
     }
   };
@@ -167,6 +168,7 @@ SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuaranti
           hit.tried = true;
           hit.result = kMoveException;
           hit.failure = refused;
+          report.failures.emplace_back(hit.path, kQuarantineMoveFailed);
           observer.OnFailure(hit.path, refused);
         } else {
           SOperationSource source;

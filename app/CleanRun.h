@@ -56,6 +56,7 @@ struct SCleanReport {
   std::wstring partItem;
   unsigned __int64 partDone = 0, partTotal = 0;
   unsigned __int64 untouchedItems = 0;  // items of which nothing was taken
+  std::vector<std::pair<std::wstring, unsigned long>> failures;  // path and result code, for run reports
 };
 
 // Cleans (or, with a quarantine, moves) every hit the guard allowed, in

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "app/HostError.h"
+#include "app/PolicyRules.h"
 #include "app/Text.h"
 #include "core/Names.h"
 
@@ -280,6 +281,11 @@ SSelection SelectByCost(IConfig* config, const std::vector<std::wstring>& names,
     CollectItems(found[0], below);
     std::vector<std::wstring> off;
     for (const SItem& item : below) {
+      const SPolicyMark* mark = PolicyMarkOf(item.group);
+      if (mark && !mark->off.empty() && !IsEnabled(item.group)) {
+        notes.push_back(L"skipped '" + item.path + L"': " + PolicyOffText(*mark));
+        continue;
+      }
       if (!IsEnabled(item.group)) {
         off.push_back(item.path);
         continue;

@@ -7,6 +7,7 @@
 #include "core/Handles.h"
 #include "recyclebin/RecycleBinScan.h"
 #include "registry/CleanableRegistry.h"
+#include "registry/RegistryScan.h"
 #include "scan/BaseFileScan.h"
 #include "scan/OperationNotes.h"
 #include "scan/OperationNotify.h"
@@ -255,6 +256,11 @@ SScanResults RunScan(const std::vector<SItem>& items, const SScanOptions& option
       if (notify.IsCancelled()) break;
       IScanOperation* op = *ops->Current();
       if (!op) continue;
+      if (options.withoutRegistry && dynamic_cast<CRegistryScan*>(op)) {
+        const wchar_t* note = L"its registry rules are switched off by your organisation (DisableRegistryCleaning)";
+        if (current.notes.empty() || current.notes.back() != note) current.notes.emplace_back(note);
+        continue;
+      }
       collector.SetOperation(op);
       try {
         ages.Apply(op);

@@ -76,6 +76,7 @@ struct SScanOptions {
   IScanObserver* observer = nullptr;   // null: nothing is told
   bool withoutAgeFilters = false;      // runs the rules as if none had an age (to explain a miss)
   bool everyItem = false;              // a file found by several items is kept for each, not the first only
+  bool withoutRegistry = false;        // registry rules are left out (a policy), with a note on their items
 };
 
 struct SScanResults {

@@ -3,6 +3,9 @@
 #include <shlobj.h>
 #include <shlwapi.h>
 
+#include <algorithm>
+
+#include "app/PolicyRules.h"
 #include "app/Text.h"
 #include "app/WhiteListFile.h"
 #include "core/Handles.h"
@@ -131,6 +134,11 @@ SWinapp2Report LoadWinapp2(CConfigStore& store, const std::wstring& file) {
 void CSession::LoadWinapp2Files(const std::vector<std::wstring>& files) {
   CConfigStore* store = CConfigStore::Of(m_config);
   if (!store) return;
+  if (!files.empty() && Policies().IsOn(EPolicy::disableWinapp2)) {
+    NoteLoad(L"winapp2 files are switched off by your organisation (DisableWinapp2); " +
+             Plural(files.size(), L"file was", L"files were") + L" not loaded");
+    return;
+  }
   for (const std::wstring& given : files) {
     std::wstring file = FullPath(given);
     SWinapp2Report report = LoadWinapp2(*store, file);
@@ -144,6 +152,13 @@ void CSession::LoadWinapp2Files(const std::vector<std::wstring>& files) {
       NoteLoad(file + L": " + Plural(report.skipped.size(), L"line was", L"lines were") +
                L" skipped; 'broom winapp2 check' lists them");
   }
+}
+
+void CSession::ApplyPolicies() {
+  std::vector<std::wstring> notes;
+  host::ApplyPolicies(m_config, Policies(), notes);
+  PolicyProtectedPaths(Policies(), &notes);
+  for (std::wstring& note : notes) NoteLoad(std::move(note));
 }
 
 std::wstring CSession::WhiteListFile() const { return m_userData + L"\\whitelist.txt"; }
@@ -257,7 +272,11 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
   // The managed quarantines are never scanned.
   // Broom's own data folder (the managed quarantines, the whitelist, the
   // logs being written) is never scanned.
-  return RunScan(items, options, m_whiteList, m_userData);
+  SScanOptions run = options;
+  run.olderThanDays = std::max(run.olderThanDays, Policies().Number(EPolicy::minimumAgeDays, 0));
+  run.withoutRegistry = run.withoutRegistry || Policies().IsOn(EPolicy::disableRegistryCleaning);
+  CPolicyProtection protection(m_whiteList, PolicyProtectedPaths(Policies()));
+  return RunScan(items, run, m_whiteList, m_userData);
 }
 
 bool CSession::SourceOf(const SHit& hit, SOperationSource& out) const {

@@ -12,6 +12,7 @@
 #include "app/ScanRun.h"
 #include "core/RefCounting.h"
 #include "log/LogWriter.h"
+#include "policy/Policies.h"
 #include "scandefs/ConfigStore.h"
 #include "scandefs/ScanGroup.h"
 #include "whitelist/WhiteListTree.h"
@@ -55,6 +56,11 @@ class CSession {
   // CHostError(exitUsage) for one that cannot be read. A file with skipped
   // lines gets one note saying how many.
   void LoadWinapp2Files(const std::vector<std::wstring>& files);
+  // The organisation's policies, read once per process.
+  const CPolicies& Policies() const { return CPolicies::Current(); }
+  // Applies the policies to the loaded tree (app/PolicyRules.h), after the
+  // definitions and winapp2 files; what they ignore becomes load notes.
+  void ApplyPolicies();
   // What the loads left out ("skipped FILE: REASON"), once, for the host to
   // show: the console on standard error, the window in a message.
   void NoteLoad(std::wstring note) { m_loadNotes.push_back(std::move(note)); }
@@ -90,7 +96,8 @@ class CSession {
   // Runs every operation of every item. Hits under protected paths are
   // dropped; a file found twice counts once, for the first item.
   // With olderThanDays, every file operation also keeps only files changed
-  // that many days ago or earlier, for this run only.
+  // that many days ago or earlier, for this run only. The policies' age
+  // floor, protected paths and registry switch apply whatever the options say.
   SScanResults Scan(const std::vector<SItem>& items, const SScanOptions& options);
 
   // Where the operation that found a hit came from; false when unknown.

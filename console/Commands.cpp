@@ -30,6 +30,7 @@ void LoadDefinitions(CSession& session, const SOptions& options) {
   try {
     session.LoadDefinitions(folders);
     session.LoadWinapp2Files(WideList(options.winapp2));
+    session.ApplyPolicies();
   } catch (...) {
     show();
     throw;

@@ -33,6 +33,10 @@ struct SOptions {
   bool overwrite = false;              // clean: overwrite file contents before deleting
   bool closeApps = false;              // clean: ask the programs that hold items to close first
   unsigned long closeTimeout = 15;     // clean: seconds --close-apps waits for them
+  bool scheduled = false;              // clean --scheduled: the scheduled task's run
+  std::string report;                  // --report FILE: a JSON line per run
+  std::vector<std::string> schedule;   // schedule: daily|weekly|monthly|off and items
+  std::string at;                      // schedule --at HH:MM
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
@@ -64,6 +68,19 @@ int CmdUnprotect(CSession& session, const SOptions& options);
 int CmdProtected(CSession& session, const SOptions& options);
 int CmdWinapp2Check(CSession& session, const SOptions& options);
 int CmdExplain(CSession& session, const SOptions& options);
+int CmdPolicy(CSession& session, const SOptions& options);
+int CmdSchedule(CSession& session, const SOptions& options);
+
+// The run report of scan and clean (--report, --scheduled): what the
+// command did, gathered as it goes and written once it has ended.
+void BeginRunReport(const SOptions& options, const wchar_t* command);
+void RecordScanResults(const SScanResults& results);
+void RecordGuard(const SGuardSummary& guard);
+void RecordClean(const SCleanReport& report, const std::wstring& quarantine);
+// Writes the line (and the event) when the command asked for one.
+void FinishRunReport(CSession& session, const SOptions& options, int exitCode);
+// The managed quarantines past the QuarantineKeepDays policy go before a clean.
+void PurgeByPolicy(CSession& session);
 
 // Running programs (RunningOutput.cpp): after scan's table, which programs
 // run and hold items; for clean, the skipped items and the closing.

@@ -3,6 +3,7 @@
 #include "console/Commands.h"
 #include "core/Handles.h"
 
+#include "app/PolicyRules.h"
 #include "app/Text.h"
 #include "console/Console.h"
 #include "core/Names.h"
@@ -76,6 +77,12 @@ int CmdExplain(CSession& session, const SOptions& options) {
     CConsole::Out(out);
     return exitCleanFailures;
   }
+  for (const std::wstring& policyPath : PolicyProtectedPaths(session.Policies())) {
+    if (!broom::IsAtOrBelow(path, policyPath)) continue;
+    CConsole::Out(Quoted(path) + L" is protected by your organisation (ProtectedPaths: " + Quoted(policyPath) +
+                  L"): no scan or clean takes it.\n");
+    return exitCleanFailures;
+  }
 
   // Every enabled item, whether it is on by default or not, with the age
   // filters out so that a file they keep still shows where it would go.
@@ -105,7 +112,7 @@ int CmdExplain(CSession& session, const SOptions& options) {
                               ? std::wstring(source.file.GetString()) + L":" + std::to_wstring(source.line) + L": " +
                                     source.kind.GetString() + L" " + source.text.GetString()
                               : std::wstring(L"a rule whose source is not known");
-      std::wstring age = AgeReason(hit.op, options.olderThan, folder, data);
+      std::wstring age = AgeReason(hit.op, std::max(options.olderThan, session.Policies().Number(EPolicy::minimumAgeDays, 0)), folder, data);
       CBlastGuard::SVerdict verdict = guard.Check(hit.item, source.text.GetString());
       out += L"'" + r.item.path + L"'" + (IsOn(r.item.group->IsDefaultClean()) ? L"" : L" (off by default)") +
              L"\n  rule: " + Printable(rule) + L"\n" + CostLine(session, r.item.group);

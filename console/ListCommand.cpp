@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "app/PolicyRules.h"
 #include "app/Text.h"
 #include "console/Console.h"
 
@@ -12,7 +13,12 @@ namespace {
 
 std::wstring StateText(const CScanGroup* group, const CConfigStore* store) {
   std::vector<std::wstring> parts;
-  if (!IsEnabled(group)) parts.push_back(L"off: not on this PC");
+  const SPolicyMark* mark = PolicyMarkOf(group);
+  if (mark && !mark->off.empty())
+    parts.push_back(L"off: " + PolicyOffText(*mark));
+  else if (!IsEnabled(group))
+    parts.push_back(L"off: not on this PC");
+  if (mark && mark->defaultSet) parts.push_back(L"default set by your organisation (DefaultItems)");
   parts.push_back(IsOn(group->IsDefaultScan()) ? L"scan" : L"not scanned");
   parts.push_back(IsOn(group->IsDefaultClean()) ? L"clean" : L"not cleaned");
   if (IsOn(group->IsSafe())) parts.push_back(L"safe");
@@ -55,6 +61,25 @@ void ListGroup(const CScanGroup* top, const CConfigStore* store, std::wstring& o
   }
 }
 
+// What the policies set for a group: null when none does.
+nlohmann::json PolicyJson(const CScanGroup* group) {
+  const SPolicyMark* mark = PolicyMarkOf(group);
+  if (!mark) return nullptr;
+  nlohmann::json j = nlohmann::json::object();
+  nlohmann::json by = nlohmann::json::array();
+  if (!mark->off.empty()) {
+    j["enabled"] = false;
+    by.push_back(Utf8(mark->off));
+  }
+  if (mark->defaultSet) {
+    j["scan"] = mark->defaultOn;
+    j["clean"] = mark->defaultOn;
+    by.push_back("DefaultItems");
+  }
+  j["set_by"] = by;
+  return j;
+}
+
 nlohmann::json State(AttributeBoolState state) { return state == abNotSet ? nlohmann::json() : nlohmann::json(state == abTrue); }
 
 // A group with its states, its operations' sources and its children; groups
@@ -83,7 +108,11 @@ nlohmann::json GroupJson(const CScanGroup* group, const CConfigStore* store, uns
                       {"safe", State(group->IsSafe())},
                       {"quick_scan", State(group->GetQScan())},
                       {"enabled", enabled},
-                      {"reason", enabled ? nlohmann::json() : nlohmann::json("not on this PC")},
+                      {"reason", enabled ? nlohmann::json()
+                                 : PolicyMarkOf(group) && !PolicyMarkOf(group)->off.empty()
+                                     ? nlohmann::json(Utf8(PolicyOffText(*PolicyMarkOf(group))))
+                                     : nlohmann::json("not on this PC")},
+                      {"policy", PolicyJson(group)},
                       {"operations", group->GetScanOpCount()},
                       {"cost", store ? nlohmann::json(Utf8(std::wstring(CostName(store->GetCost(group))))) : nlohmann::json()},
                       {"sources", sources}};
@@ -104,7 +133,8 @@ int ListJson(CSession& session) {
   for (; it && !it->AtEnd(); it->Next())
     tree.push_back(GroupJson(it->Current(), CConfigStore::Of(session.Config()), items, groups));
   std::vector<std::wstring> notes;
-  nlohmann::json doc = {{"groups", tree},
+  nlohmann::json doc = {{"policies", nlohmann::json::parse(session.Policies().ToJson())},
+                        {"groups", tree},
                         {"item_count", items},
                         {"group_count", groups},
                         {"scanned_by_default", session.Select({}, false, notes).size()}};

@@ -307,6 +307,7 @@ std::wstring FailedText(const CSession& session, const SScanResults& results, co
 }  // namespace
 
 int CmdScan(CSession& session, const SOptions& options) {
+  BeginRunReport(options, L"scan");
   LoadDefinitions(session, options);
   session.LoadWhiteList();
   std::vector<std::wstring> notes;
@@ -321,6 +322,7 @@ int CmdScan(CSession& session, const SOptions& options) {
   session.BeginScanLog(L"scan");
   PrintLogFault(session);
   SScanResults results = ScanWithProgress(session, items, ScanOptions(options, options.files ? keepPaths : keepTotals));
+  RecordScanResults(results);
   PrintScanErrors(results);
   // The guard's marks need the hits; a scan of totals keeps none.
   if (options.files) ApplyGuard(session, MakeGuard(options), results, false);
@@ -339,8 +341,10 @@ int CmdScan(CSession& session, const SOptions& options) {
 }
 
 int CmdClean(CSession& session, const SOptions& options) {
+  BeginRunReport(options, L"clean");
   LoadDefinitions(session, options);
   session.LoadWhiteList();
+  PurgeByPolicy(session);
   std::unique_ptr<CQuarantine> quarantine = OpenCleanQuarantine(session, options);
 
   std::vector<std::wstring> notes;
@@ -361,6 +365,7 @@ int CmdClean(CSession& session, const SOptions& options) {
   session.BeginScanLog(L"clean");
   PrintLogFault(session);
   SScanResults results = ScanWithProgress(session, items, ScanOptions(options, keepItems));
+  RecordScanResults(results);
   PrintScanErrors(results);
   if (results.cancelled) {
     CConsole::Err(L"broom: cancelled during the scan; nothing was cleaned\n");
@@ -375,6 +380,7 @@ int CmdClean(CSession& session, const SOptions& options) {
   size_t skipped = quarantine ? SkipRecycleBinItems(results, guard) : 0;
   const bool closing = options.closeApps && !holders.empty();
   if (!closing) skipped += SkipRunningItems(results, guard, false);
+  RecordGuard(guard);
   const SCleanReport noClean;
   // The table counts what will be cleaned; what the guard keeps is named apart.
   if (!options.json) PrintTable(session, Cleanable(results), options.files, selection.leftOut);
@@ -409,7 +415,7 @@ int CmdClean(CSession& session, const SOptions& options) {
   }
 
   std::wstring what = Plural(guard.allowedFiles, L"file", L"files") + L" (" + FormatSize(guard.allowedBytes) + L")";
-  if (!options.yes) {
+  if (!options.yes && !options.scheduled) {
     std::wstring question = quarantine          ? L"Move " + what + L" to '" + quarantine->Folder() + L"'?"
                             : options.overwrite ? L"Overwrite and delete " + what + L" for good?"
                                                 : L"Delete " + what + L" for good?";
@@ -433,6 +439,7 @@ int CmdClean(CSession& session, const SOptions& options) {
 
   CConsoleClean observer(quarantine != nullptr, options.cancelAfterCleaned);
   SCleanReport report = CleanHits(session, results, quarantine.get(), observer, options.overwrite);
+  RecordClean(report, quarantine ? quarantine->Folder() : std::wstring());
   CConsole::ClearProgress();
 
   std::wstring done = quarantine ? L"Moved " + Plural(report.done, L"file", L"files") + L" (" +

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "app/PolicySchedule.h"
 #include "app/Text.h"
 #include "console/Commands.h"
 #include "console/Console.h"
@@ -79,6 +80,7 @@ const SCommand kCommands[] = {
        AddOlderThan(c, o, "Only files last changed at least DAYS days ago");
        AddInclude(c, o);
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
+       c.add_option("--report", o.report, "Append a JSON line saying what the scan found to FILE")->type_name("FILE");
      },
      CmdScan},
     {nullptr, "clean", "Scan, confirm, then delete what was found (or move it aside)",
@@ -106,6 +108,10 @@ const SCommand kCommands[] = {
        c.add_option("--close-timeout", o.closeTimeout, "How long --close-apps waits for them (default 15)")
            ->type_name("SECONDS")
            ->check(CLI::Range(1ul, 3600ul));
+       c.add_option("--report", o.report, "Append a JSON line saying what the clean did to FILE")->type_name("FILE");
+       c.add_flag("--scheduled", o.scheduled,
+                  "Run as the scheduled task does: never ask, and append the report line to Logs\\runs.jsonl in "
+                  "the data folder (or --report FILE)");
      },
      CmdClean},
     {nullptr, "explain",
@@ -145,6 +151,18 @@ const SCommand kCommands[] = {
        c.add_flag("--json", o.json, "Print the report as JSON");
      },
      CmdWinapp2Check},
+    {nullptr, "policy", "Show the policies your organisation set for Broom and where each came from",
+     [](CLI::App& c, SOptions& o) { c.add_flag("--json", o.json, "Print the policies as JSON"); }, CmdPolicy},
+    {nullptr, "schedule",
+     "Clean on a schedule: 'schedule daily|weekly|monthly [--at HH:MM] [ITEM...]' registers the task, "
+     "'schedule off' removes it, 'schedule' alone shows it",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("WHEN", o.schedule,
+                    "daily, weekly or monthly, then the items to clean (default: those on by default for cleaning); "
+                    "off");
+       c.add_option("--at", o.at, "The local time of day to clean at (default 12:00)")->type_name("HH:MM");
+     },
+     CmdSchedule},
 };
 
 // The command a group stands for, made when its first command is.
@@ -214,8 +232,23 @@ int Run(int argc, wchar_t** argv) {
 
   CSession session;
   session.Start(options.noLog);
-  for (size_t i = 0; i < commands.size(); ++i)
-    if (commands[i]->parsed()) return kCommands[i].run(session, options);
+  // An installed Broom keeps the scheduled clean a machine policy asks for.
+  if (!options.scheduled && !app.get_subcommand("schedule")->parsed()) {
+    std::wstring note = KeepPolicySchedule(session.Policies());
+    if (!note.empty()) CConsole::Err(L"broom: note: " + Printable(note) + L"\n");
+  }
+  for (size_t i = 0; i < commands.size(); ++i) {
+    if (!commands[i]->parsed()) continue;
+    int code = exitUsage;
+    try {
+      code = kCommands[i].run(session, options);
+    } catch (const CHostError& e) {
+      FinishRunReport(session, options, e.code);
+      throw;
+    }
+    FinishRunReport(session, options, code);
+    return code;
+  }
   return exitUsage;
 }
 

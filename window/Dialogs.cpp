@@ -6,6 +6,7 @@
 #include <system_error>
 #include <thread>
 
+#include "app/PolicyRules.h"
 #include "app/Quarantine.h"
 #include "app/QuarantineStore.h"
 #include "app/Text.h"
@@ -49,9 +50,17 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
     case WM_INITDIALOG:
       SetWindowLongPtrW(dialog, DWLP_USER, lParam);
       confirm = reinterpret_cast<SConfirm*>(lParam);
-      SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, false).c_str());
+      SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, confirm->quarantineForced).c_str());
       // a scrolling box: every costly item stays readable, however many
       SetDlgItemTextW(dialog, IDC_CONFIRM_MARKS, WindowsLines(confirm->marks).c_str());
+      if (confirm->quarantineForced) {
+        CheckDlgButton(dialog, IDC_CONFIRM_QUARANTINE, BST_CHECKED);
+        SetDlgItemTextW(dialog, IDC_CONFIRM_QUARANTINE,
+                        (L"Move to quarantine (" + std::wstring(host::kSetByOrganisation) + L")").c_str());
+        EnableWindow(GetDlgItem(dialog, IDC_CONFIRM_QUARANTINE), FALSE);
+        EnableWindow(GetDlgItem(dialog, IDC_CONFIRM_OVERWRITE), FALSE);  // a moved file keeps its contents
+        SetDlgItemTextW(dialog, IDOK, L"&Move");
+      }
       return TRUE;
     case WM_COMMAND:
       switch (LOWORD(wParam)) {
@@ -67,7 +76,8 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
           return TRUE;
         }
         case IDOK:
-          confirm->quarantine = IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
+          confirm->quarantine =
+              confirm->quarantineForced || IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
           confirm->overwrite = !confirm->quarantine && IsDlgButtonChecked(dialog, IDC_CONFIRM_OVERWRITE) == BST_CHECKED;
           EndDialog(dialog, IDOK);
           return TRUE;
@@ -126,6 +136,12 @@ struct SProtected {
   host::CSession* session;
 };
 
+// A selected entry of the user's own list; the organisation's entries carry item data 1.
+bool CanRemoveSelected(HWND list) {
+  LRESULT at = SendMessageW(list, LB_GETCURSEL, 0, 0);
+  return at != LB_ERR && SendMessageW(list, LB_GETITEMDATA, static_cast<WPARAM>(at), 0) != 1;
+}
+
 void FillProtected(HWND dialog, host::CSession& session, const std::wstring& select) {
   HWND list = GetDlgItem(dialog, IDC_PROT_LIST);
   SendMessageW(list, LB_RESETCONTENT, 0, 0);
@@ -136,7 +152,13 @@ void FillProtected(HWND dialog, host::CSession& session, const std::wstring& sel
       if (broom::CompareNoCase(path.GetString(), select.c_str()) == 0)
         SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
     }
-  EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), SendMessageW(list, LB_GETCURSEL, 0, 0) != LB_ERR);
+  // the organisation's paths are shown, marked, and cannot be removed here
+  for (const std::wstring& path : host::PolicyProtectedPaths(session.Policies())) {
+    std::wstring text = path + L"  (" + host::kSetByOrganisation + L")";
+    LRESULT at = SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(text.c_str()));
+    SendMessageW(list, LB_SETITEMDATA, static_cast<WPARAM>(at), 1);
+  }
+  EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), CanRemoveSelected(list));
 }
 
 // The shell's folder picker; the older browse dialog where it is missing.
@@ -199,7 +221,7 @@ void AddProtected(HWND dialog, host::CSession& session) {
 void RemoveProtected(HWND dialog, host::CSession& session) {
   HWND list = GetDlgItem(dialog, IDC_PROT_LIST);
   LRESULT at = SendMessageW(list, LB_GETCURSEL, 0, 0);
-  if (at == LB_ERR) return;
+  if (at == LB_ERR || !CanRemoveSelected(list)) return;
   std::wstring path(static_cast<size_t>(SendMessageW(list, LB_GETTEXTLEN, static_cast<WPARAM>(at), 0)) + 1, L'\0');
   path.resize(static_cast<size_t>(
       SendMessageW(list, LB_GETTEXT, static_cast<WPARAM>(at), reinterpret_cast<LPARAM>(&path[0]))));
@@ -226,8 +248,7 @@ INT_PTR CALLBACK ProtectedProc(HWND dialog, UINT message, WPARAM wParam, LPARAM 
       switch (LOWORD(wParam)) {
         case IDC_PROT_LIST:
           if (HIWORD(wParam) == LBN_SELCHANGE)
-            EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE),
-                         SendDlgItemMessageW(dialog, IDC_PROT_LIST, LB_GETCURSEL, 0, 0) != LB_ERR);
+            EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), CanRemoveSelected(GetDlgItem(dialog, IDC_PROT_LIST)));
           return TRUE;
         case IDC_PROT_BROWSE: {
           std::wstring folder = PickFolder(dialog);

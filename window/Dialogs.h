@@ -17,6 +17,7 @@ struct SConfirm {
   std::wstring marks;       // what to look at before saying yes (warnings, hits in the user's folders)
   bool quarantine = false;  // out: move to quarantine instead
   bool overwrite = false;   // out: overwrite the contents before deleting (never with quarantine)
+  bool quarantineForced = false;  // in: a policy moves every clean into quarantine; the box is ticked and greyed
 };
 // True when the user chose to clean.
 bool ConfirmClean(HWND owner, SConfirm& confirm);

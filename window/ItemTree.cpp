@@ -2,6 +2,8 @@
 
 #include <windowsx.h>
 
+#include "app/PolicyRules.h"
+
 namespace broomw {
 
 namespace {
@@ -76,7 +78,11 @@ CItemTree::SNode* CItemTree::Add(CScanGroup* group, SNode* parent) {
 
   std::wstring text = group->GetName();
   if (node->item && node->cost > costCache) text += std::wstring(L"  [") + CostName(node->cost) + L"]";
-  if (!node->enabled) text += kOffNote;
+  const host::SPolicyMark* mark = host::PolicyMarkOf(group);
+  if (mark && !mark->off.empty())
+    text += L"  (" + std::wstring(host::kSetByOrganisation) + L")";
+  else if (!node->enabled)
+    text += kOffNote;
   TVINSERTSTRUCTW insert = {};
   insert.hParent = parent ? parent->handle : TVI_ROOT;
   insert.hInsertAfter = TVI_LAST;
@@ -255,7 +261,14 @@ std::wstring CItemTree::SelectedText() const {
   const SNode* node = NodeOf(TreeView_GetSelection(m_tree));
   if (!node) return std::wstring();
   std::wstring text = node->group->GetDescription();
-  if (!node->enabled) text += std::wstring(text.empty() ? L"" : L"\r\n") + L"Switched off: not on this PC.";
+  const host::SPolicyMark* mark = host::PolicyMarkOf(node->group);
+  if (mark && !mark->off.empty())
+    text += std::wstring(text.empty() ? L"" : L"\r\n") + host::kSetByOrganisation + L": " + host::PolicyOffText(*mark) + L".";
+  else if (!node->enabled)
+    text += std::wstring(text.empty() ? L"" : L"\r\n") + L"Switched off: not on this PC.";
+  if (mark && mark->defaultSet)
+    text += std::wstring(text.empty() ? L"" : L"\r\n") + host::kSetByOrganisation + L": " +
+            (mark->defaultOn ? L"ticked" : L"not ticked") + L" by default (DefaultItems).";
   if (node->item)
     text += std::wstring(text.empty() ? L"" : L"\r\n") + L"Costs: " + CostName(node->cost) + L" (" +
             CostWords(node->cost) + L")" + (GroupTakes(node->cost) ? L"." : L"; tick it on its own to clean it.");

@@ -345,6 +345,7 @@ void CMainWindow::OnClean() {
   SConfirm confirm;
   confirm.files = guard.allowedFiles;
   confirm.bytes = guard.allowedBytes;
+  confirm.quarantineForced = m_session.Policies().IsOn(EPolicy::alwaysQuarantine);
   // what to look at before saying yes: the items, their warnings, the
   // files in the user's own folders, what the guard refused
   // every item that costs more than a cache first, by name, never counted away

@@ -5,6 +5,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "app/PolicyRules.h"
 #include "app/Quarantine.h"
 #include "app/QuarantineStore.h"
 #include "app/Text.h"
@@ -127,6 +128,13 @@ void CWorker::RunClean(host::CSession& session, host::SScanResults& results, boo
       if (r.files && host::IsRecycleBinItem(r.item)) host::SkipItem(r, L"quarantine", counted);
   for (const host::SItemResult& r : results.items) clean.skipped += !r.skipped.empty();
   std::unique_ptr<host::CQuarantine> box;
+  // quarantines past the organisation's QuarantineKeepDays go before every clean
+  if (unsigned long days = session.Policies().Number(EPolicy::quarantineKeepDays, 0)) {
+    std::vector<std::wstring> kept;
+    host::PurgeExpiredQuarantines(session.QuarantineRoot(), days, kept);
+  }
+  quarantine = quarantine || session.Policies().IsOn(EPolicy::alwaysQuarantine);
+  clean.quarantine = quarantine;
   if (quarantine) {
     // a new managed quarantine, which the session's scans keep out of
     clean.quarantineFolder = host::CQuarantineStore(session.QuarantineRoot()).Create();

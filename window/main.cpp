@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "app/PolicySchedule.h"
 #include "app/Text.h"
 #include "core/Handles.h"
 #include "threads/MsgThreadSTA.h"
@@ -98,12 +99,16 @@ int Run(int show) {
   try {
     session.LoadDefinitions(folders);
     session.LoadWinapp2Files(sources.winapp2);
+    session.ApplyPolicies();
   } catch (host::CHostError& e) {
     std::vector<std::wstring> notes = session.TakeLoadNotes();
     if (!notes.empty()) e.message += L"\n" + Listed(notes);
     throw;
   }
-  const std::vector<std::wstring> leftOut = session.TakeLoadNotes();
+  std::vector<std::wstring> leftOut = session.TakeLoadNotes();
+  // An installed Broom keeps the scheduled clean a machine policy asks for.
+  std::wstring scheduleNote = host::KeepPolicySchedule(session.Policies());
+  if (!scheduleNote.empty()) leftOut.push_back(scheduleNote);
 
   std::wstring whiteListError;
   try {

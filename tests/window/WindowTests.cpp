@@ -636,3 +636,56 @@ TEST_F(Window, ShowsOwnNamesAndFileNamesForgetsSourcesAndNotesOnce) {
 }
 
 }  // namespace
+
+// The organisation's policies, written to this prefix's machine key for one
+// test: what they switch off is greyed with the reason, and the quarantine
+// they force is ticked and cannot be unticked.
+TEST_F(Window, GreysWhatThePoliciesSetAndSaysWhy) {
+  const std::wstring root = m_dir.Path();
+  WriteFile(m_dir / L"a\\one.tmp", 8);
+  WriteFile(m_dir / L"b\\two.tmp", 8);
+  std::wstring defs = Defs(m_dir,
+      L"<group name=\"Demo\" order=\"1\" scan=\"yes\" clean=\"yes\">\n"
+      L" <item name=\"Kept\"><clean kind=\"file\">" + root + L"\\a\\*</clean></item>\n"
+      L" <item name=\"Moved\"><clean kind=\"file\">" + root + L"\\b\\*</clean></item>\n"
+      L"</group>\n");
+  const wchar_t key[] = L"SOFTWARE\\Policies\\Broom";
+  broom::unique_hkey policies;
+  ASSERT_EQ(0, RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_SET_VALUE, nullptr, policies.addressof(), nullptr));
+  auto removePolicies = broom::scope_exit([&] { RegDeleteTreeW(HKEY_LOCAL_MACHINE, key); });
+  const wchar_t disabled[] = L"Demo/Kept\0";
+  RegSetValueExW(policies.get(), L"DisabledItems", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(disabled), sizeof disabled);
+  DWORD on = 1;
+  RegSetValueExW(policies.get(), L"AlwaysQuarantine", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&on), sizeof on);
+
+  CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  const std::wstring kept = L"Kept  (Set by your organisation)";
+  EXPECT_EQ(w.State(kept), 4);
+  w.Tick(kept);  // cannot be ticked
+  EXPECT_EQ(w.State(kept), 4);
+  EXPECT_EQ(w.State(L"Moved"), 2);
+  for (const auto& n : w.Tree())
+    if (n.text == kept) SendMessageW(w.Control(IDC_TREE), TVM_SELECTITEM, TVGN_CARET, reinterpret_cast<LPARAM>(n.handle));
+  EXPECT_TRUE(WaitFor([&] {
+    // the policy's reason first, then what the item costs
+    return WindowText(w.Control(IDC_DESCRIPTION))
+               .rfind(L"Set by your organisation: switched off by your organisation (DisabledItems).\r\nCosts: ", 0) == 0;
+  })) << broomtest::Narrow(WindowText(w.Control(IDC_DESCRIPTION)));
+
+  w.Click(IDC_SCAN);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+  w.Click(IDC_CLEAN);
+  HWND confirm = nullptr;
+  ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+  HWND box = GetDlgItem(confirm, IDC_CONFIRM_QUARANTINE);
+  EXPECT_EQ(BST_CHECKED, SendMessageW(box, BM_GETCHECK, 0, 0));
+  EXPECT_FALSE(IsWindowEnabled(box));
+  EXPECT_EQ(WindowText(box), L"Move to quarantine (Set by your organisation)");
+  Screenshot(confirm, L"confirmation-policy");
+  PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status() == L"Moved 1 file (8 bytes) to the quarantine."; }))
+      << broomtest::Narrow(w.Status());
+  EXPECT_TRUE(Exists(m_dir / L"a\\one.tmp"));
+  EXPECT_FALSE(Exists(m_dir / L"b\\two.tmp"));
+}
