@@ -3,8 +3,11 @@
 #include <shlobj.h>
 #include <shlwapi.h>
 
+#include "app/CookieSites.h"
 #include "app/Text.h"
 #include "app/WhiteListFile.h"
+#include "app/Winapp2Files.h"
+#include "browserdb/BrowserDbScanFactory.h"
 #include "core/Handles.h"
 #include "log/ScanLogThread.h"
 #include "registry/RegistryScanFactory.h"
@@ -44,6 +47,8 @@ void CSession::Start(bool noLog) {
   m_userData = std::wstring(local);
   while (!m_userData.empty() && m_userData.back() == L'\\') m_userData.pop_back();
   m_userData += L"\\Broom";
+  // a portable copy keeps its data beside itself
+  if (std::wstring portable = PortableDataFolder(); !portable.empty()) m_userData = portable;
   std::wstring logs = m_userData + L"\\Logs";
   int rc = SHCreateDirectoryExW(nullptr, logs.c_str(), nullptr);
   if (rc != ERROR_SUCCESS && rc != ERROR_ALREADY_EXISTS && rc != ERROR_FILE_EXISTS)
@@ -58,6 +63,8 @@ void CSession::Start(bool noLog) {
   if (noLog) CAppInfo::SetManualStateBits(0x20000);
   m_config = IConfig::NewConfig();
   m_config->AddFactory(CRegistryScanFactory::Create());  // "reg" definitions
+  m_cookieKeep.Load(CookieKeepFile().c_str());  // unusable: its cookie operations find nothing
+  m_config->AddFactory(CBrowserDbScanFactory::Create(m_cookieKeep));  // "cookies" and "history"
   m_started = true;
 }
 
@@ -216,6 +223,7 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
   // The managed quarantines are never scanned.
   // Broom's own data folder (the managed quarantines, the whitelist, the
   // logs being written) is never scanned.
+  CheckCookieKeep(*this, items);
   return RunScan(items, options, m_whiteList, m_userData);
 }
 

@@ -12,6 +12,7 @@ namespace host {
 struct SOptions {
   std::vector<std::string> defs;
   std::vector<std::string> winapp2;  // winapp2.ini files loaded beside the definitions
+  bool noWinapp2 = false;            // leave the bundled winapp2.ini out
   bool noLog = false;
   std::vector<std::string> items;
   bool files = false;
@@ -26,6 +27,9 @@ struct SOptions {
   unsigned long olderThan = 0;         // days; 0: no age limit
   bool force = false;                  // clean items past the runaway limits
   unsigned long long runawayFiles = 0; // hidden: a test's own runaway file limit
+  std::string url;                     // winapp2 update
+  std::vector<std::string> sites;      // cookies keep, unkeep
+  unsigned long timeoutSeconds = 60;   // winapp2 update: each wait of the download
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
@@ -37,7 +41,8 @@ bool Confirm(const std::wstring& question);
 std::wstring Pad(const std::wstring& text, size_t width, bool right);
 std::vector<std::wstring> WideList(const std::vector<std::string>& list);
 // Loads the --defs folders (made absolute), or the defs folder beside broom.exe,
-// then the --winapp2 files.
+// the bundled winapp2.ini (unless --no-winapp2 or the setting), then the
+// --winapp2 files.
 void LoadDefinitions(CSession& session, const SOptions& options);
 
 int CmdList(CSession& session, const SOptions& options);
@@ -54,6 +59,10 @@ int CmdProtect(CSession& session, const SOptions& options);
 int CmdUnprotect(CSession& session, const SOptions& options);
 int CmdProtected(CSession& session, const SOptions& options);
 int CmdWinapp2Check(CSession& session, const SOptions& options);
+int CmdWinapp2Update(CSession& session, const SOptions& options);
+int CmdCookiesList(CSession& session, const SOptions& options);
+int CmdCookiesKeep(CSession& session, const SOptions& options);
+int CmdCookiesUnkeep(CSession& session, const SOptions& options);
 int CmdExplain(CSession& session, const SOptions& options);
 
 }  // namespace host

@@ -4,6 +4,7 @@
 #include "core/Handles.h"
 
 #include "app/Text.h"
+#include "browserdb/CleanableBrowserDb.h"
 #include "console/Console.h"
 #include "core/Names.h"
 #include "guard/BlastGuard.h"
@@ -97,6 +98,8 @@ int CmdExplain(CSession& session, const SOptions& options) {
       CBlastGuard::SVerdict verdict = guard.Check(hit.item, source.text.GetString());
       out += L"'" + r.item.path + L"'" + (IsOn(r.item.group->IsDefaultClean()) ? L"" : L" (off by default)") +
              L"\n  rule: " + Printable(rule) + L"\n";
+      if (auto* db = dynamic_cast<const CCleanableBrowserDb*>(hit.item.Get()))
+        out += L"  cleans inside the database, row by row: " + db->GetDescription() + L"\n";
       if (!age.empty()) {
         ++aged;
         out += L"  not now: " + age + L"\n";

@@ -6,6 +6,8 @@
 #define IDD_CONFIRM 101
 #define IDD_PROTECTED 102
 #define IDD_QUARANTINE 103
+#define IDD_ABOUT 104
+#define IDD_COOKIES 105
 
 // Commands, also the identifiers of their buttons.
 #define IDC_SCAN 1001
@@ -15,6 +17,8 @@
 #define IDC_QUARANTINE 1005
 #define IDC_FOCUS_TREE 1006
 #define IDC_FOCUS_RESULTS 1007
+#define IDC_ABOUT 1008
+#define IDC_COOKIES 1009
 
 // Controls of the main window.
 #define IDC_TREE 1101
@@ -44,3 +48,14 @@
 #define IDC_Q_RESTORE 1402
 #define IDC_Q_PURGE 1403
 #define IDC_Q_STATUS 1404
+
+// The About box.
+#define IDC_ABOUT_TEXT 1501
+#define IDC_ABOUT_WINAPP2 1502
+
+// The Cookies dialog.
+#define IDC_COOKIES_FOUND 1601
+#define IDC_COOKIES_KEPT 1602
+#define IDC_COOKIES_KEEP 1603
+#define IDC_COOKIES_UNKEEP 1604
+#define IDC_COOKIES_STATUS 1605

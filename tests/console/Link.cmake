@@ -8,3 +8,6 @@ add_dependencies(test_${name} broomw)
 target_compile_definitions(test_${name} PRIVATE BROOM_EXPECTED_VERSION="${PROJECT_VERSION}"
                            BROOM_EXPECTED_COMPANY="${BROOM_PUBLISHER}")
 target_link_libraries(test_${name} PRIVATE version shell32)
+target_link_libraries(test_${name} PRIVATE ws2_32)
+# The cookie tests build browser databases with SQLite itself.
+target_link_libraries(test_${name} PRIVATE broom_sqlite3)
