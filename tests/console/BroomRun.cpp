@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "common/TestFiles.h"
 #include "core/Handles.h"
 
@@ -27,12 +25,6 @@ std::wstring Quote(const std::wstring& arg) {
   return out + L"\"";
 }
 
-void Drain(HANDLE pipe, std::string* into) {
-  char buffer[4096];
-  DWORD read = 0;
-  while (::ReadFile(pipe, buffer, sizeof buffer, &read, nullptr) && read > 0) into->append(buffer, read);
-}
-
 }  // namespace
 
 SBroomRun RunBroomExe(const std::vector<std::wstring>& args, const std::wstring& appData, const std::wstring& given) {
@@ -41,24 +33,29 @@ SBroomRun RunBroomExe(const std::vector<std::wstring>& args, const std::wstring&
   std::wstring command = Quote(exe);
   for (const std::wstring& a : args) command += L" " + Quote(a);
 
+  // Output goes to files: a Wine system process started during the run
+  // inherits the standard handles and would hold a pipe open after broom ends.
+  TempDir outputs;
+  const std::wstring outFile = outputs / L"out.txt", errFile = outputs / L"err.txt";
   SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};
-  HANDLE outRead = nullptr, outWrite = nullptr, errRead = nullptr, errWrite = nullptr;
-  if (!CreatePipe(&outRead, &outWrite, &sa, 0) || !CreatePipe(&errRead, &errWrite, &sa, 0)) {
-    ADD_FAILURE() << "CreatePipe failed";
-    return result;
-  }
-  broom::unique_handle hOutRead(outRead), hOutWrite(outWrite), hErrRead(errRead), hErrWrite(errWrite);
-  SetHandleInformation(outRead, HANDLE_FLAG_INHERIT, 0);
-  SetHandleInformation(errRead, HANDLE_FLAG_INHERIT, 0);
+  auto create = [&](const std::wstring& path) {
+    return broom::unique_hfile(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE |
+                                           FILE_SHARE_DELETE, &sa, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  };
+  broom::unique_hfile out = create(outFile), err = create(errFile);
   broom::unique_hfile input(CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa, OPEN_EXISTING,
                                         0, nullptr));
+  if (!out || !err) {
+    ADD_FAILURE() << "cannot create the output files in " << Narrow(outputs.Path());
+    return result;
+  }
 
   STARTUPINFOW si = {};
   si.cb = sizeof si;
   si.dwFlags = STARTF_USESTDHANDLES;
   si.hStdInput = input.get();
-  si.hStdOutput = outWrite;
-  si.hStdError = errWrite;
+  si.hStdOutput = out.get();
+  si.hStdError = err.get();
   PROCESS_INFORMATION pi = {};
   std::vector<wchar_t> env = EnvironmentWith(L"LOCALAPPDATA", appData);
   std::vector<wchar_t> line(command.begin(), command.end());
@@ -69,18 +66,17 @@ SBroomRun RunBroomExe(const std::vector<std::wstring>& args, const std::wstring&
     return result;
   }
   broom::unique_handle process(pi.hProcess), thread(pi.hThread);
-  hOutWrite.reset();
-  hErrWrite.reset();
+  out.reset();
+  err.reset();
   input.reset();
-  std::thread outReader(Drain, outRead, &result.out);
-  std::thread errReader(Drain, errRead, &result.err);
   if (WaitForSingleObject(process.get(), 120000) != WAIT_OBJECT_0) {
     TerminateProcess(process.get(), 99);
+    WaitForSingleObject(process.get(), 10000);
     ADD_FAILURE() << "broom.exe did not end within two minutes";
   }
-  outReader.join();
-  errReader.join();
   GetExitCodeProcess(process.get(), &result.code);
+  result.out = ReadFile(outFile);
+  result.err = ReadFile(errFile);
   return result;
 }
 

@@ -122,3 +122,12 @@ TEST_F(BroomCookies, ASiteThatIsNotAHostNameIsRefusedAndNothingIsWritten) {
     EXPECT_FALSE(Exists(KeepFile())) << Narrow(bad);
   }
 }
+
+TEST_F(BroomCookies, AQuarantineNeverTakesADatabase) {
+  const std::string before = ReadFile(Database());
+  SBroomRun r = Run({L"clean", L"--yes", L"Browsers/Test Browser/Cookies", L"--quarantine"});
+  EXPECT_EQ(1u, r.code) << r.out << r.err;
+  EXPECT_EQ(before, ReadFile(Database()));
+  EXPECT_EQ(6u, Hosts().size());
+  EXPECT_NE(std::string::npos, (r.out + r.err).find("0x806B0032")) << r.out << r.err;
+}
