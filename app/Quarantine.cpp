@@ -6,6 +6,7 @@
 #include "app/QuarantineMoves.h"
 #include "app/QuarantineRegistry.h"
 #include "app/Text.h"
+#include "browserdb/CleanableBrowserDb.h"
 #include "clean/ResultCodes.h"
 #include "core/Names.h"
 #include "registry/CleanableRegistry.h"
@@ -60,6 +61,9 @@ std::wstring CQuarantine::CannotHold(const std::wstring& path) const {
 
 DWORD CQuarantine::Add(const SHit& hit, const std::wstring& itemPath, const SOperationSource* source) {
   if (!hit.item) return kMoveException;
+  // a browser database is cleaned inside, never moved: without a manifest
+  // kind of its own it stays as it is
+  if (dynamic_cast<CCleanableBrowserDb*>(hit.item.Get())) return BrowserDbFileResult(ERROR_NOT_SUPPORTED);
   SQuarantineEntry entry;
   entry.original = hit.path;
   entry.size = hit.size;

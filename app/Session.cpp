@@ -6,8 +6,11 @@
 #include <algorithm>
 
 #include "app/PolicyRules.h"
+#include "app/CookieSites.h"
 #include "app/Text.h"
 #include "app/WhiteListFile.h"
+#include "app/Winapp2Files.h"
+#include "browserdb/BrowserDbScanFactory.h"
 #include "core/Handles.h"
 #include "log/ScanLogThread.h"
 #include "recyclebin/RecycleBinScanFactory.h"
@@ -73,6 +76,8 @@ void CSession::Start(bool noLog) {
   m_userData = std::wstring(local);
   while (!m_userData.empty() && m_userData.back() == L'\\') m_userData.pop_back();
   m_userData += L"\\Broom";
+  // a portable copy keeps its data beside itself
+  if (std::wstring portable = PortableDataFolder(); !portable.empty()) m_userData = portable;
   // A data folder that cannot be made stops only what needs it (the
   // whitelist's saving, the quarantines, the logs), each saying so.
   const std::wstring logs = m_userData + L"\\Logs";
@@ -90,6 +95,8 @@ void CSession::Start(bool noLog) {
   m_config->AddFactory(CRegistryScanFactory::Create());  // "reg" definitions
   m_recycleBin = CRecycleBinScanFactory::Create();        // "recyclebin" definitions
   m_config->AddFactory(m_recycleBin);
+  m_cookieKeep.Load(CookieKeepFile().c_str());  // unusable: its cookie operations find nothing
+  m_config->AddFactory(CBrowserDbScanFactory::Create(m_cookieKeep));  // "cookies" and "history"
   m_started = true;
 }
 
@@ -275,6 +282,7 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
   SScanOptions run = options;
   run.olderThanDays = std::max(run.olderThanDays, Policies().Number(EPolicy::minimumAgeDays, 0));
   run.withoutRegistry = run.withoutRegistry || Policies().IsOn(EPolicy::disableRegistryCleaning);
+  CheckCookieKeep(*this, items);
   CPolicyProtection protection(m_whiteList, PolicyProtectedPaths(Policies()));
   return RunScan(items, run, m_whiteList, m_userData);
 }

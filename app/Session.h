@@ -10,6 +10,7 @@
 #include "app/HostError.h"
 #include "app/ItemSelection.h"
 #include "app/ScanRun.h"
+#include "browserdb/CookieKeepList.h"
 #include "core/RefCounting.h"
 #include "log/LogWriter.h"
 #include "policy/Policies.h"
@@ -77,6 +78,12 @@ class CSession {
   void SaveWhiteList();
   CWhiteListTree& WhiteList() { return m_whiteList; }
 
+  // The sites whose cookies a clean keeps, read at Start from
+  // DATA\cookies-keep.txt; the cookie operations of the definitions use it.
+  // An unusable list stops the scans that hold a cookie operation.
+  std::wstring CookieKeepFile() const { return m_userData + L"\\cookies-keep.txt"; }
+  const CCookieKeepList& CookieKeep() const { return m_cookieKeep; }
+
   // Items below the top-level groups, in the store's order.
   std::vector<SItem> AllItems() const;
   // Named items (paths or group names) or, with no names, the items that are
@@ -114,6 +121,7 @@ class CSession {
   };
   std::vector<SUnstorableLine> m_unstorable;  // loaded lines whose stored form the file cannot hold
   std::vector<std::wstring> m_loadNotes;
+  CCookieKeepList m_cookieKeep;
   std::wstring m_userData;
   std::wstring m_logFault;
   bool m_started = false;

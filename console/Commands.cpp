@@ -2,6 +2,7 @@
 #include "console/Commands.h"
 
 #include "app/Text.h"
+#include "app/Winapp2Files.h"
 #include "console/Console.h"
 #include "console/ProgressLine.h"
 
@@ -29,6 +30,7 @@ void LoadDefinitions(CSession& session, const SOptions& options) {
   };
   try {
     session.LoadDefinitions(folders);
+    if (!options.noWinapp2) LoadBundledWinapp2(session, WideList(options.winapp2));
     session.LoadWinapp2Files(WideList(options.winapp2));
     session.ApplyPolicies();
   } catch (...) {

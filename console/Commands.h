@@ -14,6 +14,7 @@ namespace host {
 struct SOptions {
   std::vector<std::string> defs;
   std::vector<std::string> winapp2;  // winapp2.ini files loaded beside the definitions
+  bool noWinapp2 = false;            // leave the bundled winapp2.ini out
   bool noLog = false;
   std::vector<std::string> items;
   bool files = false;
@@ -37,6 +38,9 @@ struct SOptions {
   std::string report;                  // --report FILE: a JSON line per run
   std::vector<std::string> schedule;   // schedule: daily|weekly|monthly|off and items
   std::string at;                      // schedule --at HH:MM
+  std::string url;                     // winapp2 update
+  std::vector<std::string> sites;      // cookies keep, unkeep
+  unsigned long timeoutSeconds = 60;   // winapp2 update: each wait of the download
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
@@ -50,7 +54,8 @@ bool Confirm(const std::wstring& question);
 std::wstring Pad(const std::wstring& text, size_t width, bool right);
 std::vector<std::wstring> WideList(const std::vector<std::string>& list);
 // Loads the --defs folders (made absolute), or the defs folder beside broom.exe,
-// then the --winapp2 files.
+// the bundled winapp2.ini (unless --no-winapp2 or the setting), then the
+// --winapp2 files.
 void LoadDefinitions(CSession& session, const SOptions& options);
 
 int CmdList(CSession& session, const SOptions& options);
@@ -67,6 +72,10 @@ int CmdProtect(CSession& session, const SOptions& options);
 int CmdUnprotect(CSession& session, const SOptions& options);
 int CmdProtected(CSession& session, const SOptions& options);
 int CmdWinapp2Check(CSession& session, const SOptions& options);
+int CmdWinapp2Update(CSession& session, const SOptions& options);
+int CmdCookiesList(CSession& session, const SOptions& options);
+int CmdCookiesKeep(CSession& session, const SOptions& options);
+int CmdCookiesUnkeep(CSession& session, const SOptions& options);
 int CmdExplain(CSession& session, const SOptions& options);
 int CmdPolicy(CSession& session, const SOptions& options);
 int CmdSchedule(CSession& session, const SOptions& options);

@@ -5,6 +5,7 @@
 
 #include "app/PolicyRules.h"
 #include "app/Text.h"
+#include "browserdb/CleanableBrowserDb.h"
 #include "console/Console.h"
 #include "core/Names.h"
 #include "guard/BlastGuard.h"
@@ -116,6 +117,8 @@ int CmdExplain(CSession& session, const SOptions& options) {
       CBlastGuard::SVerdict verdict = guard.Check(hit.item, source.text.GetString());
       out += L"'" + r.item.path + L"'" + (IsOn(r.item.group->IsDefaultClean()) ? L"" : L" (off by default)") +
              L"\n  rule: " + Printable(rule) + L"\n" + CostLine(session, r.item.group);
+      if (auto* db = dynamic_cast<const CCleanableBrowserDb*>(hit.item.Get()))
+        out += L"  cleans inside the database, row by row: " + db->GetDescription() + L"\n";
       if (!age.empty()) {
         ++aged;
         out += L"  not now: " + age + L"\n";

@@ -10,6 +10,7 @@
 
 #include "app/PolicySchedule.h"
 #include "app/Text.h"
+#include "app/Winapp2Update.h"
 #include "console/Commands.h"
 #include "console/Console.h"
 #include "core/Handles.h"
@@ -65,6 +66,7 @@ struct SCommand {
 const std::pair<const char*, const char*> kGroups[] = {
     {"quarantine", "Work with the managed quarantines"},
     {"winapp2", "Work with winapp2.ini files"},
+    {"cookies", "The sites that hold cookies, and the sites whose cookies a clean keeps"},
 };
 
 const SCommand kCommands[] = {
@@ -163,6 +165,23 @@ const SCommand kCommands[] = {
        c.add_option("--at", o.at, "The local time of day to clean at (default 12:00)")->type_name("HH:MM");
      },
      CmdSchedule},
+    {"winapp2", "update",
+     "Download the current winapp2.ini into the data folder, the copy before kept as Winapp2.ini.previous",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("URL", o.url, "Where to download it from (default: " + Utf8(std::wstring(kWinapp2Url)) + ")");
+       c.add_option("--timeout", o.timeoutSeconds, "Seconds each wait may last")
+           ->type_name("SECONDS")
+           ->check(CLI::Range(1ul, 3600ul));
+     },
+     CmdWinapp2Update},
+    {"cookies", "list", "Show every site that holds cookies, per browser and profile, the kept ones marked",
+     [](CLI::App& c, SOptions& o) { c.add_flag("--json", o.json, "Print the sites as JSON"); }, CmdCookiesList},
+    {"cookies", "keep", "Keep the cookies of these sites and their subdomains when cookies are cleaned",
+     [](CLI::App& c, SOptions& o) { c.add_option("SITE", o.sites, "A host name: example.com")->required(); },
+     CmdCookiesKeep},
+    {"cookies", "unkeep", "Take sites off the keep list",
+     [](CLI::App& c, SOptions& o) { c.add_option("SITE", o.sites, "A site on the keep list")->required(); },
+     CmdCookiesUnkeep},
 };
 
 // The command a group stands for, made when its first command is.
@@ -195,6 +214,8 @@ int Run(int argc, wchar_t** argv) {
       ->type_name("FILE")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_flag("--no-winapp2", options.noWinapp2,
+               "Leave out the bundled winapp2.ini (the data folder's copy, else winapp2\\Winapp2.ini beside broom.exe)");
   app.add_flag("--no-log", options.noLog, "Do not write scan logs");
   std::vector<CLI::App*> commands;
   for (const SCommand& command : kCommands) {

@@ -3,6 +3,8 @@
 #include <commctrl.h>
 
 #include "app/Text.h"
+#include "window/AboutDialog.h"
+#include "window/CookiesDialog.h"
 #include "window/Dialogs.h"
 #include "window/Resource.h"
 #include "window/WindowSettings.h"
@@ -35,7 +37,9 @@ const SButton kButtons[] = {{IDC_SCAN, L"&Scan"},
                             {IDC_STOP, L"S&top"},
                             {IDC_CLEAN, L"&Clean..."},
                             {IDC_PROTECTED, L"&Protected..."},
-                            {IDC_QUARANTINE, L"&Quarantine..."}};
+                            {IDC_QUARANTINE, L"&Quarantine..."},
+                            {IDC_COOKIES, L"Coo&kies..."},
+                            {IDC_ABOUT, L"&About..."}};
 
 std::wstring FilesAndSize(unsigned __int64 files, unsigned __int64 bytes) {
   return host::Plural(files, L"file", L"files") + L" (" + host::FormatSize(bytes) + L")";
@@ -226,6 +230,12 @@ void CMainWindow::OnCommand(int id) {
       break;
     case IDC_QUARANTINE:
       if (!busy) OnQuarantine();
+      break;
+    case IDC_ABOUT:
+      ShowAbout(m_window, m_session);
+      break;
+    case IDC_COOKIES:
+      if (!busy) ShowCookies(m_window, m_session);
       break;
     case IDC_FOCUS_TREE:
       SetFocus(m_tree.Handle());

@@ -7,6 +7,8 @@
 #define IDD_PROTECTED 102
 #define IDD_QUARANTINE 103
 #define IDD_RUNNING 104
+#define IDD_ABOUT 105
+#define IDD_COOKIES 106
 
 // Commands, also the identifiers of their buttons.
 #define IDC_SCAN 1001
@@ -16,6 +18,8 @@
 #define IDC_QUARANTINE 1005
 #define IDC_FOCUS_TREE 1006
 #define IDC_FOCUS_RESULTS 1007
+#define IDC_ABOUT 1008
+#define IDC_COOKIES 1009
 
 // Controls of the main window.
 #define IDC_TREE 1101
@@ -54,3 +58,14 @@
 #define IDC_RUN_LIST 1502
 #define IDC_RUN_CLOSE 1503
 #define IDC_RUN_SKIP 1504
+
+// The About box.
+#define IDC_ABOUT_TEXT 1511
+#define IDC_ABOUT_WINAPP2 1512
+
+// The Cookies dialog.
+#define IDC_COOKIES_FOUND 1601
+#define IDC_COOKIES_KEPT 1602
+#define IDC_COOKIES_KEEP 1603
+#define IDC_COOKIES_UNKEEP 1604
+#define IDC_COOKIES_STATUS 1605

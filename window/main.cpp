@@ -9,6 +9,7 @@
 
 #include "app/PolicySchedule.h"
 #include "app/Text.h"
+#include "app/Winapp2Files.h"
 #include "core/Handles.h"
 #include "threads/MsgThreadSTA.h"
 #include "window/MainWindow.h"
@@ -21,9 +22,10 @@
 namespace {
 
 const wchar_t kUsage[] =
-    L"broomw [--defs DIR]... [--winapp2 FILE]... [--no-log]\n\n"
+    L"broomw [--defs DIR]... [--winapp2 FILE]... [--no-winapp2] [--no-log]\n\n"
     L"--defs DIR\tA folder of definition files (repeatable; default: defs beside broomw.exe)\n"
     L"--winapp2 FILE\tA winapp2.ini file whose entries join the definitions (repeatable)\n"
+    L"--no-winapp2\tLeave out the bundled winapp2.ini (the data folder's copy, else winapp2 beside broomw.exe)\n"
     L"--no-log\tDo not write scan logs\n\n"
     L"The folders and files given are remembered for the next start without them.";
 
@@ -31,6 +33,7 @@ struct SArguments {
   broomw::SSources sources;
   bool given = false;  // --defs or --winapp2 on the command line
   bool noLog = false;
+  bool noWinapp2 = false;
 };
 
 // Throws CHostError for what cannot be used.
@@ -45,6 +48,8 @@ SArguments Parse() {
       if (i + 1 >= argc) throw host::CHostError{host::exitUsage, arg + L" needs a value"};
       (arg == L"--defs" ? args.sources.defs : args.sources.winapp2).push_back(host::FullPath(argv[++i]));
       args.given = true;
+    } else if (arg == L"--no-winapp2") {
+      args.noWinapp2 = true;
     } else if (arg == L"--no-log") {
       args.noLog = true;
     } else if (arg == L"--help" || arg == L"-h" || arg == L"/?") {
@@ -98,6 +103,7 @@ int Run(int show) {
   // error that ends the start, or once the window is up.
   try {
     session.LoadDefinitions(folders);
+    if (!args.noWinapp2) host::LoadBundledWinapp2(session, sources.winapp2);
     session.LoadWinapp2Files(sources.winapp2);
     session.ApplyPolicies();
   } catch (host::CHostError& e) {

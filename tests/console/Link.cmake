@@ -13,3 +13,6 @@ target_link_libraries(test_${name} PRIVATE version shell32)
 # program runs alone, so that no other test's broom.exe meets them.
 target_link_libraries(test_${name} PRIVATE taskschd ole32 oleaut32 uuid)
 set(test_serial TRUE)
+target_link_libraries(test_${name} PRIVATE ws2_32)
+# The cookie tests build browser databases with SQLite itself.
+target_link_libraries(test_${name} PRIVATE broom_sqlite3)

@@ -1,0 +1,133 @@
+// broom cookies list, keep and unkeep, and cleaning cookies with the keep
+// list of the data folder: what stays in a Chromium cookie database, and
+// that a damaged keep list stops every cookie command with nothing changed.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "browserdb/BrowserSchemas.h"
+#include "common/TestFiles.h"
+#include "console/BroomRun.h"
+
+using broomtest::Exists;
+using broomtest::Narrow;
+using broomtest::ReadFile;
+using broomtest::RunBroomExe;
+using broomtest::SBroomRun;
+using broomtest::TempDir;
+using broomtest::WriteFile;
+
+namespace {
+
+class BroomCookies : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const std::wstring profile = m_root / L"tree\\User Data\\Default";
+    broomtest::MakeDirs(profile + L"\\Network");
+    {
+      broom::unique_sqlite db = browserschema::Open(Database());
+      browserschema::Exec(db.get(), browserschema::kChromiumCookies);
+      browserschema::Insert(db.get(), browserschema::kChromiumCookieRow,
+                            {{".example.com", "sid"}, {"mail.example.com", "a"}, {"mail.example.com", "b"},
+                             {".badexample.com", "x"}, {"example.com.evil.net", "y"}, {".other.net", "z"}});
+    }
+    WriteFile(m_root / L"defs\\cookies.xml",
+              Narrow(L"<ConfigItems><group name=\"Browsers\"><group name=\"Test Browser\">"
+                     L"<item name=\"Cookies\" scan=\"no\" clean=\"no\"><cleaning><clean kind=\"cookies\" "
+                     L"browser=\"chromium\">" + m_root / L"tree\\User Data" +
+                     L"</clean></cleaning></item></group></group></ConfigItems>"));
+  }
+
+  SBroomRun Run(std::vector<std::wstring> args) {
+    args.insert(args.begin(), {L"--defs", m_root / L"defs"});
+    return RunBroomExe(args, m_root / L"appdata");
+  }
+  std::wstring Database() const { return m_root / L"tree\\User Data\\Default\\Network\\Cookies"; }
+  std::wstring KeepFile() const { return m_root / L"appdata\\Broom\\cookies-keep.txt"; }
+  std::vector<std::string> Hosts() const {
+    broom::unique_sqlite db = browserschema::Open(Database());
+    return browserschema::Rows(db.get(), "SELECT host_key FROM cookies ORDER BY host_key, name");
+  }
+
+  TempDir m_root;
+};
+
+}  // namespace
+
+TEST_F(BroomCookies, KeptSitesAndTheirSubdomainsSurviveACleanAndTheListCountsThem) {
+  SBroomRun r = Run({L"cookies", L"keep", L"Example.COM"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  EXPECT_NE(std::string::npos, ReadFile(KeepFile()).find("example.com"));
+  EXPECT_EQ(0u, Run({L"cookies", L"keep", L"mail.example.com"}).code);  // kept already, by its parent
+  const std::string once = ReadFile(KeepFile());
+  EXPECT_EQ(1, std::count(once.begin(), once.end(), '\n')) << once;
+
+  r = Run({L"cookies", L"list", L"--json"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  nlohmann::json j = nlohmann::json::parse(r.out);
+  EXPECT_EQ(1, j["databases"]);
+  EXPECT_EQ(2, j["kept"]);
+  std::vector<std::string> listed;
+  for (const auto& site : j["sites"])
+    listed.push_back(site["site"].get<std::string>() + (site["kept"].get<bool>() ? " kept " : " ") +
+                     std::to_string(site["cookies"].get<int>()) + " " + site["where"][0]["browser"].get<std::string>() +
+                     "/" + site["where"][0]["profile"].get<std::string>());
+  EXPECT_EQ((std::vector<std::string>{"badexample.com 1 Test Browser/Default", "example.com kept 1 Test Browser/Default",
+                                      "example.com.evil.net 1 Test Browser/Default",
+                                      "mail.example.com kept 2 Test Browser/Default", "other.net 1 Test Browser/Default"}),
+            listed);
+
+  r = Run({L"clean", L"--yes", L"Browsers/Test Browser/Cookies"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  EXPECT_EQ((std::vector<std::string>{".example.com", "mail.example.com", "mail.example.com"}), Hosts());
+
+  r = Run({L"cookies", L"unkeep", L"example.com"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  EXPECT_EQ(std::string::npos, ReadFile(KeepFile()).find("example.com"));
+}
+
+TEST_F(BroomCookies, ADamagedKeepListStopsEveryCookieCommandAndChangesNothing) {
+  const std::string damaged = "example.com\r\nhttps://bank.example\r\n";
+  WriteFile(KeepFile(), damaged);
+  const std::string before = ReadFile(Database());
+  struct SCase {
+    std::vector<std::wstring> args;
+  };
+  const SCase cases[] = {{{L"cookies", L"list"}},
+                         {{L"cookies", L"keep", L"other.net"}},
+                         {{L"cookies", L"unkeep", L"example.com"}},
+                         {{L"scan", L"Browsers/Test Browser/Cookies"}},
+                         {{L"clean", L"--yes", L"Browsers/Test Browser/Cookies"}}};
+  for (const SCase& c : cases) {
+    SBroomRun r = Run(c.args);
+    EXPECT_EQ(2u, r.code) << Narrow(c.args[1]) << r.out;
+    EXPECT_NE(std::string::npos, r.err.find("cookies-keep.txt")) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("line 2")) << r.err;
+  }
+  EXPECT_EQ(damaged, ReadFile(KeepFile()));
+  EXPECT_EQ(before, ReadFile(Database()));
+  EXPECT_EQ(6u, Hosts().size());
+}
+
+TEST_F(BroomCookies, ASiteThatIsNotAHostNameIsRefusedAndNothingIsWritten) {
+  for (const wchar_t* bad : {L"https://example.com", L"example.com/path", L"ex ample.com", L"*ample.com"}) {
+    SBroomRun r = Run({L"cookies", L"keep", L"good.org", bad});
+    EXPECT_EQ(2u, r.code) << Narrow(bad);
+    EXPECT_NE(std::string::npos, r.err.find("is not a site")) << r.err;
+    EXPECT_FALSE(Exists(KeepFile())) << Narrow(bad);
+  }
+}
+
+TEST_F(BroomCookies, AQuarantineNeverTakesADatabase) {
+  const std::string before = ReadFile(Database());
+  SBroomRun r = Run({L"clean", L"--yes", L"Browsers/Test Browser/Cookies", L"--quarantine"});
+  EXPECT_EQ(1u, r.code) << r.out << r.err;
+  EXPECT_EQ(before, ReadFile(Database()));
+  EXPECT_EQ(6u, Hosts().size());
+  EXPECT_NE(std::string::npos, (r.out + r.err).find("0x806B0032")) << r.out << r.err;
+}
