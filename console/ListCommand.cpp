@@ -116,6 +116,13 @@ nlohmann::json GroupJson(const CScanGroup* group, const CConfigStore* store, uns
                       {"operations", group->GetScanOpCount()},
                       {"cost", store ? nlohmann::json(Utf8(std::wstring(CostName(store->GetCost(group))))) : nlohmann::json()},
                       {"sources", sources}};
+  // the programs that hold the item's files while they run, its groups' included
+  if (group->HasScanOps()) {
+    nlohmann::json running = nlohmann::json::array();
+    if (store)
+      for (const std::wstring& image : store->GetPrograms(group)) running.push_back(Utf8(image));
+    j["running"] = running;
+  }
   group->HasScanOps() ? ++items : ++groups;
   nlohmann::json children = nlohmann::json::array();
   CRefPtr<TIteratorIface<CScanGroup>> it;

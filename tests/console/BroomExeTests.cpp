@@ -976,8 +976,8 @@ TEST_F(BroomExe, ScanLogsAreWrittenUnlessSwitchedOff) {
 class BroomExeCosts : public BroomExe {
  protected:
   void SetUp() override {
-    WriteFile(m_root / L"defs\\web.xml", "<ConfigItems><group name=\"Web\" cost=\"history\" scan=\"yes\" clean=\"yes\"/>"
-                                         "</ConfigItems>");
+    WriteFile(m_root / L"defs\\web.xml", "<ConfigItems><group name=\"Web\" cost=\"history\" scan=\"yes\" clean=\"yes\">"
+                                         "<running>web.exe</running></group></ConfigItems>");
     WriteDefs({{L"Web", L"Cache", L"cost=\"cache\"", Clean(Tree(L"cache\\*"))},
                {L"Web", L"Visits", L"", Clean(Tree(L"visits\\*"))},
                {L"Web", L"Cookies", L"cost=\"sign-in\"", Clean(Tree(L"cookies\\*"))},
@@ -1003,7 +1003,10 @@ TEST_F(BroomExeCosts, ListAndExplainNameTheCost) {
   EXPECT_NE(std::string::npos, list.out.find("  Visits  [scan, clean, 1 operation, cost: history]\n")) << list.out;
   nlohmann::json j = Json(Run({L"list", L"--json"}));
   std::map<std::string, std::string> costs;
-  for (auto& item : j["groups"][0]["children"]) costs[item["name"]] = item["cost"];
+  for (auto& item : j["groups"][0]["children"]) {
+    costs[item["name"]] = item["cost"];
+    EXPECT_EQ(item["running"], nlohmann::json::array({"web.exe"})) << item.dump();  // the group's program holds each item
+  }
   EXPECT_EQ(costs, (std::map<std::string, std::string>{
                        {"Cache", "cache"}, {"Visits", "history"}, {"Cookies", "sign-in"}, {"Passwords", "saved"}}));
   RunResult explain = Run({L"explain", Tree(L"passwords\\f.dat")});
