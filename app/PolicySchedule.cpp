@@ -1,6 +1,7 @@
 #include "app/PolicySchedule.h"
 
 #include "app/Session.h"
+#include "core/CommandLine.h"
 
 namespace host {
 
@@ -9,27 +10,11 @@ namespace {
 // The hour a policy's task runs at: the middle of a working day, when the PCs are on.
 constexpr unsigned kPolicyHour = 12;
 
-std::wstring QuotedArgument(const std::wstring& arg) {
-  std::wstring out = L"\"";
-  size_t slashes = 0;
-  for (wchar_t c : arg) {
-    if (c == L'\\') {
-      ++slashes;
-    } else {
-      if (c == L'"') out.append(slashes + 1, L'\\');
-      slashes = 0;
-    }
-    out += c;
-  }
-  out.append(slashes, L'\\');
-  return out + L"\"";
-}
-
 }  // namespace
 
 std::wstring ScheduledArguments(const std::vector<std::wstring>& items) {
   std::wstring arguments = L"clean --yes --scheduled";
-  for (const std::wstring& item : items) arguments += L" " + QuotedArgument(item);
+  for (const std::wstring& item : items) arguments += L" " + broom::QuoteArgument(item);
   return arguments;
 }
 

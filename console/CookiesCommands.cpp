@@ -80,59 +80,59 @@ int CmdCookiesList(CSession& session, const SOptions& options) {
   return exitOk;
 }
 
-int CmdCookiesKeep(CSession& session, const SOptions& options) {
+namespace {
+
+// What an edit of the keep list did to a site; empty for an edit that
+// stops the command (an invalid site, an unusable list).
+std::wstring EditText(CCookieKeepList::EEdit edit, const std::wstring& site, const std::wstring& detail) {
+  switch (edit) {
+    case CCookieKeepList::editAdded: return L"Keeping the cookies of " + Quoted(site) + L" and its subdomains.\n";
+    case CCookieKeepList::editAlready: return Quoted(site) + L" is kept already (by " + Quoted(detail) + L").\n";
+    case CCookieKeepList::editRemoved:
+      return Quoted(site) + L" is no longer kept: a clean of cookies deletes its cookies.\n";
+    case CCookieKeepList::editNotListed: return Quoted(site) + L" is not on the keep list.\n";
+    case CCookieKeepList::editByParent:
+      return Quoted(site) + L" stays kept: " + Quoted(detail) + L" is on the list and keeps its subdomains.\n";
+    default: return std::wstring();
+  }
+}
+
+// Applies edit to every site named, then saves the list once; any site
+// that cannot be edited stops the command with nothing saved.
+template <class Edit>
+int EditSites(CSession& session, const SOptions& options, Edit edit) {
   CCookieKeepList list = LoadForEdit(session);
   std::wstring out;
   bool changed = false;
   for (const std::wstring& site : WideList(options.sites)) {
     std::wstring detail;
-    switch (list.Keep(site.c_str(), &detail)) {
-      case CCookieKeepList::editAdded:
-        out += L"Keeping the cookies of " + Quoted(site) + L" and its subdomains.\n";
-        changed = true;
-        break;
-      case CCookieKeepList::editAlready:
-        out += Quoted(site) + L" is kept already (by " + Quoted(detail) + L").\n";
-        break;
-      case CCookieKeepList::editInvalid:
-        throw CHostError{exitUsage, Quoted(site) + L" is not a site: " + detail + L"; nothing was changed"};
-      default:
-        throw CHostError{exitUsage, L"the cookie keep list " + Quoted(session.CookieKeepFile()) +
-                                        L" cannot be edited; nothing was changed"};
-    }
+    const CCookieKeepList::EEdit done = edit(list, site.c_str(), &detail);
+    if (done == CCookieKeepList::editInvalid)
+      throw CHostError{exitUsage, Quoted(site) + L" is not a site: " + detail + L"; nothing was changed"};
+    const std::wstring text = EditText(done, site, detail);
+    if (text.empty())
+      throw CHostError{exitUsage, L"the cookie keep list " + Quoted(session.CookieKeepFile()) +
+                                      L" cannot be edited; nothing was changed"};
+    out += text;
+    changed = changed || done == CCookieKeepList::editAdded || done == CCookieKeepList::editRemoved;
   }
   if (changed) Save(session, list);
   CConsole::Out(out);
   return exitOk;
 }
 
+}  // namespace
+
+int CmdCookiesKeep(CSession& session, const SOptions& options) {
+  return EditSites(session, options, [](CCookieKeepList& list, const wchar_t* site, std::wstring* detail) {
+    return list.Keep(site, detail);
+  });
+}
+
 int CmdCookiesUnkeep(CSession& session, const SOptions& options) {
-  CCookieKeepList list = LoadForEdit(session);
-  std::wstring out;
-  bool changed = false;
-  for (const std::wstring& site : WideList(options.sites)) {
-    std::wstring detail;
-    switch (list.Unkeep(site.c_str(), &detail)) {
-      case CCookieKeepList::editRemoved:
-        out += Quoted(site) + L" is no longer kept: a clean of cookies deletes its cookies.\n";
-        changed = true;
-        break;
-      case CCookieKeepList::editNotListed:
-        out += Quoted(site) + L" is not on the keep list.\n";
-        break;
-      case CCookieKeepList::editByParent:
-        out += Quoted(site) + L" stays kept: " + Quoted(detail) + L" is on the list and keeps its subdomains.\n";
-        break;
-      case CCookieKeepList::editInvalid:
-        throw CHostError{exitUsage, Quoted(site) + L" is not a site: " + detail + L"; nothing was changed"};
-      default:
-        throw CHostError{exitUsage, L"the cookie keep list " + Quoted(session.CookieKeepFile()) +
-                                        L" cannot be edited; nothing was changed"};
-    }
-  }
-  if (changed) Save(session, list);
-  CConsole::Out(out);
-  return exitOk;
+  return EditSites(session, options, [](CCookieKeepList& list, const wchar_t* site, std::wstring* detail) {
+    return list.Unkeep(site, detail);
+  });
 }
 
 }  // namespace host

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/TestFiles.h"
+#include "core/CommandLine.h"
 #include "core/Handles.h"
 #include "registry/RegTestTree.h"
 
@@ -31,24 +32,6 @@ struct RunResult {
   std::string err;
 };
 
-std::wstring Quote(const std::wstring& arg) {
-  // Backslashes only need doubling in front of a quote, which here is the
-  // closing one.
-  std::wstring out = L"\"";
-  size_t slashes = 0;
-  for (wchar_t c : arg) {
-    if (c == L'\\') {
-      ++slashes;
-    } else {
-      if (c == L'"') out.append(slashes + 1, L'\\');
-      slashes = 0;
-    }
-    out += c;
-  }
-  out.append(slashes, L'\\');
-  return out + L"\"";
-}
-
 void Drain(HANDLE pipe, std::string* into) {
   char buffer[4096];
   DWORD read = 0;
@@ -59,8 +42,8 @@ void Drain(HANDLE pipe, std::string* into) {
 RunResult RunBroom(const std::vector<std::wstring>& args, const std::wstring& appData, const std::string& input = "") {
   RunResult result;
   std::wstring exe = ExeFolder() + L"\\broom.exe";
-  std::wstring command = Quote(exe);
-  for (const std::wstring& a : args) command += L" " + Quote(a);
+  std::wstring command = broom::QuoteArgument(exe);
+  for (const std::wstring& a : args) command += L" " + broom::QuoteArgument(a);
 
   SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};
   HANDLE outRead = nullptr, outWrite = nullptr, errRead = nullptr, errWrite = nullptr, inRead = nullptr,

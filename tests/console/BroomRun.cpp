@@ -2,30 +2,13 @@
 
 #include <gtest/gtest.h>
 
-
 #include "common/TestFiles.h"
+#include "core/CommandLine.h"
 #include "core/Handles.h"
 
 namespace broomtest {
 
 namespace {
-
-// Backslashes only need doubling in front of a quote, which here is the closing one.
-std::wstring Quote(const std::wstring& arg) {
-  std::wstring out = L"\"";
-  size_t slashes = 0;
-  for (wchar_t c : arg) {
-    if (c == L'\\') {
-      ++slashes;
-    } else {
-      if (c == L'"') out.append(slashes + 1, L'\\');
-      slashes = 0;
-    }
-    out += c;
-  }
-  out.append(slashes, L'\\');
-  return out + L"\"";
-}
 
 // What the pipe holds now, without waiting: a program broom started (Wine's
 // desktop) may hold the pipe's other end for good, so its end never comes.
@@ -44,8 +27,8 @@ void Take(HANDLE pipe, std::string& into) {
 SBroomRun RunBroomExe(const std::vector<std::wstring>& args, const std::wstring& appData, const std::string& input) {
   SBroomRun result;
   const std::wstring exe = ExeFolder() + L"\\broom.exe";
-  std::wstring command = Quote(exe);
-  for (const std::wstring& a : args) command += L" " + Quote(a);
+  std::wstring command = broom::QuoteArgument(exe);
+  for (const std::wstring& a : args) command += L" " + broom::QuoteArgument(a);
 
   SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};
   HANDLE pipes[6] = {};
