@@ -103,7 +103,9 @@ for arch in "${arches[@]}"; do
     diff -u "$packages/files.txt" "$packages/$kind-files.txt" >&2 \
       || fail "the $kind package of $arch does not hold the program folder's files (above: - missing, + extra)"
   done
-  unzip -Z1 "$packages/Broom-$version$suffix-portable.zip" | grep -qx Broom/portable.txt \
+  # grep -q would stop reading at the first match and, under pipefail, fail
+  # the check whenever unzip was still writing the rest of the list.
+  unzip -Z1 "$packages/Broom-$version$suffix-portable.zip" | grep -x Broom/portable.txt >/dev/null \
     || fail "the portable zip of $arch has no portable.txt"
   echo "  each holds the $(wc -l < "$packages/files.txt") files of $app"
 done
