@@ -123,11 +123,43 @@ TEST_F(BroomCookies, ASiteThatIsNotAHostNameIsRefusedAndNothingIsWritten) {
   }
 }
 
-TEST_F(BroomCookies, AQuarantineNeverTakesADatabase) {
+// A database is cleaned inside, so its quarantine is a copy from before the
+// clean; it goes back only over the database exactly as the clean left it.
+TEST_F(BroomCookies, AQuarantinedCleanKeepsACopyThatRestorePutsBackByteForByte) {
   const std::string before = ReadFile(Database());
-  SBroomRun r = Run({L"clean", L"--yes", L"Browsers/Test Browser/Cookies", L"--quarantine"});
-  EXPECT_EQ(1u, r.code) << r.out << r.err;
+  const std::wstring q = m_root / L"q";
+  SBroomRun r = Run({L"clean", L"--yes", L"Browsers/Test Browser/Cookies", L"--quarantine", q});
+  ASSERT_EQ(0u, r.code) << r.out << r.err;
+  EXPECT_TRUE(Hosts().empty());
+  const nlohmann::json manifest = nlohmann::json::parse(ReadFile(q + L"\\broom-quarantine.json"));
+  ASSERT_EQ(1u, manifest["entries"].size());
+  const nlohmann::json& entry = manifest["entries"][0];
+  EXPECT_EQ("database", entry["kind"]);
+  EXPECT_EQ("Cookies", entry["stored"]);
+  EXPECT_EQ(Narrow(Database()), entry["original"]);
+  EXPECT_EQ(0u, entry["checksum"].get<std::string>().rfind("sha256:", 0));
+  EXPECT_EQ(before, ReadFile(q + L"\\Cookies"));
+
+  r = Run({L"restore", q});
+  ASSERT_EQ(0u, r.code) << r.out << r.err;
   EXPECT_EQ(before, ReadFile(Database()));
   EXPECT_EQ(6u, Hosts().size());
-  EXPECT_NE(std::string::npos, (r.out + r.err).find("0x806B0032")) << r.out << r.err;
+  EXPECT_FALSE(Exists(q));
+}
+
+TEST_F(BroomCookies, ARestoreKeepsTheCopyOfADatabaseItsBrowserWroteToSinceTheClean) {
+  const std::string before = ReadFile(Database());
+  const std::wstring q = m_root / L"q";
+  ASSERT_EQ(0u, Run({L"clean", L"--yes", L"Browsers/Test Browser/Cookies", L"--quarantine", q}).code);
+  {
+    broom::unique_sqlite db = browserschema::Open(Database());
+    browserschema::Insert(db.get(), browserschema::kChromiumCookieRow, {{".new.org", "fresh"}});
+  }
+  SBroomRun r = Run({L"restore", q});
+  EXPECT_EQ(1u, r.code) << r.out << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("changed since the clean")) << r.err;
+  EXPECT_EQ((std::vector<std::string>{".new.org"}), Hosts());
+  EXPECT_EQ(before, ReadFile(q + L"\\Cookies"));
+  EXPECT_EQ(1u, nlohmann::json::parse(ReadFile(q + L"\\broom-quarantine.json"))["entries"].size());
+
 }
