@@ -8,15 +8,27 @@
 #include "app/Text.h"
 #include "browserdb/BrowserDbScan.h"
 #include "core/Names.h"
+#include "policy/Policies.h"
 
 namespace host {
 
 namespace {
 
+const wchar_t* const kPolicyOrigin = L"the KeepCookieSites policy of your organisation";
+
+// Whether one of the policy's entries is not a site.
+bool PolicyIsFaulty() {
+  std::wstring site, why;
+  for (const std::wstring& entry : CPolicies::Current().List(EPolicy::keepCookieSites))
+    if (!CCookieKeepList::ParseSite(entry, site, why)) return true;
+  return false;
+}
+
 std::wstring Unusable(const CSession& session) {
+  const std::wstring fix = PolicyIsFaulty() ? L"ask your administrator to correct the policy"
+                                            : L"correct that line or delete the file, then run the command again";
   return L"the cookie keep list " + Quoted(session.CookieKeepFile()) + L" cannot be used: " +
-         session.CookieKeep().DescribeProblem() +
-         L"; no cookie was deleted: correct that line or delete the file, then run the command again";
+         session.CookieKeep().DescribeProblem() + L"; no cookie was deleted: " + fix;
 }
 
 // "Google Chrome" of "Browsers/Google Chrome/Cookies".
@@ -28,6 +40,13 @@ std::wstring BrowserOf(const std::wstring& itemPath) {
 }
 
 }  // namespace
+
+bool ReadCookieKeep(const std::wstring& file, CCookieKeepList& list) {
+  if (!list.Load(file.c_str())) return false;
+  for (const std::wstring& site : CPolicies::Current().List(EPolicy::keepCookieSites))
+    if (!list.AddEnforced(site.c_str(), kPolicyOrigin)) return false;
+  return true;
+}
 
 std::vector<CBrowserDbScan*> CookieOperations(const std::vector<SItem>& items) {
   std::vector<CBrowserDbScan*> found;
@@ -71,6 +90,7 @@ SCookieListing ListCookieSites(CSession& session) {
           row.site = site.site;
           row.kept = site.kept;
           row.keptBy = site.keptBy;
+          row.keptByPolicy = site.kept && session.CookieKeep().IsEnforced(site.keptBy.c_str());
           row.cookies += site.cookies;
           row.where.push_back({BrowserOf(item.path), broom::NameOf(db.profile), site.cookies});
         }

@@ -7,12 +7,19 @@
 #include <vector>
 
 #include "app/ItemSelection.h"
+#include "browserdb/CookieKeepList.h"
 
 class CBrowserDbScan;
 
 namespace host {
 
 class CSession;
+
+// Reads the keep list file and adds the sites of the organisation's
+// KeepCookieSites policy, which keep whatever the file says and are never
+// written to it; false when the list is unusable (the file, or a policy
+// entry that is not a site: then no cookie may go).
+bool ReadCookieKeep(const std::wstring& file, CCookieKeepList& list);
 
 // The cookie operations of the items, each once.
 std::vector<CBrowserDbScan*> CookieOperations(const std::vector<SItem>& items);
@@ -32,6 +39,7 @@ struct SCookieSiteRow {
   std::wstring site;
   bool kept = false;
   std::wstring keptBy;
+  bool keptByPolicy = false;  // keptBy is a site of the KeepCookieSites policy
   unsigned long long cookies = 0;
   std::vector<SCookieSiteWhere> where;
 };

@@ -95,7 +95,7 @@ void CSession::Start(bool noLog) {
   m_config->AddFactory(CRegistryScanFactory::Create());  // "reg" definitions
   m_recycleBin = CRecycleBinScanFactory::Create();        // "recyclebin" definitions
   m_config->AddFactory(m_recycleBin);
-  m_cookieKeep.Load(CookieKeepFile().c_str());  // unusable: its cookie operations find nothing
+  ReadCookieKeep(CookieKeepFile(), m_cookieKeep);  // unusable: its cookie operations find nothing
   m_config->AddFactory(CBrowserDbScanFactory::Create(m_cookieKeep));  // "cookies" and "history"
   m_started = true;
 }

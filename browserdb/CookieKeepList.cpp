@@ -151,6 +151,7 @@ bool CCookieKeepList::Parse(const std::string& bytes) {
   m_problem = SKeepListProblem();
   m_lines.clear();
   m_sites.clear();
+  m_enforced.clear();
   size_t start = bytes.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
   int number = 0;
   while (start < bytes.size()) {
@@ -181,6 +182,7 @@ bool CCookieKeepList::Parse(const std::string& bytes) {
 bool CCookieKeepList::Load(const wchar_t* path) {
   m_lines.clear();
   m_sites.clear();
+  m_enforced.clear();
   m_problem = SKeepListProblem();
   broom::unique_hfile file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                        nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
@@ -272,6 +274,33 @@ void CCookieKeepList::Rebuild() {
   m_sites.clear();
   for (const SLine& line : m_lines)
     if (!line.site.empty()) m_sites.insert(line.site);
+  m_sites.insert(m_enforced.begin(), m_enforced.end());
+}
+
+bool CCookieKeepList::AddEnforced(const wchar_t* text, const wchar_t* origin) {
+  if (!m_usable) return false;
+  std::wstring site, why;
+  if (!ParseSite(text ? text : L"", site, why)) {
+    Fail(0, std::string(), std::wstring(origin ? origin : L"an enforced site") + L" ('" + Shown(text ? text : L"") +
+                               L"') " + why);
+    m_enforced.clear();
+    return false;
+  }
+  const std::string key = Narrow(site);
+  if (std::find(m_enforced.begin(), m_enforced.end(), key) == m_enforced.end()) m_enforced.push_back(key);
+  m_sites.insert(key);
+  return true;
+}
+
+std::vector<std::wstring> CCookieKeepList::GetEnforcedSites() const {
+  std::vector<std::wstring> sites;
+  for (const std::string& site : m_enforced) sites.push_back(Wide(site));
+  return sites;
+}
+
+bool CCookieKeepList::IsEnforced(const wchar_t* site) const {
+  const std::string key = Narrow(site ? site : L"");
+  return std::find(m_enforced.begin(), m_enforced.end(), key) != m_enforced.end();
 }
 
 namespace {
@@ -294,7 +323,7 @@ CCookieKeepList::EEdit CCookieKeepList::Keep(const wchar_t* text, std::wstring* 
   std::string by = KeptByUtf8(key);
   if (!by.empty()) {
     if (detail) *detail = Wide(by);
-    return editAlready;
+    return std::find(m_enforced.begin(), m_enforced.end(), by) != m_enforced.end() ? editByPolicy : editAlready;
   }
   m_lines.push_back(SLine{key, key});
   Rebuild();
@@ -311,6 +340,13 @@ CCookieKeepList::EEdit CCookieKeepList::Unkeep(const wchar_t* text, std::wstring
   // a listed parent keeps the site whatever its own lines say
   size_t dot = key.find('.');
   std::string parent = dot == std::string::npos ? std::string() : KeptByUtf8(key.substr(dot + 1));
+  const auto enforced = [&](const std::string& s) {
+    return std::find(m_enforced.begin(), m_enforced.end(), s) != m_enforced.end();
+  };
+  if (enforced(key) || (!parent.empty() && enforced(parent))) {
+    if (detail) *detail = Wide(enforced(key) ? key : parent);
+    return editByPolicy;
+  }
   if (!parent.empty()) {
     if (detail) *detail = Wide(parent);
     return editByParent;

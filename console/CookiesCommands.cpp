@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "app/CookieSites.h"
+#include "app/PolicyRules.h"
 #include "app/Text.h"
 #include "console/Console.h"
 
@@ -18,7 +19,7 @@ namespace {
 CCookieKeepList LoadForEdit(const CSession& session) {
   RequireCookieKeep(session);
   CCookieKeepList list;
-  if (!list.Load(session.CookieKeepFile().c_str()))
+  if (!ReadCookieKeep(session.CookieKeepFile(), list))
     throw CHostError{exitUsage, L"the cookie keep list " + Quoted(session.CookieKeepFile()) +
                                     L" cannot be used: " + list.DescribeProblem() +
                                     L"; nothing was changed: correct that line or delete the file"};
@@ -50,6 +51,7 @@ int CmdCookiesList(CSession& session, const SOptions& options) {
       sites.push_back({{"site", Utf8(row.site)},
                        {"kept", row.kept},
                        {"kept_by", row.kept ? nlohmann::json(Utf8(row.keptBy)) : nlohmann::json()},
+                       {"policy", row.keptByPolicy ? nlohmann::json("KeepCookieSites") : nlohmann::json()},
                        {"cookies", row.cookies},
                        {"where", where}});
     }
@@ -65,14 +67,17 @@ int CmdCookiesList(CSession& session, const SOptions& options) {
   }
   size_t width = 20;
   for (const SCookieSiteRow& row : listing.sites) width = std::max(width, row.site.size() + 2);
+  bool byPolicy = false;
   std::wstring out = Pad(L"Site", width, false) + L"      " + Pad(L"Cookies", 8, true) + L"  Where\n";
   for (const SCookieSiteRow& row : listing.sites) {
     std::wstring where;
     for (const SCookieSiteWhere& w : row.where)
       where += (where.empty() ? L"" : L", ") + w.browser + L" (" + w.profile + L") " + FormatCount(w.cookies);
-    out += Pad(row.site, width, false) + (row.kept ? L"kept  " : L"      ") + Pad(FormatCount(row.cookies), 8, true) +
-           L"  " + where + L"\n";
+    out += Pad(row.site, width, false) + (row.keptByPolicy ? L"kept* " : row.kept ? L"kept  " : L"      ") +
+           Pad(FormatCount(row.cookies), 8, true) + L"  " + where + L"\n";
+    byPolicy = byPolicy || row.keptByPolicy;
   }
+  if (byPolicy) out += L"* " + std::wstring(kSetByOrganisation) + L" (KeepCookieSites).\n";
   out += Plural(listing.sites.size(), L"site", L"sites") + L" in " +
          Plural(listing.databases, L"cookie database", L"cookie databases") + L"; " + FormatCount(kept) +
          L" kept by " + session.CookieKeepFile() + L".\n";
@@ -91,6 +96,8 @@ std::wstring EditText(CCookieKeepList::EEdit edit, const std::wstring& site, con
     case CCookieKeepList::editRemoved:
       return Quoted(site) + L" is no longer kept: a clean of cookies deletes its cookies.\n";
     case CCookieKeepList::editNotListed: return Quoted(site) + L" is not on the keep list.\n";
+    case CCookieKeepList::editByPolicy:
+      return Quoted(site) + L" is kept already, by your organisation (KeepCookieSites, " + Quoted(detail) + L").\n";
     case CCookieKeepList::editByParent:
       return Quoted(site) + L" stays kept: " + Quoted(detail) + L" is on the list and keeps its subdomains.\n";
     default: return std::wstring();
@@ -100,7 +107,7 @@ std::wstring EditText(CCookieKeepList::EEdit edit, const std::wstring& site, con
 // Applies edit to every site named, then saves the list once; any site
 // that cannot be edited stops the command with nothing saved.
 template <class Edit>
-int EditSites(CSession& session, const SOptions& options, Edit edit) {
+int EditSites(CSession& session, const SOptions& options, bool adding, Edit edit) {
   CCookieKeepList list = LoadForEdit(session);
   std::wstring out;
   bool changed = false;
@@ -109,6 +116,9 @@ int EditSites(CSession& session, const SOptions& options, Edit edit) {
     const CCookieKeepList::EEdit done = edit(list, site.c_str(), &detail);
     if (done == CCookieKeepList::editInvalid)
       throw CHostError{exitUsage, Quoted(site) + L" is not a site: " + detail + L"; nothing was changed"};
+    if (done == CCookieKeepList::editByPolicy && !adding)
+      throw CHostError{exitUsage, Quoted(site) + L" is kept by your organisation (the KeepCookieSites policy names " +
+                                      Quoted(detail) + L") and cannot be removed; nothing was changed"};
     const std::wstring text = EditText(done, site, detail);
     if (text.empty())
       throw CHostError{exitUsage, L"the cookie keep list " + Quoted(session.CookieKeepFile()) +
@@ -124,13 +134,13 @@ int EditSites(CSession& session, const SOptions& options, Edit edit) {
 }  // namespace
 
 int CmdCookiesKeep(CSession& session, const SOptions& options) {
-  return EditSites(session, options, [](CCookieKeepList& list, const wchar_t* site, std::wstring* detail) {
+  return EditSites(session, options, true, [](CCookieKeepList& list, const wchar_t* site, std::wstring* detail) {
     return list.Keep(site, detail);
   });
 }
 
 int CmdCookiesUnkeep(CSession& session, const SOptions& options) {
-  return EditSites(session, options, [](CCookieKeepList& list, const wchar_t* site, std::wstring* detail) {
+  return EditSites(session, options, false, [](CCookieKeepList& list, const wchar_t* site, std::wstring* detail) {
     return list.Unkeep(site, detail);
   });
 }

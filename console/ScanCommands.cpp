@@ -342,6 +342,13 @@ int CmdScan(CSession& session, const SOptions& options) {
 
 int CmdClean(CSession& session, const SOptions& options) {
   BeginRunReport(options, L"clean");
+  // what the organisation forbids is refused before anything is scanned
+  if (options.overwrite && session.Policies().IsOn(EPolicy::disableOverwrite))
+    throw CHostError{exitUsage, L"your organisation does not allow overwriting files (DisableOverwrite); nothing was "
+                                L"cleaned: run without --overwrite"};
+  if (options.closeApps && session.Policies().IsOn(EPolicy::disableCloseApps))
+    throw CHostError{exitUsage, L"your organisation does not allow closing programs (DisableCloseApps); nothing was "
+                                L"cleaned: run without --close-apps (the items of running programs are then skipped)"};
   LoadDefinitions(session, options);
   session.LoadWhiteList();
   PurgeByPolicy(session);

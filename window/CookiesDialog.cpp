@@ -5,6 +5,7 @@
 
 #include "app/CookieSites.h"
 #include "app/HostError.h"
+#include "app/PolicyRules.h"
 #include "app/Text.h"
 #include "window/Resource.h"
 
@@ -15,12 +16,19 @@ namespace {
 struct SCookiesState {
   host::CSession* session = nullptr;
   std::vector<std::wstring> found;  // sites that hold cookies and are not kept
-  std::vector<std::wstring> kept;   // the keep list's sites
+  std::vector<std::wstring> kept;   // the keep list's sites, then the organisation's
+  size_t listed = 0;                // how many of kept the user's file lists
 };
 
-void Fill(HWND list, const std::vector<std::wstring>& sites) {
+// sites from enforced on are the organisation's: shown as set by it
+void Fill(HWND list, const std::vector<std::wstring>& sites, size_t enforced = SIZE_MAX) {
   SendMessageW(list, LB_RESETCONTENT, 0, 0);
-  for (const std::wstring& site : sites) SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(site.c_str()));
+  for (size_t i = 0; i < sites.size(); ++i) {
+    const std::wstring shown = i < enforced ? sites[i] : sites[i] + L" (" + host::kSetByOrganisation + L")";
+    // the list sorts what it shows: each line carries its index in sites
+    const LRESULT at = SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(shown.c_str()));
+    if (at >= 0) SendMessageW(list, LB_SETITEMDATA, static_cast<WPARAM>(at), static_cast<LPARAM>(i));
+  }
 }
 
 // Reads the keep list and the databases again; false, with the reason shown,
@@ -30,10 +38,12 @@ bool Refresh(HWND dialog, SCookiesState& state) {
   const std::wstring file = state.session->CookieKeepFile();
   state.found.clear();
   state.kept.clear();
-  bool usable = keep.Load(file.c_str());
+  bool usable = host::ReadCookieKeep(file, keep);
   std::wstring status;
   if (usable) {
     state.kept = keep.GetSites();
+    state.listed = state.kept.size();
+    for (const std::wstring& site : keep.GetEnforcedSites()) state.kept.push_back(site);
     try {
       host::SCookieListing listing = host::ListCookieSites(*state.session);
       for (const host::SCookieSiteRow& row : listing.sites)
@@ -49,7 +59,7 @@ bool Refresh(HWND dialog, SCookiesState& state) {
              L". No cookie is cleaned until that line is corrected or the file deleted.";
   }
   Fill(GetDlgItem(dialog, IDC_COOKIES_FOUND), state.found);
-  Fill(GetDlgItem(dialog, IDC_COOKIES_KEPT), state.kept);
+  Fill(GetDlgItem(dialog, IDC_COOKIES_KEPT), state.kept, state.listed);
   EnableWindow(GetDlgItem(dialog, IDC_COOKIES_KEEP), usable);
   EnableWindow(GetDlgItem(dialog, IDC_COOKIES_UNKEEP), usable);
   SetDlgItemTextW(dialog, IDC_COOKIES_STATUS, status.c_str());
@@ -66,17 +76,24 @@ void Move(HWND dialog, SCookiesState& state, bool keepThem) {
   SendMessageW(list, LB_GETSELITEMS, static_cast<WPARAM>(count), reinterpret_cast<LPARAM>(chosen.data()));
   CCookieKeepList keep;
   const std::wstring file = state.session->CookieKeepFile();
-  if (!keep.Load(file.c_str())) {
+  if (!host::ReadCookieKeep(file, keep)) {
     Refresh(dialog, state);
     return;
   }
-  for (int index : chosen) {
+  std::wstring byPolicy;
+  for (int line : chosen) {
+    const LRESULT index = SendMessageW(list, LB_GETITEMDATA, static_cast<WPARAM>(line), 0);
     if (index < 0 || static_cast<size_t>(index) >= from.size()) continue;
+    const std::wstring& site = from[static_cast<size_t>(index)];
     if (keepThem)
-      keep.Keep(from[static_cast<size_t>(index)].c_str());
-    else
-      keep.Unkeep(from[static_cast<size_t>(index)].c_str());
+      keep.Keep(site.c_str());
+    else if (keep.Unkeep(site.c_str()) == CCookieKeepList::editByPolicy)
+      byPolicy += (byPolicy.empty() ? L"" : L", ") + site;
   }
+  if (!byPolicy.empty())
+    MessageBoxW(dialog, (byPolicy + L": kept by your organisation (the KeepCookieSites policy); these cannot be "
+                                    L"removed here.").c_str(),
+                L"Cookies", MB_OK | MB_ICONINFORMATION);
   if (DWORD error = keep.Save(file.c_str())) {
     MessageBoxW(dialog, (L"The keep list " + file + L" could not be written: " + host::SystemMessage(error) +
                          L". Nothing was changed.").c_str(),

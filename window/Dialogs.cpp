@@ -61,6 +61,11 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
         EnableWindow(GetDlgItem(dialog, IDC_CONFIRM_OVERWRITE), FALSE);  // a moved file keeps its contents
         SetDlgItemTextW(dialog, IDOK, L"&Move");
       }
+      if (confirm->overwriteForbidden) {
+        SetDlgItemTextW(dialog, IDC_CONFIRM_OVERWRITE,
+                        (L"Overwrite before deleting (off: " + std::wstring(host::kSetByOrganisation) + L")").c_str());
+        EnableWindow(GetDlgItem(dialog, IDC_CONFIRM_OVERWRITE), FALSE);
+      }
       return TRUE;
     case WM_COMMAND:
       switch (LOWORD(wParam)) {
@@ -78,7 +83,8 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
         case IDOK:
           confirm->quarantine =
               confirm->quarantineForced || IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
-          confirm->overwrite = !confirm->quarantine && IsDlgButtonChecked(dialog, IDC_CONFIRM_OVERWRITE) == BST_CHECKED;
+          confirm->overwrite = !confirm->quarantine && !confirm->overwriteForbidden &&
+                               IsDlgButtonChecked(dialog, IDC_CONFIRM_OVERWRITE) == BST_CHECKED;
           EndDialog(dialog, IDOK);
           return TRUE;
         case IDCANCEL:
@@ -92,10 +98,16 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
 
 // ---- running programs ----
 
+struct SRunningAsk {
+  const std::vector<host::SHolder>* holders;
+  bool closeForbidden;
+};
+
 INT_PTR CALLBACK RunningProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
   switch (message) {
     case WM_INITDIALOG: {
-      const auto& holders = *reinterpret_cast<const std::vector<host::SHolder>*>(lParam);
+      const SRunningAsk& ask = *reinterpret_cast<const SRunningAsk*>(lParam);
+      const std::vector<host::SHolder>& holders = *ask.holders;
       std::wstring list;
       for (const host::SHolder& h : holders) {
         list += host::HolderTitle(h) + L" is running" +
@@ -110,7 +122,18 @@ INT_PTR CALLBACK RunningProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
                        L"leave its items for now.")
                           .c_str());
       SetDlgItemTextW(dialog, IDC_RUN_LIST, list.c_str());
-      SetFocus(GetDlgItem(dialog, IDC_RUN_CLOSE));  // not the list, which would select all its text
+      if (ask.closeForbidden) {
+        // closing them is not the user's to choose: their items wait
+        EnableWindow(GetDlgItem(dialog, IDC_RUN_CLOSE), FALSE);
+        SetDlgItemTextW(dialog, IDC_RUN_TEXT,
+                        (host::Plural(holders.size(), L"program that holds ticked items is",
+                                      L"programs that hold ticked items are") +
+                         L" running. Your organisation does not allow Broom to close programs (" +
+                         host::kSetByOrganisation + L"): leave their items for now, or close them yourself first.")
+                            .c_str());
+      }
+      // not the list, which would select all its text
+      SetFocus(GetDlgItem(dialog, ask.closeForbidden ? IDC_RUN_SKIP : IDC_RUN_CLOSE));
       return FALSE;
     }
     case WM_COMMAND:
@@ -442,9 +465,11 @@ bool ConfirmClean(HWND owner, SConfirm& confirm) {
                          reinterpret_cast<LPARAM>(&confirm)) == IDOK;
 }
 
-ERunningChoice AskRunning(HWND owner, const std::vector<host::SHolder>& holders) {
+ERunningChoice AskRunning(HWND owner, const std::vector<host::SHolder>& holders, bool closeForbidden) {
+  SRunningAsk ask{&holders, closeForbidden};
   INT_PTR choice = DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_RUNNING), owner, RunningProc,
-                                   reinterpret_cast<LPARAM>(&holders));
+                                   reinterpret_cast<LPARAM>(&ask));
+  if (choice == runningClose && closeForbidden) return runningCancel;
   return choice == runningClose || choice == runningSkip ? static_cast<ERunningChoice>(choice) : runningCancel;
 }
 

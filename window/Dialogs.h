@@ -18,6 +18,7 @@ struct SConfirm {
   bool quarantine = false;  // out: move to quarantine instead
   bool overwrite = false;   // out: overwrite the contents before deleting (never with quarantine)
   bool quarantineForced = false;  // in: a policy moves every clean into quarantine; the box is ticked and greyed
+  bool overwriteForbidden = false;  // in: a policy forbids overwriting; the box is greyed and stays clear
 };
 // True when the user chose to clean.
 bool ConfirmClean(HWND owner, SConfirm& confirm);
@@ -25,7 +26,8 @@ bool ConfirmClean(HWND owner, SConfirm& confirm);
 // Before the confirmation, when ticked items belong to running programs:
 // each program with the items it holds, and what to do about them.
 enum ERunningChoice { runningCancel, runningClose, runningSkip };
-ERunningChoice AskRunning(HWND owner, const std::vector<host::SHolder>& holders);
+// closeForbidden: a policy forbids closing programs; that button is greyed.
+ERunningChoice AskRunning(HWND owner, const std::vector<host::SHolder>& holders, bool closeForbidden);
 
 void ShowProtected(HWND owner, host::CSession& session);
 // The managed quarantines, newest first, to restore or delete.

@@ -343,7 +343,7 @@ void CMainWindow::OnClean() {
   host::FindRunning(m_session, *m_results, holders);
   std::vector<std::wstring> closeFirst;
   if (!holders.empty()) {
-    ERunningChoice choice = AskRunning(m_window, holders);
+    ERunningChoice choice = AskRunning(m_window, holders, m_session.Policies().IsOn(EPolicy::disableCloseApps));
     if (choice == runningCancel) return;
     if (choice == runningSkip) host::SkipRunning(*m_results, guard);
     if (choice == runningClose) closeFirst = host::HolderImages(holders);
@@ -356,6 +356,7 @@ void CMainWindow::OnClean() {
   confirm.files = guard.allowedFiles;
   confirm.bytes = guard.allowedBytes;
   confirm.quarantineForced = m_session.Policies().IsOn(EPolicy::alwaysQuarantine);
+  confirm.overwriteForbidden = m_session.Policies().IsOn(EPolicy::disableOverwrite);
   // what to look at before saying yes: the items, their warnings, the
   // files in the user's own folders, what the guard refused
   // every item that costs more than a cache first, by name, never counted away

@@ -101,7 +101,12 @@ void CWorker::RunClean(host::CSession& session, host::SScanResults& results, boo
   m_reached = 0;
   m_failures.clear();
   host::SGuardSummary counted;  // the window keeps its own totals; these are not shown
-  if (!closeFirst.empty()) {
+  if (!closeFirst.empty() && session.Policies().IsOn(EPolicy::disableCloseApps)) {
+    // nothing is closed: the items of the programs that run stay whole
+    std::vector<host::SHolder> holders;
+    host::FindRunning(session, results, holders);
+    host::SkipRunning(results, counted);
+  } else if (!closeFirst.empty()) {
     std::vector<CProgramCloser::SResult> closed;
     DWORD error = m_closer->Close(closeFirst, closed, closeTimeoutMs, this);
     {
@@ -134,6 +139,7 @@ void CWorker::RunClean(host::CSession& session, host::SScanResults& results, boo
     host::PurgeExpiredQuarantines(session.QuarantineRoot(), days, kept);
   }
   quarantine = quarantine || session.Policies().IsOn(EPolicy::alwaysQuarantine);
+  overwrite = overwrite && !session.Policies().IsOn(EPolicy::disableOverwrite);
   clean.quarantine = quarantine;
   if (quarantine) {
     // a new managed quarantine, which the session's scans keep out of

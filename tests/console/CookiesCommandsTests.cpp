@@ -13,6 +13,7 @@
 #include "browserdb/BrowserSchemas.h"
 #include "common/TestFiles.h"
 #include "console/BroomRun.h"
+#include "console/TestPolicies.h"
 
 using broomtest::Exists;
 using broomtest::Narrow;
@@ -162,4 +163,34 @@ TEST_F(BroomCookies, ARestoreKeepsTheCopyOfADatabaseItsBrowserWroteToSinceTheCle
   EXPECT_EQ(before, ReadFile(q + L"\\Cookies"));
   EXPECT_EQ(1u, nlohmann::json::parse(ReadFile(q + L"\\broom-quarantine.json"))["entries"].size());
 
+}
+
+// The organisation's KeepCookieSites keep on top of the user's list: a clean
+// leaves them, unkeep cannot take them away, and the file never holds them.
+TEST_F(BroomCookies, SitesTheOrganisationKeepsSurviveACleanAndCannotBeUnkept) {
+  broomtest::TestPolicies policies;
+  policies.List(HKEY_LOCAL_MACHINE, L"KeepCookieSites", {L"other.net"});
+  WriteFile(KeepFile(), "example.com\n");
+
+  SBroomRun r = Run({L"cookies", L"unkeep", L"other.net"});
+  EXPECT_EQ(2u, r.code) << r.out;
+  EXPECT_NE(std::string::npos, r.err.find("kept by your organisation")) << r.err;
+  r = Run({L"cookies", L"list", L"--json"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  for (const auto& site : nlohmann::json::parse(r.out)["sites"])
+    EXPECT_EQ(site["site"] == "other.net" ? nlohmann::json("KeepCookieSites") : nlohmann::json(), site["policy"])
+        << site.dump();
+
+  r = Run({L"clean", L"--yes", L"Browsers/Test Browser/Cookies"});
+  ASSERT_EQ(0u, r.code) << r.err;
+  EXPECT_EQ((std::vector<std::string>{".example.com", ".other.net", "mail.example.com", "mail.example.com"}), Hosts());
+  EXPECT_EQ("example.com\n", ReadFile(KeepFile()));
+
+  // an entry that is not a site stops cookie cleaning: nothing it meant to keep may go
+  policies.List(HKEY_LOCAL_MACHINE, L"KeepCookieSites", {L"other.net", L"https://bank.example"});
+  r = Run({L"clean", L"--yes", L"Browsers/Test Browser/Cookies"});
+  EXPECT_EQ(2u, r.code) << r.out;
+  EXPECT_NE(std::string::npos, r.err.find("KeepCookieSites policy")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("ask your administrator")) << r.err;
+  EXPECT_EQ(4u, Hosts().size());
 }

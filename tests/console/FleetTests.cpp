@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "common/TestFiles.h"
+#include "console/TestPolicies.h"
 #include "core/Handles.h"
 #include "core/RefCounting.h"
 #include "registry/RegTestTree.h"
@@ -26,8 +27,6 @@ using broomtest::TempDir;
 using broomtest::WriteFile;
 
 namespace {
-
-constexpr wchar_t kPolicyKey[] = L"SOFTWARE\\Policies\\Broom";
 
 struct Result {
   DWORD code = 0xFFFFFFFF;
@@ -76,33 +75,7 @@ Result RunBroom(const std::vector<std::wstring>& args, const std::wstring& appDa
   return result;
 }
 
-// The policy values of one test, removed from both places afterwards.
-class Policies {
- public:
-  ~Policies() {
-    for (HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER}) RegDeleteTreeW(root, kPolicyKey);
-  }
-  void Set(HKEY root, const wchar_t* name, DWORD type, const std::vector<BYTE>& data) {
-    broom::unique_hkey key;
-    ASSERT_EQ(0, RegCreateKeyExW(root, kPolicyKey, 0, nullptr, 0, KEY_SET_VALUE | KEY_WOW64_64KEY, nullptr,
-                                 key.addressof(), nullptr));
-    ASSERT_EQ(0, RegSetValueExW(key.get(), name, 0, type, data.data(), static_cast<DWORD>(data.size())));
-  }
-  void Number(HKEY root, const wchar_t* name, DWORD value) {
-    Set(root, name, REG_DWORD, std::vector<BYTE>(reinterpret_cast<BYTE*>(&value), reinterpret_cast<BYTE*>(&value + 1)));
-  }
-  void List(HKEY root, const wchar_t* name, const std::vector<std::wstring>& entries) {
-    std::wstring multi;
-    for (const std::wstring& e : entries) multi += e + L'\0';
-    multi += L'\0';
-    const BYTE* bytes = reinterpret_cast<const BYTE*>(multi.data());
-    Set(root, name, REG_MULTI_SZ, std::vector<BYTE>(bytes, bytes + multi.size() * sizeof(wchar_t)));
-  }
-  void Text(HKEY root, const wchar_t* name, const std::wstring& text) {
-    const BYTE* bytes = reinterpret_cast<const BYTE*>(text.c_str());
-    Set(root, name, REG_SZ, std::vector<BYTE>(bytes, bytes + (text.size() + 1) * sizeof(wchar_t)));
-  }
-};
+using Policies = broomtest::TestPolicies;
 
 void SetAgeInDays(const std::wstring& path, int days) {
   broom::unique_hfile file(
@@ -222,6 +195,32 @@ TEST_F(Fleet, EachPolicyChangesWhatACleanDoes) {
     for (const wchar_t* rel : c.gone) EXPECT_FALSE(Exists(Tree(rel))) << Narrow(rel);
     for (const wchar_t* rel : c.kept) EXPECT_TRUE(Exists(Tree(rel))) << Narrow(rel);
     EXPECT_EQ(!c.keyGone, KeyThere());
+  }
+}
+
+// A policy that forbids what an option asks for refuses the clean whole,
+// before anything is scanned; without the option the clean runs.
+TEST_F(Fleet, OverwriteAndClosingProgramsForbiddenRefuseTheirOptions) {
+  const struct {
+    const wchar_t* policy;
+    const wchar_t* option;
+    const char* says;
+  } cases[] = {
+      {L"DisableOverwrite", L"--overwrite", "does not allow overwriting files (DisableOverwrite)"},
+      {L"DisableCloseApps", L"--close-apps", "does not allow closing programs (DisableCloseApps)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(Narrow(c.policy));
+    Refill();
+    Policies policies;
+    policies.Number(HKEY_CURRENT_USER, c.policy, 1);
+    Result r = Run({L"clean", L"--yes", L"T/Files", c.option});
+    EXPECT_EQ(2u, r.code) << r.out << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.says)) << r.err;
+    EXPECT_TRUE(Exists(Tree(L"f\\a.tmp")));
+    EXPECT_NE(std::string::npos, Run({L"policy"}).out.find(Narrow(c.policy)));
+    EXPECT_EQ(0u, Run({L"clean", L"--yes", L"T/Files"}).code);
+    EXPECT_FALSE(Exists(Tree(L"f\\a.tmp")));
   }
 }
 
