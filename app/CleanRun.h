@@ -29,7 +29,14 @@ struct SGuardSummary {
 // found it) and about every item's totals. Sets SHit::refusal and
 // SHit::userFolder; an item past the runaway limits gets
 // SItemResult::refusal and none of its hits is cleaned, unless force.
+// Recycle Bin items have no runaway limit: each entry is checked to lie in
+// a real bin folder, and everything there was deleted by the user already.
 SGuardSummary ApplyGuard(const CSession& session, const CBlastGuard& guard, SScanResults& results, bool force);
+
+// A folder a rule removes once it is empty (winapp2's REMOVESELF) cannot go
+// while a hit in it stays: such a folder is refused too, saying which hit
+// keeps it, rather than failing at the clean. ApplyGuard calls it last.
+void RefuseFoldersOfKeptHits(SScanResults& results, SGuardSummary& summary);
 
 // What a clean reports as it goes, on the cleaning thread.
 class ICleanObserver {
@@ -44,14 +51,25 @@ struct SCleanReport {
   unsigned __int64 done = 0, freed = 0, failed = 0;
   unsigned __int64 untouched = 0;  // left when cancelled
   bool cancelled = false;
+  // When cancelled inside an item: that item, and how many of its hits had
+  // been taken of how many it had to clean.
+  std::wstring partItem;
+  unsigned __int64 partDone = 0, partTotal = 0;
+  unsigned __int64 untouchedItems = 0;  // items of which nothing was taken
+  std::vector<std::pair<std::wstring, unsigned long>> failures;  // path and result code, for run reports
 };
 
 // Cleans (or, with a quarantine, moves) every hit the guard allowed, in
 // runs that make one trip to the engine's STA thread each; cancellation
 // is checked between hits. Hits of refused items and refused hits are
 // never touched.
+// Items with SItemResult::skipped set are left whole too. With overwrite,
+// file contents are overwritten before they go (never with a quarantine).
 // The session tells the quarantine which rule found each hit.
 SCleanReport CleanHits(const CSession& session, SScanResults& results, CQuarantine* quarantine,
-                       ICleanObserver& observer);
+                       ICleanObserver& observer, bool overwrite = false);
+
+// Whether every operation of the item reads the Recycle Bin ("recyclebin").
+bool IsRecycleBinItem(const SItem& item);
 
 }  // namespace host

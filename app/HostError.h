@@ -5,7 +5,8 @@
 
 namespace host {
 
-enum ExitCode { exitOk = 0, exitCleanFailures = 1, exitUsage = 2, exitCancelled = 130 };
+// exitRefused: a clean where nothing failed but the safety rules kept some hits.
+enum ExitCode { exitOk = 0, exitCleanFailures = 1, exitUsage = 2, exitRefused = 3, exitCancelled = 130 };
 
 // A failure that ends the command: a one-line message for standard error
 // (which says what to do) and the exit code.

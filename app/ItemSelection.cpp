@@ -1,8 +1,11 @@
 #include "app/ItemSelection.h"
 
+#include <algorithm>
+#include <cwctype>
 #include <set>
 
 #include "app/HostError.h"
+#include "app/PolicyRules.h"
 #include "app/Text.h"
 #include "core/Names.h"
 
@@ -89,6 +92,82 @@ void FindWholeText(CScanGroup* top, const std::wstring& text, std::vector<CScanG
   });
 }
 
+// The words of a name, folded: runs of letters and digits.
+std::vector<std::wstring> Words(const std::wstring& text) {
+  std::vector<std::wstring> words(1);
+  for (wchar_t c : text) {
+    if (iswalnum(c))
+      words.back() += broom::FoldCase(c);
+    else if (!words.back().empty())
+      words.emplace_back();
+  }
+  if (words.back().empty()) words.pop_back();
+  return words;
+}
+
+// Every group whose own name holds the typed words as a run of whole words
+// ("chrome" for "Google Chrome"), none below another one found.
+void FindWords(IConfig* config, const std::wstring& text, std::vector<CScanGroup*>& out) {
+  const std::vector<std::wstring> wanted = Words(text);
+  if (wanted.empty()) return;
+  ForEachTop(config, [&](CScanGroup* top) {
+    ForEachBelow(top, [&](CScanGroup* group) {
+      for (const CScanGroup* above = group->GetParent(); above; above = above->GetParent())
+        for (CScanGroup* found : out)
+          if (found == above) return;
+      const std::vector<std::wstring> words = Words(group->GetName());
+      for (size_t at = 0; at + wanted.size() <= words.size(); ++at)
+        if (std::equal(wanted.begin(), wanted.end(), words.begin() + static_cast<std::ptrdiff_t>(at))) {
+          out.push_back(group);
+          return;
+        }
+    });
+  });
+}
+
+size_t EditDistance(const std::wstring& a, const std::wstring& b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
+// The names closest to one that matched nothing: those that hold it, or
+// are a few typing slips away from it or from one of their words; at most three.
+std::wstring DidYouMean(IConfig* config, const std::wstring& name) {
+  std::wstring typed;
+  for (wchar_t c : JoinedPath(name)) typed += broom::FoldCase(c);
+  if (typed.empty()) return std::wstring();
+  const size_t slips = typed.size() <= 4 ? 1 : typed.size() <= 8 ? 2 : 3;
+  std::vector<std::pair<size_t, std::wstring>> close;
+  std::set<std::wstring> seen;
+  ForEachTop(config, [&](CScanGroup* top) {
+    ForEachBelow(top, [&](CScanGroup* group) {
+      std::wstring folded;
+      for (const wchar_t* c = group->GetName(); *c; ++c) folded += broom::FoldCase(*c);
+      size_t best = folded.find(typed) != std::wstring::npos ? 0 : EditDistance(typed, folded);
+      for (const std::wstring& word : Words(folded)) best = std::min(best, EditDistance(typed, word));
+      if (best > slips || !seen.insert(folded).second) return;
+      close.emplace_back(best, group->GetName());
+    });
+  });
+  std::stable_sort(close.begin(), close.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  if (close.size() > 3) close.resize(3);
+  std::wstring text;
+  for (size_t i = 0; i < close.size(); ++i)
+    text += (i == 0 ? L"'" : i + 1 == close.size() ? L" or '" : L", '") + close[i].second + L"'";
+  return text.empty() ? text : L"did you mean " + text + L"?";
+}
+
 // One note per switched-off item, or one for all when a group holds many.
 void NoteSwitchedOff(const std::vector<std::wstring>& off, const std::wstring& group, std::vector<std::wstring>& notes) {
   if (off.size() <= 3) {
@@ -131,15 +210,39 @@ std::vector<SItem> AllItems(IConfig* config) {
 
 std::vector<SItem> SelectItems(IConfig* config, const std::vector<std::wstring>& names, bool forClean,
                                std::vector<std::wstring>& notes) {
+  return SelectByCost(config, names, forClean, SCostChoice(), notes).items;
+}
+
+ECost CostOf(IConfig* config, const CScanGroup* item) {
+  const CConfigStore* store = config ? CConfigStore::Of(config) : nullptr;
+  return store ? store->GetCost(item) : costCache;
+}
+
+bool SSelection::Named(const CScanGroup* item) const {
+  return std::find(named.begin(), named.end(), item) != named.end();
+}
+
+SSelection SelectByCost(IConfig* config, const std::vector<std::wstring>& names, bool forClean,
+                        const SCostChoice& include, std::vector<std::wstring>& notes) {
+  SSelection selection;
+  std::vector<SItem>& chosen = selection.items;
+  std::set<const CScanGroup*> leftOut;
+  // an item a group would take, unless its cost keeps it out
+  auto takeFromGroup = [&](const SItem& item) {
+    ECost cost = CostOf(config, item.group);
+    if (include.Takes(cost)) return true;
+    if (leftOut.insert(item.group).second)
+      selection.leftOut.push_back(SLeftOut{item, cost, std::wstring(L"name it or add --include ") + CostName(cost)});
+    return false;
+  };
   std::vector<SItem> all = AllItems(config);
-  std::vector<SItem> chosen;
   if (names.empty()) {
     for (const SItem& item : all) {
       if (!IsEnabled(item.group) || !IsOn(item.group->IsDefaultScan())) continue;
       if (forClean && !IsOn(item.group->IsDefaultClean())) continue;
-      chosen.push_back(item);
+      if (takeFromGroup(item)) chosen.push_back(item);
     }
-    return chosen;
+    return selection;
   }
 
   std::set<const CScanGroup*> taken;
@@ -162,8 +265,13 @@ std::vector<SItem> SelectItems(IConfig* config, const std::vector<std::wstring>&
     });
     if (found.empty()) ForEachTop(config, [&](CScanGroup* top) { FindSuffix(top, parts, found); });
     if (found.empty()) ForEachTop(config, [&](CScanGroup* top) { FindWholeText(top, name, found); });
-    if (found.empty())
-      throw CHostError{exitUsage, L"no item or group is named '" + name + L"'; run 'broom list' to see the names"};
+    if (found.empty()) FindWords(config, name, found);
+    if (found.empty()) {
+      const std::wstring close = DidYouMean(config, name);
+      throw CHostError{exitUsage, L"no item or group is named '" + name + L"'; " +
+                                      (close.empty() ? L"run 'broom list' to see the names"
+                                                     : close + L" ('broom list' shows every name)")};
+    }
     if (found.size() > 1) {
       std::wstring which;
       for (CScanGroup* g : found) which += (which.empty() ? L"'" : L", '") + GroupPath(g) + L"'";
@@ -173,15 +281,27 @@ std::vector<SItem> SelectItems(IConfig* config, const std::vector<std::wstring>&
     CollectItems(found[0], below);
     std::vector<std::wstring> off;
     for (const SItem& item : below) {
+      const SPolicyMark* mark = PolicyMarkOf(item.group);
+      if (mark && !mark->off.empty() && !IsEnabled(item.group)) {
+        notes.push_back(L"skipped '" + item.path + L"': " + PolicyOffText(*mark));
+        continue;
+      }
       if (!IsEnabled(item.group)) {
         off.push_back(item.path);
         continue;
       }
+      bool named = item.group == found[0];
+      if (named) selection.named.push_back(item.group);
+      if (!named && !takeFromGroup(item)) continue;
       if (taken.insert(item.group).second) chosen.push_back(item);
     }
     NoteSwitchedOff(off, GroupPath(found[0]), notes);
   }
-  return chosen;
+  // an item named one by one is not left out, wherever its name stood
+  auto& out = selection.leftOut;
+  out.erase(std::remove_if(out.begin(), out.end(), [&](const SLeftOut& l) { return taken.count(l.item.group) != 0; }),
+            out.end());
+  return selection;
 }
 
 }  // namespace host

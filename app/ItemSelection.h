@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "scandefs/ConfigStore.h"
+#include "scandefs/ItemTraits.h"
 #include "scandefs/ScanGroup.h"
 
 namespace host {
@@ -26,7 +27,38 @@ std::vector<SItem> AllItems(IConfig* config);
 // enabled and on by default for scanning (and for cleaning when forClean).
 // Notes for the user go to notes; a name that finds nothing, or several
 // groups, throws CHostError(exitUsage).
+// (A group, or the defaults, take only their cache and history items; see SelectByCost.)
 std::vector<SItem> SelectItems(IConfig* config, const std::vector<std::wstring>& names, bool forClean,
                                std::vector<std::wstring>& notes);
+
+// What an item costs its user (costCache when the tree has no store).
+ECost CostOf(IConfig* config, const CScanGroup* item);
+
+// The classes above history a group brings along (--include sign-in, saved).
+struct SCostChoice {
+  bool signIn = false;
+  bool saved = false;
+  bool Takes(ECost cost) const { return cost <= costHistory || (cost == costSignIn ? signIn : saved); }
+};
+
+struct SLeftOut {
+  SItem item;
+  ECost cost = costCache;
+  std::wstring how;  // how to take it: "name it or add --include saved"
+};
+
+struct SSelection {
+  std::vector<SItem> items;
+  // Items of a named group (or of the defaults) that cost more than the
+  // group may take; an item also named one by one is taken instead.
+  std::vector<SLeftOut> leftOut;
+  std::vector<const CScanGroup*> named;  // the items named by their own path
+  bool Named(const CScanGroup* item) const;
+};
+
+// SelectItems, where a group takes its sign-in and saved items only when
+// include says so; an item named by its own path is always taken.
+SSelection SelectByCost(IConfig* config, const std::vector<std::wstring>& names, bool forClean,
+                        const SCostChoice& include, std::vector<std::wstring>& notes);
 
 }  // namespace host

@@ -3,9 +3,11 @@
 #include <shlobj.h>
 
 #include "app/HostError.h"
+#include "app/QuarantineDatabase.h"
 #include "app/QuarantineMoves.h"
 #include "app/QuarantineRegistry.h"
 #include "app/Text.h"
+#include "browserdb/CleanableBrowserDb.h"
 #include "clean/ResultCodes.h"
 #include "core/Names.h"
 #include "registry/CleanableRegistry.h"
@@ -68,6 +70,8 @@ DWORD CQuarantine::Add(const SHit& hit, const std::wstring& itemPath, const SOpe
     entry.hasSource = true;
     entry.source = *source;
   }
+  // a browser database is cleaned inside, never moved: its copy from before is kept
+  if (dynamic_cast<CCleanableBrowserDb*>(hit.item.Get())) return CopyDatabaseInto(m_manifest, hit, entry);
   return dynamic_cast<CCleanableRegistry*>(hit.item.Get()) ? ExportInto(m_manifest, hit, entry)
                                                            : MoveInto(m_manifest, hit, entry);
 }
@@ -79,7 +83,10 @@ CQuarantine::SRestoreResult CQuarantine::RestoreAll() {
   for (const SQuarantineEntry& entry : pending) {
     if (IsCancelRequested()) break;
     std::wstring reason;
-    if (!(entry.registry ? ImportBack(m_manifest, entry, reason) : MoveBack(m_manifest, entry, reason))) {
+    const bool back = entry.database   ? PutDatabaseBack(m_manifest, entry, reason)
+                      : entry.registry ? ImportBack(m_manifest, entry, reason)
+                                       : MoveBack(m_manifest, entry, reason);
+    if (!back) {
       result.failures.push_back(SRestoreFailure{entry, reason});
       continue;
     }
@@ -110,7 +117,10 @@ bool CQuarantine::DeleteAll(std::wstring& reason) {
   while (!entries.empty()) {
     const SQuarantineEntry& entry = entries.back();
     DWORD error = ERROR_SUCCESS;
-    if (!DeleteTree(m_manifest.Child(entry.stored), error)) {
+    bool deleted = DeleteTree(m_manifest.Child(entry.stored), error);
+    for (const wchar_t* suffix : kDatabaseCompanions)
+      deleted = deleted && (!entry.database || DeleteTree(m_manifest.Child(entry.stored + suffix), error));
+    if (!deleted) {
       reason = Quoted(entry.stored) + L" in it cannot be deleted (" + SystemMessage(error) + L")";
       std::wstring ignored;
       m_manifest.TrySave(ignored);  // what is gone is no longer listed

@@ -41,7 +41,9 @@ class CQuarantine {
   // compared, renamed and only then deleted at its place, and any failure
   // removes the copy and leaves the file; a folder that is not empty is not
   // moved across drives. A registry hit is exported to a .reg file, the
-  // export checked, then the hit deleted. Taken names get a free variant.
+  // export checked, then the hit deleted. A browser database is copied into
+  // the folder, then cleaned inside (QuarantineDatabase.h). Taken names get
+  // a free variant.
   // Returns 0 or a result code (clean/ResultCodes.h); the manifest is rewritten
   // after every hit that moved.
   DWORD Add(const SHit& hit, const std::wstring& itemPath, const SOperationSource* source);
@@ -58,7 +60,8 @@ class CQuarantine {
   };
   // Moves every entry back, never over an existing file, rewriting the
   // manifest after each move; what is not restored stays listed. Registry
-  // entries are imported, never over a value that holds other data now.
+  // entries are imported, never over a value that holds other data now; a
+  // database's copy goes back only while the database is as the clean left it.
   SRestoreResult RestoreAll();
 
   // Deletes every stored file and folder (never following links), the

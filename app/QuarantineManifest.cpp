@@ -9,6 +9,7 @@
 #include <set>
 
 #include "app/HostError.h"
+#include "app/QuarantineDatabase.h"
 #include "app/Text.h"
 #include "core/Handles.h"
 #include "core/Names.h"
@@ -107,6 +108,7 @@ std::string EntriesDigest(const std::vector<SQuarantineEntry>& entries) {
     // the optional fields only when present, so older manifests keep their digest
     std::string text = Utf8(e.original) + '\0' + Utf8(e.stored) + '\0' + std::to_string(e.size);
     if (e.registry) text += std::string(1, '\0') + "registry";
+    if (e.database) text += std::string(1, '\0') + "database:" + Utf8(e.checksum);
     if (!e.item.empty()) text += std::string(1, '\0') + "item:" + Utf8(e.item);
     if (e.hasSource)
       text += std::string(1, '\0') + "source:" + Utf8(e.source.file) + '\0' + std::to_string(e.source.line) + '\0' +
@@ -124,6 +126,14 @@ std::string EntriesDigest(const std::vector<SQuarantineEntry>& entries) {
     digest += "0123456789abcdef"[b & 0xF];
   }
   return digest;
+}
+
+// "sha256:" and 64 lower-case hex digits.
+bool IsDigest(const std::string& text) {
+  if (text.size() != 7 + 64 || text.compare(0, 7, "sha256:") != 0) return false;
+  for (size_t i = 7; i < text.size(); ++i)
+    if (!((text[i] >= '0' && text[i] <= '9') || (text[i] >= 'a' && text[i] <= 'f'))) return false;
+  return true;
 }
 
 std::wstring Field(size_t index, const char* field) {
@@ -268,9 +278,20 @@ void CQuarantineManifest::Validate(const std::string& bytes) {
     entry.size = size->get<unsigned __int64>();
     auto kind = e.find("kind");
     if (kind != e.end()) {
-      if (!kind->is_string() || (*kind != "file" && *kind != "registry"))
-        Damaged(Field(i, "kind") + L" is neither \"file\" nor \"registry\"");
+      if (!kind->is_string() || (*kind != "file" && *kind != "registry" && *kind != "database"))
+        Damaged(Field(i, "kind") + L" is not \"file\", \"registry\" or \"database\"");
       entry.registry = *kind == "registry";
+      entry.database = *kind == "database";
+    }
+    auto after = e.find("checksum");
+    if (entry.database) {
+      // without it a restore could not tell whether the browser wrote since
+      if (after == e.end()) Damaged(Field(i, "checksum") + L" is missing from a database entry");
+      if (!after->is_string() || !IsDigest(after->get<std::string>()))
+        Damaged(Field(i, "checksum") + L" is not a \"sha256:\" checksum");
+      entry.checksum = Wide(after->get<std::string>());
+    } else if (after != e.end()) {
+      Damaged(Field(i, "checksum") + L" belongs to a database entry only");
     }
     auto item = e.find("item");
     if (item != e.end()) {
@@ -302,6 +323,8 @@ void CQuarantineManifest::Validate(const std::string& bytes) {
     const std::wstring_view name(entry.stored);
     if (why.empty() && entry.registry && !(name.size() >= 4 && broom::SamePath(name.substr(name.size() - 4), L".reg")))
       why = L"is not the name of a registry export (.reg)";
+    if (why.empty() && entry.database && m_folder.size() + 1 + entry.stored.size() + 8 > kMaxPath)
+      why = L"leaves no room for its -journal within 260 characters";
     if (!why.empty()) Damaged(Field(i, "stored") + L" " + why + L" (" + Quoted(entry.stored, 80) + L")");
     auto stored = byStored.emplace(entry.stored, i);
     if (!stored.second)
@@ -312,6 +335,20 @@ void CQuarantineManifest::Validate(const std::string& bytes) {
       Damaged(L"entries " + std::to_wstring(original.first->second + 1) + L" and " + std::to_wstring(i + 1) +
               L" have the same 'original' " + Quoted(entry.original, 80));
     m_entries.push_back(entry);
+  }
+
+  // A database's copy has its -wal and -journal beside it under its name.
+  std::map<std::wstring, size_t, broom::PathLess> companions;
+  for (size_t i = 0; i < m_entries.size(); ++i) {
+    if (!m_entries[i].database) continue;
+    for (const wchar_t* suffix : kDatabaseCompanions) {
+      const std::wstring name = m_entries[i].stored + suffix;
+      auto other = byStored.find(name);
+      if (other != byStored.end())
+        Damaged(Field(other->second, "stored") + L" " + Quoted(name, 80) + L" is the name of entry " +
+                std::to_wstring(i + 1) + L"'s database copy's " + (suffix + 1) + L" file");
+      companions.emplace(name, i);
+    }
   }
 
   // What is in the folder must be what the manifest lists: a file nobody
@@ -332,7 +369,9 @@ void CQuarantineManifest::Validate(const std::string& bytes) {
                 L" is the short name of " + Quoted(item.name, 80) + L", not a name of its own");
   }
   for (const SListed& item : listed) {
-    if (broom::SamePath(item.name, kName) || broom::SamePath(item.name, temp) || byStored.count(item.name)) continue;
+    if (broom::SamePath(item.name, kName) || broom::SamePath(item.name, temp) || byStored.count(item.name) ||
+        companions.count(item.name))
+      continue;
     std::wstring newer = PathExists(Child(temp)) ? L" (a newer list may be in " + temp + L")" : std::wstring();
     Damaged(Quoted(item.name, 80) + L" in the quarantine folder is not listed in it" + newer,
             L"move that file out of the folder if it was never quarantined, or add its entry to the manifest");
@@ -364,6 +403,10 @@ bool CQuarantineManifest::TrySave(std::wstring& error) const {
   for (const SQuarantineEntry& e : m_entries) {
     nlohmann::json entry = {{"original", Utf8(e.original)}, {"stored", Utf8(e.stored)}, {"size", e.size}};
     if (e.registry) entry["kind"] = "registry";
+    if (e.database) {
+      entry["kind"] = "database";
+      entry["checksum"] = Utf8(e.checksum);
+    }
     if (!e.item.empty()) entry["item"] = Utf8(e.item);
     if (e.hasSource)
       entry["source"] = {{"file", Utf8(e.source.file)},

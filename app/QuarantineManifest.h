@@ -19,6 +19,10 @@
 // Optional fields of an entry: "kind" "registry" for a registry key or
 // value, whose "original" is its registry path (HKCU\Software\Vendor, a
 // value as Key|Name) and whose stored file is its export (a .reg file);
+// "database" for a browser database cleaned inside, whose stored file is
+// the copy made before its clean (with stored-wal and stored-journal beside
+// it when the database had them) and which carries "checksum", the
+// "sha256:…" of the database's files as the clean left them;
 // "item", the item path that found the hit; "source", an object with the
 // definition "file", its "line", the rule's "kind" and "text". Where they
 // are present they must have these types.
@@ -36,6 +40,8 @@ struct SQuarantineEntry {
   std::wstring stored;    // name inside the quarantine folder
   unsigned __int64 size = 0;
   bool registry = false;  // original is a registry key or value, stored its export
+  bool database = false;  // original is a browser database cleaned inside, stored its copy from before
+  std::wstring checksum;  // a database's files as the clean left them ("sha256:…")
   std::wstring item;      // the item that found it; empty when not recorded
   bool hasSource = false;
   SOperationSource source;  // the rule that found it, when hasSource

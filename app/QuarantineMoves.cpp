@@ -115,6 +115,46 @@ DWORD CopyAcross(CQuarantineManifest& manifest, const std::wstring& source, std:
   return kCleanDone;
 }
 
+// A plain folder, not a link to one.
+bool IsPlainFolder(const std::wstring& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) &&
+         !(attributes & FILE_ATTRIBUTE_REPARSE_POINT);
+}
+
+// Moves what the quarantined folder holds into the folder at its original
+// place, which a restore of its files made again, folder by folder, never
+// over a file; the quarantined folder goes once it is empty. False with the
+// first thing that stays.
+bool MergeBack(const std::wstring& from, const std::wstring& into, std::wstring& reason) {
+  std::vector<SListed> listed;
+  if (!ListFolder(from, listed)) {
+    reason = L"its quarantined folder cannot be listed (" + SystemMessage(GetLastError()) + L")";
+    return false;
+  }
+  for (const SListed& item : listed) {
+    const std::wstring source = from + L"\\" + item.name, target = into + L"\\" + item.name;
+    if (IsPlainFolder(source) && IsPlainFolder(target)) {
+      if (!MergeBack(source, target, reason)) return false;
+      continue;
+    }
+    if (!MoveFileExW(source.c_str(), target.c_str(), MOVEFILE_WRITE_THROUGH)) {
+      const DWORD error = GetLastError();
+      reason = error == ERROR_ALREADY_EXISTS || error == ERROR_FILE_EXISTS
+                   ? L"its folder is back, but " + Quoted(target) + L" exists already and its quarantined copy stays"
+                   : L"its folder is back, but " + Quoted(target) + L" cannot be moved into it (" +
+                         SystemMessage(error) + L")";
+      return false;
+    }
+  }
+  if (!RemoveDirectoryW(from.c_str())) {
+    reason = L"its folder is back, but the emptied quarantined folder cannot be removed (" +
+             SystemMessage(GetLastError()) + L")";
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool FreeName(std::wstring& path) {
@@ -209,6 +249,15 @@ bool MoveBack(const CQuarantineManifest& manifest, const SQuarantineEntry& entry
     return false;
   }
   probe = Probe(entry.original);
+  // A folder entry (a rule that removes its folder) whose folder the restore
+  // of its files made again is merged into it.
+  if (probe == ERROR_SUCCESS && IsPlainFolder(source) && IsPlainFolder(entry.original)) {
+    if (!MergeBack(source, entry.original, reason)) {
+      reason += kept;
+      return false;
+    }
+    return true;
+  }
   if (probe == ERROR_SUCCESS) {
     reason = L"a file already exists at the original place" + kept;
     return false;

@@ -100,8 +100,21 @@ bool ImportBack(const CQuarantineManifest& manifest, const SQuarantineEntry& ent
                               : L"its export cannot be reached (" + SystemMessage(probe) + L")";
     return false;
   }
+  // Only the key or value the entry was made for may be written: a changed
+  // export could name any key the user may write (a Run key).
+  CRegistryPath within;
+  if (!within.Parse(entry.original)) {
+    reason = L"its original place " + Quoted(entry.original) + L" is not a registry path" + kept;
+    return false;
+  }
   SRegRestoreStats stats;
-  const DWORD code = CRegFile::Restore(source.c_str(), false, &stats);
+  const DWORD code = CRegFile::Restore(source.c_str(), false, &stats, &within);
+  if (code == kRegistryRestoreOutside) {
+    reason = L"its export names a key or value other than " + Quoted(entry.original) +
+             L", so nothing of it was written" + kept + L" (it was changed after the clean: look at it before "
+             L"merging any of it by hand)";
+    return false;
+  }
   if (code == kRegistryRestoreConflict) {
     reason = Plural(stats.conflicts, L"value holds", L"values hold") +
              L" other data now and was left as it is" + kept +

@@ -8,6 +8,7 @@
 #include "app/HostError.h"
 #include "app/Quarantine.h"
 #include "app/Text.h"
+#include "core/Names.h"
 #include "core/Handles.h"
 
 namespace host {
@@ -89,6 +90,15 @@ double CQuarantineStore::AgeInDays(const SYSTEMTIME& date) {
 
 std::wstring CQuarantineStore::Create() const {
   int rc = SHCreateDirectoryExW(nullptr, m_root.c_str(), nullptr);
+  // A file where a folder of the path should be is named, as nothing else says why.
+  for (std::wstring folder = m_root; rc != ERROR_SUCCESS && rc != ERROR_ALREADY_EXISTS && folder.size() > 3;
+       folder = broom::ParentOf(folder)) {
+    const DWORD attributes = GetFileAttributesW(folder.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY))
+      throw CHostError{exitUsage, L"cannot create the quarantine folder " + Quoted(m_root) + L": " + Quoted(folder) +
+                                      L" is a file, not a folder; move or rename that file, or give --quarantine a "
+                                      L"folder"};
+  }
   if (rc != ERROR_SUCCESS && rc != ERROR_ALREADY_EXISTS && rc != ERROR_FILE_EXISTS)
     throw CHostError{exitUsage, L"cannot create the quarantine folder " + Quoted(m_root) + L" (" +
                                     SystemMessage(static_cast<DWORD>(rc)) + L"); check that it is writable"};

@@ -11,7 +11,9 @@
 #include "app/HostError.h"
 #include "core/Handles.h"
 #include "log/ScanLogThread.h"
+#include "recyclebin/RecycleBinScan.h"
 #include "registry/CleanableRegistry.h"
+#include "registry/RegistryScan.h"
 #include "scan/ListAhead.h"
 #include "scan/BaseFileScan.h"
 #include "scan/OperationNotes.h"
@@ -73,6 +75,8 @@ class CRunAgeFilters {
  public:
   CRunAgeFilters(unsigned long days, bool withoutAges) : m_days(days), m_withoutAges(withoutAges) {}
   ~CRunAgeFilters() {
+    for (auto& added : m_binAdded) added.first->RemoveFilter(added.second);
+    for (auto& removed : m_binRemoved) removed.first->AddFilter(removed.second);
     for (auto& added : m_added) added.first->RemoveFilter(added.second);
     for (auto& removed : m_removed) removed.first->AddFilter(removed.second);
   }
@@ -80,6 +84,7 @@ class CRunAgeFilters {
   CRunAgeFilters& operator=(const CRunAgeFilters&) = delete;
 
   void Apply(IScanOperation* op) {
+    if (auto* bin = dynamic_cast<CRecycleBinScan*>(op)) return ApplyToBin(bin);
     auto* files = dynamic_cast<CBaseFileScan*>(op);
     if (!files) return;
     if (m_withoutAges) {
@@ -100,9 +105,31 @@ class CRunAgeFilters {
     m_added.emplace_back(files, age);
   }
 
+  // A Recycle Bin entry's age is its deletion time; its filters are the file scan's.
+  void ApplyToBin(CRecycleBinScan* bin) {
+    if (m_withoutAges) {
+      std::vector<CBaseFileScan::IFilter*> ages;
+      for (const auto& filter : bin->GetFilters())
+        if (dynamic_cast<CBaseFileScan::_FilterRejectRecentFiles_Impl*>(filter.Get())) ages.push_back(filter.Get());
+      for (CBaseFileScan::IFilter* age : ages) {
+        m_binRemoved.emplace_back(bin, age);
+        bin->RemoveFilter(age);
+      }
+      return;
+    }
+    if (m_days == 0) return;
+    auto* age = new IUnknownNoQIImp<CBaseFileScan::_FilterRejectRecentFiles_Impl>();
+    CRefPtr<CBaseFileScan::IFilter> hold(age);
+    age->SetAge(m_days, false);
+    bin->AddFilter(age);
+    m_binAdded.emplace_back(bin, age);
+  }
+
  private:
   unsigned long m_days;
   bool m_withoutAges;
+  std::vector<std::pair<CRecycleBinScan*, CBaseFileScan::IFilter*>> m_binAdded;
+  std::vector<std::pair<CRecycleBinScan*, CRefPtr<CBaseFileScan::IFilter>>> m_binRemoved;
   std::vector<std::pair<CBaseFileScan*, CBaseFileScan::IFilter*>> m_added;
   std::vector<std::pair<CBaseFileScan*, CRefPtr<CBaseFileScan::IFilter>>> m_removed;
 };
@@ -236,9 +263,14 @@ class CHitCollector : public IResultsCollector {
 
 // One item's operations, in their order, on the calling thread.
 void ScanItem(const std::vector<CRefPtr<IScanOperation>>& ops, CHitCollector& collector, CScanNotify& notify,
-              CRunAgeFilters* ages, CWhiteListTree& whiteList, SItemResult& current) {
+              CRunAgeFilters* ages, CWhiteListTree& whiteList, bool withoutRegistry, SItemResult& current) {
   for (const auto& op : ops) {
     if (notify.IsCancelled()) break;
+    if (withoutRegistry && dynamic_cast<CRegistryScan*>(op.Get())) {
+      const wchar_t* note = L"its registry rules are switched off by your organisation (DisableRegistryCleaning)";
+      if (current.notes.empty() || current.notes.back() != note) current.notes.emplace_back(note);
+      continue;
+    }
     collector.SetOperation(op);
     try {
       if (ages) ages->Apply(op);
@@ -248,6 +280,8 @@ void ScanItem(const std::vector<CRefPtr<IScanOperation>>& ops, CHitCollector& co
     }
     if (auto* notes = dynamic_cast<IOperationNotes*>(op.Get()))
       for (const CString& note : notes->TakeScanNotes()) current.notes.emplace_back(note.GetString());
+    if (auto* bin = dynamic_cast<CRecycleBinScan*>(op.Get()))
+      for (const CRecycleBinScan::SNote& note : bin->GetNotes()) current.notes.push_back(note.path + L": " + note.reason);
   }
 }
 
@@ -366,7 +400,7 @@ void ScanSideBySide(const std::vector<SItem>& items, std::vector<std::vector<CRe
       collector.SetDeferred(&found[i]);
       CScanLogThread::SetThreadScanLog(&logs[i]);
       notify.Begin(items[i].path, i, n);
-      ScanItem(ops[i], collector, notify, nullptr, whiteList, scanned[i]);
+      ScanItem(ops[i], collector, notify, nullptr, whiteList, options.withoutRegistry, scanned[i]);
       CScanLogThread::SetThreadScanLog(nullptr);
       states[i].done = true;
       wake.notify_one();
@@ -486,11 +520,12 @@ SScanResults RunScan(const std::vector<SItem>& items, const SScanOptions& option
   collector.SetEveryItem(options.everyItem);
   for (size_t i = 0; i < items.size(); ++i) {
     if (notify.IsCancelled()) break;
-    results.items.push_back(SItemResult{items[i], {}, 0, 0, {}, {}, {}});
+    results.items.emplace_back();
     SItemResult& current = results.items.back();
+    current.item = items[i];
     collector.SetTarget(&current);
     notify.Begin(items[i].path, i, items.size());
-    ScanItem(ops[i], collector, notify, &ages, whiteList, current);
+    ScanItem(ops[i], collector, notify, &ages, whiteList, options.withoutRegistry, current);
   }
   collector.SetTarget(nullptr);
   results.cancelled = IsCancelRequested();

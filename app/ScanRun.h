@@ -31,6 +31,11 @@ struct SHit {
   // user's own folder it lies in ("Documents"); both empty otherwise.
   CString refusal;
   CString userFolder;
+  // What a clean made of it: tried, its result code (0 done) and, when it
+  // failed, the reason in words.
+  bool tried = false;
+  DWORD result = 0;
+  std::wstring failure;
 };
 
 struct SItemResult {
@@ -41,6 +46,8 @@ struct SItemResult {
   std::vector<std::wstring> errors;  // operations that failed to run
   std::wstring refusal;              // why none of its hits may be cleaned (past the runaway limits)
   std::vector<std::wstring> notes;   // what its operations left alone on purpose (a link on a rule's path)
+  std::vector<std::wstring> running; // its programs that run now (FindRunning), image names
+  std::wstring skipped;              // why a clean leaves it whole: "running", "quarantine"; empty: it cleans
 };
 
 // What a scan keeps of each hit: only the totals (a scan that reports
@@ -69,6 +76,7 @@ struct SScanOptions {
   IScanObserver* observer = nullptr;   // null: nothing is told
   bool withoutAgeFilters = false;      // runs the rules as if none had an age (to explain a miss)
   bool everyItem = false;              // a file found by several items is kept for each, not the first only
+  bool withoutRegistry = false;        // registry rules are left out (a policy), with a note on their items
   // Host threads that scan items side by side (0: as many as the engine's
   // listing pool, at most 4; 1: one item after the other). Either way the
   // results, their order and the scan log are the same; the observer is

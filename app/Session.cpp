@@ -3,10 +3,17 @@
 #include <shlobj.h>
 #include <shlwapi.h>
 
+#include <algorithm>
+
+#include "app/PolicyRules.h"
+#include "app/CookieSites.h"
 #include "app/Text.h"
 #include "app/WhiteListFile.h"
+#include "app/Winapp2Files.h"
+#include "browserdb/BrowserDbScanFactory.h"
 #include "core/Handles.h"
 #include "log/ScanLogThread.h"
+#include "recyclebin/RecycleBinScanFactory.h"
 #include "registry/RegistryScanFactory.h"
 #include "settings/AppInfo.h"
 #include "settings/RegSettings.h"
@@ -31,6 +38,31 @@ std::wstring ExeFolder() {
   return slash == std::wstring::npos ? std::wstring(L".") : path.substr(0, slash);
 }
 
+namespace {
+
+// Why no log can be written in the Logs folder; empty when one can.
+std::wstring LogFolderFault(const std::wstring& data, const std::wstring& logs) {
+  const wchar_t* what = L"; this run writes no scan log";
+  for (const std::wstring& folder : {data, logs}) {
+    const DWORD attributes = GetFileAttributesW(folder.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY))
+      return L"the data folder " + Quoted(folder) + L" is a file, not a folder" + what +
+             L": move or rename that file";
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+      return L"the data folder " + Quoted(folder) + L" cannot be made (" + SystemMessage(GetLastError()) + L")" +
+             what;
+  }
+  // A file made and deleted at once tells whether the folder takes files.
+  const std::wstring probe = logs + L"\\broom-write-test.tmp";
+  broom::unique_hfile file(CreateFileW(probe.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                       FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+  if (!file)
+    return L"the log folder " + Quoted(logs) + L" cannot be written (" + SystemMessage(GetLastError()) + L")" + what;
+  return std::wstring();
+}
+
+}  // namespace
+
 CSession::CSession() = default;
 CSession::~CSession() = default;
 
@@ -44,10 +76,13 @@ void CSession::Start(bool noLog) {
   m_userData = std::wstring(local);
   while (!m_userData.empty() && m_userData.back() == L'\\') m_userData.pop_back();
   m_userData += L"\\Broom";
-  std::wstring logs = m_userData + L"\\Logs";
-  int rc = SHCreateDirectoryExW(nullptr, logs.c_str(), nullptr);
-  if (rc != ERROR_SUCCESS && rc != ERROR_ALREADY_EXISTS && rc != ERROR_FILE_EXISTS)
-    throw CHostError{exitUsage, L"cannot create the data folder '" + logs + L"'; check that it is writable"};
+  // a portable copy keeps its data beside itself
+  if (std::wstring portable = PortableDataFolder(); !portable.empty()) m_userData = portable;
+  // A data folder that cannot be made stops only what needs it (the
+  // whitelist's saving, the quarantines, the logs), each saying so.
+  const std::wstring logs = m_userData + L"\\Logs";
+  SHCreateDirectoryExW(nullptr, logs.c_str(), nullptr);
+  if (!noLog) m_logFault = LogFolderFault(m_userData, logs);
 
   try {
     CRegSettings settings(L"Broom", L"Engine");
@@ -55,9 +90,13 @@ void CSession::Start(bool noLog) {
   } catch (int) {
     throw CHostError{exitUsage, L"the registry key HKCU\\SOFTWARE\\Broom\\Engine exists but cannot be opened; check its permissions"};
   }
-  if (noLog) CAppInfo::SetManualStateBits(0x20000);
+  if (noLog || !m_logFault.empty()) CAppInfo::SetManualStateBits(0x20000);
   m_config = IConfig::NewConfig();
   m_config->AddFactory(CRegistryScanFactory::Create());  // "reg" definitions
+  m_recycleBin = CRecycleBinScanFactory::Create();        // "recyclebin" definitions
+  m_config->AddFactory(m_recycleBin);
+  ReadCookieKeep(CookieKeepFile(), m_cookieKeep);  // unusable: its cookie operations find nothing
+  m_config->AddFactory(CBrowserDbScanFactory::Create(m_cookieKeep));  // "cookies" and "history"
   m_started = true;
 }
 
@@ -67,6 +106,8 @@ void CSession::LoadDefinitions(const std::vector<std::wstring>& folders) {
     if (CConfigStore* store = CConfigStore::Of(m_config))
       for (const SLoadNote& note : store->TakeLoadNotes())
         NoteLoad(L"skipped " + note.file.str() + L": " + note.reason.str());
+    if (auto* bin = dynamic_cast<CRecycleBinScanFactory*>(m_recycleBin.Get()))
+      for (const std::wstring& note : bin->TakeNotes()) NoteLoad(note);
   };
   for (const std::wstring& folder : folders) {
     DWORD attributes = GetFileAttributesW(folder.c_str());
@@ -100,14 +141,31 @@ SWinapp2Report LoadWinapp2(CConfigStore& store, const std::wstring& file) {
 void CSession::LoadWinapp2Files(const std::vector<std::wstring>& files) {
   CConfigStore* store = CConfigStore::Of(m_config);
   if (!store) return;
+  if (!files.empty() && Policies().IsOn(EPolicy::disableWinapp2)) {
+    NoteLoad(L"winapp2 files are switched off by your organisation (DisableWinapp2); " +
+             Plural(files.size(), L"file was", L"files were") + L" not loaded");
+    return;
+  }
   for (const std::wstring& given : files) {
     std::wstring file = FullPath(given);
     SWinapp2Report report = LoadWinapp2(*store, file);
     store->TakeLoadNotes();  // one line here; 'broom winapp2 check' lists them
+    if (report.items == 0)
+      throw CHostError{exitUsage, L"the winapp2 file " + Quoted(file) + L" gave no usable entry (" +
+                                      Plural(report.entries, L"entry", L"entries") + L", " +
+                                      Plural(report.skipped.size(), L"line", L"lines") +
+                                      L" skipped); 'broom winapp2 check' lists why"};
     if (!report.skipped.empty())
       NoteLoad(file + L": " + Plural(report.skipped.size(), L"line was", L"lines were") +
                L" skipped; 'broom winapp2 check' lists them");
   }
+}
+
+void CSession::ApplyPolicies() {
+  std::vector<std::wstring> notes;
+  host::ApplyPolicies(m_config, Policies(), notes);
+  PolicyProtectedPaths(Policies(), &notes);
+  for (std::wstring& note : notes) NoteLoad(std::move(note));
 }
 
 std::wstring CSession::WhiteListFile() const { return m_userData + L"\\whitelist.txt"; }
@@ -202,6 +260,11 @@ std::vector<SItem> CSession::Select(const std::vector<std::wstring>& names, bool
   return SelectItems(m_config, names, forClean, notes);
 }
 
+SSelection CSession::SelectByCost(const std::vector<std::wstring>& names, bool forClean, const SCostChoice& include,
+                                  std::vector<std::wstring>& notes) const {
+  return host::SelectByCost(m_config, names, forClean, include, notes);
+}
+
 void CSession::BeginScanLog(const wchar_t* command) {
   m_scanLog = CScanLogThread::GetCurrentScanLog(true);
   SYSTEMTIME now;
@@ -216,7 +279,12 @@ SScanResults CSession::Scan(const std::vector<SItem>& items, const SScanOptions&
   // The managed quarantines are never scanned.
   // Broom's own data folder (the managed quarantines, the whitelist, the
   // logs being written) is never scanned.
-  return RunScan(items, options, m_whiteList, m_userData);
+  SScanOptions run = options;
+  run.olderThanDays = std::max(run.olderThanDays, Policies().Number(EPolicy::minimumAgeDays, 0));
+  run.withoutRegistry = run.withoutRegistry || Policies().IsOn(EPolicy::disableRegistryCleaning);
+  CheckCookieKeep(*this, items);
+  CPolicyProtection protection(m_whiteList, PolicyProtectedPaths(Policies()));
+  return RunScan(items, run, m_whiteList, m_userData);
 }
 
 bool CSession::SourceOf(const SHit& hit, SOperationSource& out) const {

@@ -10,8 +10,10 @@
 #include "app/HostError.h"
 #include "app/ItemSelection.h"
 #include "app/ScanRun.h"
+#include "browserdb/CookieKeepList.h"
 #include "core/RefCounting.h"
 #include "log/LogWriter.h"
+#include "policy/Policies.h"
 #include "scandefs/ConfigStore.h"
 #include "scandefs/ScanGroup.h"
 #include "whitelist/WhiteListTree.h"
@@ -39,6 +41,10 @@ class CSession {
   // Logs folder; --no-log switches the scan logs off.
   void Start(bool noLog);
   const std::wstring& UserDataFolder() const { return m_userData; }
+  // Why the scan logs cannot be written (the data folder or its Logs folder
+  // is a file, or cannot be made or written); empty when they can, or when
+  // logging is off. Commands that need no data folder run all the same.
+  const std::wstring& LogFault() const { return m_logFault; }
   // Where the managed quarantines live; scans never enter it.
   std::wstring QuarantineRoot() const { return m_userData + L"\\Quarantine"; }
 
@@ -51,6 +57,11 @@ class CSession {
   // CHostError(exitUsage) for one that cannot be read. A file with skipped
   // lines gets one note saying how many.
   void LoadWinapp2Files(const std::vector<std::wstring>& files);
+  // The organisation's policies, read once per process.
+  const CPolicies& Policies() const { return CPolicies::Current(); }
+  // Applies the policies to the loaded tree (app/PolicyRules.h), after the
+  // definitions and winapp2 files; what they ignore becomes load notes.
+  void ApplyPolicies();
   // What the loads left out ("skipped FILE: REASON"), once, for the host to
   // show: the console on standard error, the window in a message.
   void NoteLoad(std::wstring note) { m_loadNotes.push_back(std::move(note)); }
@@ -67,6 +78,12 @@ class CSession {
   void SaveWhiteList();
   CWhiteListTree& WhiteList() { return m_whiteList; }
 
+  // The sites whose cookies a clean keeps, read at Start from
+  // DATA\cookies-keep.txt; the cookie operations of the definitions use it.
+  // An unusable list stops the scans that hold a cookie operation.
+  std::wstring CookieKeepFile() const { return m_userData + L"\\cookies-keep.txt"; }
+  const CCookieKeepList& CookieKeep() const { return m_cookieKeep; }
+
   // Items below the top-level groups, in the store's order.
   std::vector<SItem> AllItems() const;
   // Named items (paths or group names) or, with no names, the items that are
@@ -74,6 +91,9 @@ class CSession {
   // Notes for standard error go to notes.
   std::vector<SItem> Select(const std::vector<std::wstring>& names, bool forClean,
                             std::vector<std::wstring>& notes) const;
+  // The same, with the costly items a group may bring along (--include).
+  SSelection SelectByCost(const std::vector<std::wstring>& names, bool forClean, const SCostChoice& include,
+                          std::vector<std::wstring>& notes) const;
 
   // Starts this command's scan log: the older logs move up one number and a
   // new scan1.log, headed with the command and the time, is held until the
@@ -83,7 +103,8 @@ class CSession {
   // Runs every operation of every item. Hits under protected paths are
   // dropped; a file found twice counts once, for the first item.
   // With olderThanDays, every file operation also keeps only files changed
-  // that many days ago or earlier, for this run only.
+  // that many days ago or earlier, for this run only. The policies' age
+  // floor, protected paths and registry switch apply whatever the options say.
   SScanResults Scan(const std::vector<SItem>& items, const SScanOptions& options);
 
   // Where the operation that found a hit came from; false when unknown.
@@ -91,6 +112,7 @@ class CSession {
 
  private:
   CRefPtr<IConfig> m_config;
+  CRefPtr<IScanOperationFactory> m_recycleBin;  // its notes join the load notes
   CRefPtr<ILogWriter> m_scanLog;
   CWhiteListTree m_whiteList;
   struct SUnstorableLine {
@@ -99,7 +121,9 @@ class CSession {
   };
   std::vector<SUnstorableLine> m_unstorable;  // loaded lines whose stored form the file cannot hold
   std::vector<std::wstring> m_loadNotes;
+  CCookieKeepList m_cookieKeep;
   std::wstring m_userData;
+  std::wstring m_logFault;
   bool m_started = false;
 };
 

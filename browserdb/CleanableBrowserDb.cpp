@@ -2,23 +2,9 @@
 
 #include "browserdb/DbFiles.h"
 #include "clean/FileSystemOps.h"
+#include "clean/ProgressScope.h"
 
 namespace {
-
-class ProgressScope {
- public:
-  explicit ProgressScope(IOperationProgressNotify* progress) : m_progress(progress) {
-    if (m_progress) m_progress->SetTotal(1);
-  }
-  ~ProgressScope() {
-    if (m_progress) m_progress->Finish();
-  }
-  ProgressScope(const ProgressScope&) = delete;
-  ProgressScope& operator=(const ProgressScope&) = delete;
-
- private:
-  IOperationProgressNotify* m_progress;
-};
 
 // For an item given no keep list: an unusable one, so its clean deletes no cookie.
 const CCookieKeepList& KeepAll() {
@@ -43,7 +29,7 @@ void CCleanableBrowserDb::Init(const std::wstring& database, EBrowserFamily fami
 }
 
 DWORD CCleanableBrowserDb::Clean(IOperationProgressNotify* progress, IOperationStatusNotify*) {
-  ProgressScope scope(progress);
+  CProgressScope scope(progress);
   m_last = CBrowserDatabase::Clean(m_path.c_str(), m_family, m_kind, m_keep ? *m_keep : KeepAll());
   return m_last.code;
 }
@@ -69,7 +55,7 @@ CString CCleanableBrowserDb::GetDetails() const {
 
 DWORD CCleanableBrowserDb::Move(CString destination, IOperationProgressNotify* progress, IOperationStatusNotify*,
                                 bool overwrite, CPathString& newPath) {
-  ProgressScope scope(progress);
+  CProgressScope scope(progress);
   try {
     const std::wstring target(destination.GetString(), static_cast<size_t>(destination.GetLength()));
     bool taken = false;

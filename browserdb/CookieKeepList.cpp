@@ -3,26 +3,15 @@
 #include <algorithm>
 
 #include "core/Handles.h"
+#include "textconv/TextConv.h"
 
 namespace {
 
 constexpr DWORD kMaxFileBytes = 4 * 1024 * 1024;
 
-std::wstring Wide(const std::string& utf8) {
-  if (utf8.empty()) return std::wstring();
-  int length = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0);
-  std::wstring out(static_cast<size_t>(length), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), &out[0], length);
-  return out;
-}
+std::wstring Wide(const std::string& utf8) { return textconv::ToWide(utf8, CP_UTF8); }
 
-std::string Narrow(const std::wstring& text) {
-  if (text.empty()) return std::string();
-  int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-  std::string out(static_cast<size_t>(length), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], length, nullptr, nullptr);
-  return out;
-}
+std::string Narrow(const std::wstring& text) { return textconv::ToMultiByte(text, CP_UTF8); }
 
 // A line as a message shows it: control characters as <U+000D>.
 std::wstring Shown(const std::wstring& text) {
@@ -162,6 +151,7 @@ bool CCookieKeepList::Parse(const std::string& bytes) {
   m_problem = SKeepListProblem();
   m_lines.clear();
   m_sites.clear();
+  m_enforced.clear();
   size_t start = bytes.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
   int number = 0;
   while (start < bytes.size()) {
@@ -192,6 +182,7 @@ bool CCookieKeepList::Parse(const std::string& bytes) {
 bool CCookieKeepList::Load(const wchar_t* path) {
   m_lines.clear();
   m_sites.clear();
+  m_enforced.clear();
   m_problem = SKeepListProblem();
   broom::unique_hfile file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                        nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
@@ -283,20 +274,56 @@ void CCookieKeepList::Rebuild() {
   m_sites.clear();
   for (const SLine& line : m_lines)
     if (!line.site.empty()) m_sites.insert(line.site);
+  m_sites.insert(m_enforced.begin(), m_enforced.end());
 }
+
+bool CCookieKeepList::AddEnforced(const wchar_t* text, const wchar_t* origin) {
+  if (!m_usable) return false;
+  std::wstring site, why;
+  if (!ParseSite(text ? text : L"", site, why)) {
+    Fail(0, std::string(), std::wstring(origin ? origin : L"an enforced site") + L" ('" + Shown(text ? text : L"") +
+                               L"') " + why);
+    m_enforced.clear();
+    return false;
+  }
+  const std::string key = Narrow(site);
+  if (std::find(m_enforced.begin(), m_enforced.end(), key) == m_enforced.end()) m_enforced.push_back(key);
+  m_sites.insert(key);
+  return true;
+}
+
+std::vector<std::wstring> CCookieKeepList::GetEnforcedSites() const {
+  std::vector<std::wstring> sites;
+  for (const std::string& site : m_enforced) sites.push_back(Wide(site));
+  return sites;
+}
+
+bool CCookieKeepList::IsEnforced(const wchar_t* site) const {
+  const std::string key = Narrow(site ? site : L"");
+  return std::find(m_enforced.begin(), m_enforced.end(), key) != m_enforced.end();
+}
+
+namespace {
+
+// The site an edit names; false with the reason in detail.
+bool EditedSite(const wchar_t* text, std::wstring& site, std::wstring* detail) {
+  std::wstring why;
+  if (CCookieKeepList::ParseSite(text ? text : L"", site, why)) return true;
+  if (detail) *detail = why;
+  return false;
+}
+
+}  // namespace
 
 CCookieKeepList::EEdit CCookieKeepList::Keep(const wchar_t* text, std::wstring* detail) {
   if (!m_usable) return editUnusable;
-  std::wstring site, why;
-  if (!ParseSite(text ? text : L"", site, why)) {
-    if (detail) *detail = why;
-    return editInvalid;
-  }
+  std::wstring site;
+  if (!EditedSite(text, site, detail)) return editInvalid;
   std::string key = Narrow(site);
   std::string by = KeptByUtf8(key);
   if (!by.empty()) {
     if (detail) *detail = Wide(by);
-    return editAlready;
+    return std::find(m_enforced.begin(), m_enforced.end(), by) != m_enforced.end() ? editByPolicy : editAlready;
   }
   m_lines.push_back(SLine{key, key});
   Rebuild();
@@ -306,16 +333,20 @@ CCookieKeepList::EEdit CCookieKeepList::Keep(const wchar_t* text, std::wstring* 
 
 CCookieKeepList::EEdit CCookieKeepList::Unkeep(const wchar_t* text, std::wstring* detail) {
   if (!m_usable) return editUnusable;
-  std::wstring site, why;
-  if (!ParseSite(text ? text : L"", site, why)) {
-    if (detail) *detail = why;
-    return editInvalid;
-  }
+  std::wstring site;
+  if (!EditedSite(text, site, detail)) return editInvalid;
   std::string key = Narrow(site);
   if (detail) *detail = site;
   // a listed parent keeps the site whatever its own lines say
   size_t dot = key.find('.');
   std::string parent = dot == std::string::npos ? std::string() : KeptByUtf8(key.substr(dot + 1));
+  const auto enforced = [&](const std::string& s) {
+    return std::find(m_enforced.begin(), m_enforced.end(), s) != m_enforced.end();
+  };
+  if (enforced(key) || (!parent.empty() && enforced(parent))) {
+    if (detail) *detail = Wide(enforced(key) ? key : parent);
+    return editByPolicy;
+  }
   if (!parent.empty()) {
     if (detail) *detail = Wide(parent);
     return editByParent;

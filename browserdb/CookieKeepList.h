@@ -39,6 +39,7 @@ class BROOM_API CCookieKeepList {
     editByParent,   // unkeep: a listed parent site keeps it (detail: that site); nothing changed
     editInvalid,    // the text is not a host name (detail: why)
     editUnusable,   // the list itself is unusable; nothing changed
+    editByPolicy,   // keep or unkeep: an enforced site keeps it (detail: that site); nothing changed
   };
 
   CCookieKeepList() = default;
@@ -63,6 +64,16 @@ class BROOM_API CCookieKeepList {
   // The sites as listed (normalised: lower case, ASCII), in file order, once each.
   std::vector<std::wstring> GetSites() const;
 
+  // A site kept whatever the file says (an organisation's policy; origin
+  // names where it comes from in a problem): it keeps like a listed site,
+  // is never written to the file, and neither Keep nor Unkeep changes it
+  // (editByPolicy). A text that is not a site makes the list unusable, so
+  // that no cookie goes that it meant to keep. Load and Parse drop the
+  // enforced sites: add them after.
+  bool AddEnforced(const wchar_t* text, const wchar_t* origin);
+  std::vector<std::wstring> GetEnforcedSites() const;
+  bool IsEnforced(const wchar_t* site) const;
+
   // The site a line names, normalised; false with the reason otherwise.
   static bool ParseSite(const std::wstring& text, std::wstring& site, std::wstring& why);
 
@@ -86,7 +97,8 @@ class BROOM_API CCookieKeepList {
   std::string KeptByUtf8(const std::string& host) const;
 
   std::vector<SLine> m_lines;
-  std::unordered_set<std::string> m_sites;
+  std::unordered_set<std::string> m_sites;     // listed and enforced
+  std::vector<std::string> m_enforced;         // in the order added, once each
   bool m_usable = true;
   bool m_absent = false;
   SKeepListProblem m_problem;

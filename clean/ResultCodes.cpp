@@ -2,6 +2,8 @@
 
 #include <cwchar>
 
+#include "clean/FileOverwrite.h"
+#include "clean/FileSystemOps.h"
 #include "core/Exceptions.h"
 
 namespace {
@@ -56,6 +58,22 @@ std::wstring ExplainResult(DWORD code) {
   if ((code & 0xFFFF0000) == kQuarantineMoveFailed)
     return L"it could not be moved into quarantine (" + broom::SystemMessage(code & 0xFFFF) +
            L"); it stays where it was and no copy was kept (" + Hex(code) + L")";
+  if (code == kRecycleBinNotMoved)
+    return L"a Recycle Bin entry is never moved into a quarantine (the Recycle Bin is its own undo); it stays (" +
+           Hex(code) + L")";
+  if (code == kRecycleBinChanged)
+    return L"the Recycle Bin entry changed since the scan, so it was left as it is (" + Hex(code) + L")";
+  if (code == kRecycleBinNotInBin)
+    return L"it does not lie in a Recycle Bin folder, so it was not deleted (" + Hex(code) + L")";
+  if ((code & 0xFFFF0000) == kRemoveFailed)
+    return L"could not be removed (" + broom::SystemMessage(code & 0xFFFF) + L"); what could not be removed stays (" +
+           Hex(code) + L")";
+  if ((code & 0xFFFF0000) == kOverwriteOpenFailed)
+    return L"could not be opened for writing to overwrite it (" + broom::SystemMessage(code & 0xFFFF) +
+           L"): it is read-only, in use or access is denied; it is untouched and was not deleted (" + Hex(code) + L")";
+  if ((code & 0xFFFF0000) == kOverwriteFailed)
+    return L"overwriting or deleting it failed after it was opened (" + broom::SystemMessage(code & 0xFFFF) +
+           L"); it stays and may be partly overwritten (" + Hex(code) + L")";
   if (code == kFolderNotEmpty)
     return L"the folder is not empty (something in it was kept or not removed), so it stays (" + Hex(code) + L")";
   if ((code & 0xFFFF0000) == kFolderFailed)

@@ -56,6 +56,15 @@ enum : DWORD {
   kQuarantineCopyMismatch = kQuarantineMoveFailed | ERROR_CRC,
 };
 
+// Recycle Bin entries (CRecycleBinItem), besides CFileSystemOps::RemoveTree's
+// kRemoveFailed (0x8067xxxx) and the overwrite codes of clean/FileOverwrite.h
+// (0x8068xxxx, 0x8069xxxx), which ExplainResult says in words too.
+enum : DWORD {
+  kRecycleBinNotMoved = 0x80670032,  // an entry is never moved (ERROR_NOT_SUPPORTED)
+  kRecycleBinChanged = 0x8067139F,   // the record changed since the scan: left as it is
+  kRecycleBinNotInBin = 0x806710DD,  // its paths are not in a Recycle Bin folder: never deleted
+};
+
 // What a result code means, in words, with the code: "could not be removed:
 // it is in use, ... (0x80000000)"; "done" for 0.
 BROOM_API std::wstring ExplainResult(DWORD code);

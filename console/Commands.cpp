@@ -2,6 +2,7 @@
 #include "console/Commands.h"
 
 #include "app/Text.h"
+#include "app/Winapp2Files.h"
 #include "console/Console.h"
 #include "console/ProgressLine.h"
 
@@ -29,7 +30,9 @@ void LoadDefinitions(CSession& session, const SOptions& options) {
   };
   try {
     session.LoadDefinitions(folders);
+    if (!options.noWinapp2) LoadBundledWinapp2(session, WideList(options.winapp2));
     session.LoadWinapp2Files(WideList(options.winapp2));
+    session.ApplyPolicies();
   } catch (...) {
     show();
     throw;
@@ -43,6 +46,15 @@ bool Confirm(const std::wstring& question) {
   bool got = CConsole::ReadLine(answer);
   if (!got) CConsole::Err(L"\n");
   return got && (answer == L"y" || answer == L"Y" || answer == L"yes" || answer == L"YES" || answer == L"Yes");
+}
+
+SCostChoice CostChoice(const SOptions& options) {
+  SCostChoice choice;
+  for (const std::string& word : options.include) {
+    if (word == "sign-in") choice.signIn = true;
+    if (word == "saved") choice.saved = true;
+  }
+  return choice;
 }
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep) {

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "app/CleanRun.h"
+#include "app/ProgramsInUse.h"
 #include "app/Session.h"
 
 namespace host {
@@ -12,6 +14,7 @@ namespace host {
 struct SOptions {
   std::vector<std::string> defs;
   std::vector<std::string> winapp2;  // winapp2.ini files loaded beside the definitions
+  bool noWinapp2 = false;            // leave the bundled winapp2.ini out
   bool noLog = false;
   std::vector<std::string> items;
   bool files = false;
@@ -26,9 +29,23 @@ struct SOptions {
   unsigned long olderThan = 0;         // days; 0: no age limit
   bool force = false;                  // clean items past the runaway limits
   unsigned long long runawayFiles = 0; // hidden: a test's own runaway file limit
+  std::vector<std::string> include;    // sign-in, saved: what a named group brings along
+  unsigned long cancelAfterCleaned = 0;  // hidden: simulates Ctrl+C after a clean took that many hits
+  bool overwrite = false;              // clean: overwrite file contents before deleting
+  bool closeApps = false;              // clean: ask the programs that hold items to close first
+  unsigned long closeTimeout = 15;     // clean: seconds --close-apps waits for them
+  bool scheduled = false;              // clean --scheduled: the scheduled task's run
+  std::string report;                  // --report FILE: a JSON line per run
+  std::vector<std::string> schedule;   // schedule: daily|weekly|monthly|off and items
+  std::string at;                      // schedule --at HH:MM
+  std::string url;                     // winapp2 update
+  std::vector<std::string> sites;      // cookies keep, unkeep
+  unsigned long timeoutSeconds = 60;   // winapp2 update: each wait of the download
 };
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
+// The --include words as the selection takes them.
+SCostChoice CostChoice(const SOptions& options);
 // Runs the scan with the progress line on the console, removed at the end.
 SScanResults ScanWithProgress(CSession& session, const std::vector<SItem>& items, SScanOptions scan);
 // Asks on the console; y, Y, yes, Yes or YES is a yes, anything else or the end of input a no.
@@ -37,7 +54,8 @@ bool Confirm(const std::wstring& question);
 std::wstring Pad(const std::wstring& text, size_t width, bool right);
 std::vector<std::wstring> WideList(const std::vector<std::string>& list);
 // Loads the --defs folders (made absolute), or the defs folder beside broom.exe,
-// then the --winapp2 files.
+// the bundled winapp2.ini (unless --no-winapp2 or the setting), then the
+// --winapp2 files.
 void LoadDefinitions(CSession& session, const SOptions& options);
 
 int CmdList(CSession& session, const SOptions& options);
@@ -54,6 +72,35 @@ int CmdProtect(CSession& session, const SOptions& options);
 int CmdUnprotect(CSession& session, const SOptions& options);
 int CmdProtected(CSession& session, const SOptions& options);
 int CmdWinapp2Check(CSession& session, const SOptions& options);
+int CmdWinapp2Update(CSession& session, const SOptions& options);
+int CmdCookiesList(CSession& session, const SOptions& options);
+int CmdCookiesKeep(CSession& session, const SOptions& options);
+int CmdCookiesUnkeep(CSession& session, const SOptions& options);
 int CmdExplain(CSession& session, const SOptions& options);
+int CmdPolicy(CSession& session, const SOptions& options);
+int CmdSchedule(CSession& session, const SOptions& options);
+
+// The run report of scan and clean (--report, --scheduled): what the
+// command did, gathered as it goes and written once it has ended.
+void BeginRunReport(const SOptions& options, const wchar_t* command);
+void RecordScanResults(const SScanResults& results);
+void RecordGuard(const SGuardSummary& guard);
+void RecordClean(const SCleanReport& report, const std::wstring& quarantine);
+// Writes the line (and the event) when the command asked for one.
+void FinishRunReport(CSession& session, const SOptions& options, int exitCode);
+// The managed quarantines past the QuarantineKeepDays policy go before a clean.
+void PurgeByPolicy(CSession& session);
+
+// Running programs (RunningOutput.cpp): after scan's table, which programs
+// run and hold items; for clean, the skipped items and the closing.
+void PrintRunning(const std::vector<SHolder>& holders, DWORD snapshotError);
+// Skips the items of running programs, each said on standard error with
+// what to do; afterClose says they were asked to close already.
+size_t SkipRunningItems(SScanResults& results, SGuardSummary& guard, bool afterClose);
+// Asks the holders' programs to close, waits at most timeoutSeconds and
+// says what became of each.
+void CloseHolders(const std::vector<SHolder>& holders, unsigned long timeoutSeconds);
+// With a quarantine, Recycle Bin items stay as they are, each said.
+size_t SkipRecycleBinItems(SScanResults& results, SGuardSummary& guard);
 
 }  // namespace host

@@ -3,7 +3,9 @@
 #include "console/Commands.h"
 #include "core/Handles.h"
 
+#include "app/PolicyRules.h"
 #include "app/Text.h"
+#include "browserdb/CleanableBrowserDb.h"
 #include "console/Console.h"
 #include "core/Names.h"
 #include "guard/BlastGuard.h"
@@ -43,9 +45,19 @@ std::wstring AgeReason(const IScanOperation* op, unsigned long olderThan, const 
     auto* age = static_cast<CBaseFileScan::_FilterRejectRecentFiles_Impl*>(filter.Get());
     if (!age->RejectFile(folder, data)) continue;
     return std::wstring(L"only files ") + (age->ByLastAccess() ? L"last opened " : L"last changed ") +
-           std::to_wstring(age->GetDays()) + L" or more days ago are taken, and this one is newer";
+           (age->GetHours() % 24 ? std::to_wstring(age->GetHours()) + L" or more hours"
+                                 : std::to_wstring(age->GetHours() / 24) + L" or more days") +
+           L" ago are taken, and this one is newer";
   }
   return std::wstring();
+}
+
+// "  cost: saved (Deletes your saved data ...)"
+std::wstring CostLine(const CSession& session, const CScanGroup* item) {
+  const CConfigStore* store = CConfigStore::Of(session.Config());
+  if (!store) return std::wstring();
+  ECost cost = store->GetCost(item);
+  return std::wstring(L"  cost: ") + CostName(cost) + L" (" + CostWords(cost) + L")\n";
 }
 
 }  // namespace
@@ -66,6 +78,12 @@ int CmdExplain(CSession& session, const SOptions& options) {
     CConsole::Out(out);
     return exitCleanFailures;
   }
+  for (const std::wstring& policyPath : PolicyProtectedPaths(session.Policies())) {
+    if (!broom::IsAtOrBelow(path, policyPath)) continue;
+    CConsole::Out(Quoted(path) + L" is protected by your organisation (ProtectedPaths: " + Quoted(policyPath) +
+                  L"): no scan or clean takes it.\n");
+    return exitCleanFailures;
+  }
 
   // Every enabled item, whether it is on by default or not, with the age
   // filters out so that a file they keep still shows where it would go.
@@ -83,6 +101,8 @@ int CmdExplain(CSession& session, const SOptions& options) {
   }
 
   CPathString folder(path.substr(0, path.rfind(L'\\') + 1).c_str());
+  std::vector<SHolder> holders;
+  FindRunning(session, results, holders);
   CBlastGuard guard;
   unsigned takers = 0, aged = 0;
   for (const SItemResult& r : results.items) {
@@ -93,10 +113,12 @@ int CmdExplain(CSession& session, const SOptions& options) {
                               ? std::wstring(source.file.GetString()) + L":" + std::to_wstring(source.line) + L": " +
                                     source.kind.GetString() + L" " + source.text.GetString()
                               : std::wstring(L"a rule whose source is not known");
-      std::wstring age = AgeReason(hit.op, options.olderThan, folder, data);
+      std::wstring age = AgeReason(hit.op, std::max(options.olderThan, session.Policies().Number(EPolicy::minimumAgeDays, 0)), folder, data);
       CBlastGuard::SVerdict verdict = guard.Check(hit.item, source.text.GetString());
       out += L"'" + r.item.path + L"'" + (IsOn(r.item.group->IsDefaultClean()) ? L"" : L" (off by default)") +
-             L"\n  rule: " + Printable(rule) + L"\n";
+             L"\n  rule: " + Printable(rule) + L"\n" + CostLine(session, r.item.group);
+      if (auto* db = dynamic_cast<const CCleanableBrowserDb*>(hit.item.Get()))
+        out += L"  cleans inside the database, row by row: " + db->GetDescription() + L"\n";
       if (!age.empty()) {
         ++aged;
         out += L"  not now: " + age + L"\n";
@@ -107,6 +129,8 @@ int CmdExplain(CSession& session, const SOptions& options) {
         if (!verdict.userFolder.IsEmpty())
           out += L"  it lies in your " + std::wstring(verdict.userFolder.GetString()) + L"\n";
       }
+      for (const std::wstring& image : r.running)
+        out += L"  " + image + L" is running now: clean skips this item until it closes (or use --close-apps)\n";
     }
   }
   if (out.empty())

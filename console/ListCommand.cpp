@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "app/PolicyRules.h"
 #include "app/Text.h"
 #include "console/Console.h"
 
@@ -10,15 +11,21 @@ namespace host {
 
 namespace {
 
-std::wstring StateText(const CScanGroup* group) {
+std::wstring StateText(const CScanGroup* group, const CConfigStore* store) {
   std::vector<std::wstring> parts;
-  if (!IsEnabled(group)) parts.push_back(L"off: not on this PC");
+  const SPolicyMark* mark = PolicyMarkOf(group);
+  if (mark && !mark->off.empty())
+    parts.push_back(L"off: " + PolicyOffText(*mark));
+  else if (!IsEnabled(group))
+    parts.push_back(L"off: not on this PC");
+  if (mark && mark->defaultSet) parts.push_back(L"default set by your organisation (DefaultItems)");
   parts.push_back(IsOn(group->IsDefaultScan()) ? L"scan" : L"not scanned");
   parts.push_back(IsOn(group->IsDefaultClean()) ? L"clean" : L"not cleaned");
   if (IsOn(group->IsSafe())) parts.push_back(L"safe");
   if (IsOn(group->GetQScan())) parts.push_back(L"quick scan");
   int ops = group->GetScanOpCount();
   parts.push_back(Plural(static_cast<unsigned>(ops), L"operation", L"operations"));
+  if (store) parts.push_back(std::wstring(L"cost: ") + CostName(store->GetCost(group)));
   std::wstring text;
   for (const std::wstring& p : parts) text += (text.empty() ? L"" : L", ") + p;
   return L"[" + text + L"]";
@@ -26,14 +33,14 @@ std::wstring StateText(const CScanGroup* group) {
 
 // A group and everything below it, children indented; without recursion,
 // as a tree may be deeper than the stack.
-void ListGroup(const CScanGroup* top, std::wstring& out, unsigned& items) {
+void ListGroup(const CScanGroup* top, const CConfigStore* store, std::wstring& out, unsigned& items) {
   std::vector<CRefPtr<TIteratorIface<CScanGroup>>> open;  // one per level being listed
   for (const CScanGroup* group = top; group;) {
     std::wstring indent(open.size() * 2, L' ');
     std::wstring line = indent + group->GetName();
     if (group->HasScanOps()) {
       ++items;
-      line += L"  " + StateText(group);
+      line += L"  " + StateText(group, store);
     }
     out += line + L"\n";
     const wchar_t* desc = group->GetDescription();
@@ -52,6 +59,25 @@ void ListGroup(const CScanGroup* top, std::wstring& out, unsigned& items) {
       }
     }
   }
+}
+
+// What the policies set for a group: null when none does.
+nlohmann::json PolicyJson(const CScanGroup* group) {
+  const SPolicyMark* mark = PolicyMarkOf(group);
+  if (!mark) return nullptr;
+  nlohmann::json j = nlohmann::json::object();
+  nlohmann::json by = nlohmann::json::array();
+  if (!mark->off.empty()) {
+    j["enabled"] = false;
+    by.push_back(Utf8(mark->off));
+  }
+  if (mark->defaultSet) {
+    j["scan"] = mark->defaultOn;
+    j["clean"] = mark->defaultOn;
+    by.push_back("DefaultItems");
+  }
+  j["set_by"] = by;
+  return j;
 }
 
 nlohmann::json State(AttributeBoolState state) { return state == abNotSet ? nlohmann::json() : nlohmann::json(state == abTrue); }
@@ -82,9 +108,21 @@ nlohmann::json GroupJson(const CScanGroup* group, const CConfigStore* store, uns
                       {"safe", State(group->IsSafe())},
                       {"quick_scan", State(group->GetQScan())},
                       {"enabled", enabled},
-                      {"reason", enabled ? nlohmann::json() : nlohmann::json("not on this PC")},
+                      {"reason", enabled ? nlohmann::json()
+                                 : PolicyMarkOf(group) && !PolicyMarkOf(group)->off.empty()
+                                     ? nlohmann::json(Utf8(PolicyOffText(*PolicyMarkOf(group))))
+                                     : nlohmann::json("not on this PC")},
+                      {"policy", PolicyJson(group)},
                       {"operations", group->GetScanOpCount()},
+                      {"cost", store ? nlohmann::json(Utf8(std::wstring(CostName(store->GetCost(group))))) : nlohmann::json()},
                       {"sources", sources}};
+  // the programs that hold the item's files while they run, its groups' included
+  if (group->HasScanOps()) {
+    nlohmann::json running = nlohmann::json::array();
+    if (store)
+      for (const std::wstring& image : store->GetPrograms(group)) running.push_back(Utf8(image));
+    j["running"] = running;
+  }
   group->HasScanOps() ? ++items : ++groups;
   nlohmann::json children = nlohmann::json::array();
   CRefPtr<TIteratorIface<CScanGroup>> it;
@@ -102,7 +140,8 @@ int ListJson(CSession& session) {
   for (; it && !it->AtEnd(); it->Next())
     tree.push_back(GroupJson(it->Current(), CConfigStore::Of(session.Config()), items, groups));
   std::vector<std::wstring> notes;
-  nlohmann::json doc = {{"groups", tree},
+  nlohmann::json doc = {{"policies", nlohmann::json::parse(session.Policies().ToJson())},
+                        {"groups", tree},
                         {"item_count", items},
                         {"group_count", groups},
                         {"scanned_by_default", session.Select({}, false, notes).size()}};
@@ -120,7 +159,7 @@ int CmdList(CSession& session, const SOptions& options) {
   CRefPtr<TIteratorIface<CScanGroup>> it;
   session.Config()->GetGroups(it);
   for (; it && !it->AtEnd(); it->Next()) {
-    ListGroup(it->Current(), out, items);
+    ListGroup(it->Current(), CConfigStore::Of(session.Config()), out, items);
     ++groups;
   }
   std::vector<std::wstring> notes;

@@ -27,10 +27,14 @@ std::wstring DateText(const SManagedQuarantine& q) {
 }  // namespace
 
 std::unique_ptr<CQuarantine> OpenCleanQuarantine(CSession& session, const SOptions& options) {
-  if (!options.quarantineGiven) return nullptr;
+  const bool forced = session.Policies().IsOn(EPolicy::alwaysQuarantine);
+  if (!options.quarantineGiven && !forced) return nullptr;
+  if (forced && !options.quarantine.empty())
+    CConsole::Err(L"broom: note: your organisation moves every clean into a managed quarantine (AlwaysQuarantine); " +
+                  Quoted(Wide(options.quarantine)) + L" is not used\n");
   std::wstring folder;
   std::unique_ptr<CQuarantine> quarantine;
-  if (options.quarantine.empty()) {
+  if (options.quarantine.empty() || forced) {
     folder = CQuarantineStore(session.QuarantineRoot()).Create();
     quarantine.reset(new CQuarantine(folder, true));
     quarantine->RemoveWhenUnused();

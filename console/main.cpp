@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "app/PolicySchedule.h"
 #include "app/Text.h"
+#include "app/Winapp2Update.h"
 #include "console/Commands.h"
 #include "console/Console.h"
 #include "core/Handles.h"
@@ -38,6 +40,18 @@ void AddOlderThan(CLI::App& command, SOptions& options, const char* help) {
   command.add_option("--older-than", options.olderThan, help)->type_name("DAYS")->check(CLI::Range(1ul, 36500ul));
 }
 
+// --include sign-in,saved: the costly items a named group brings along.
+void AddInclude(CLI::App& command, SOptions& options) {
+  command
+      .add_option("--include", options.include,
+                  "Also take a group's sign-in or saved items (repeatable or a comma list; they are taken "
+                  "otherwise only when named one by one)")
+      ->type_name("sign-in|saved")
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->check(CLI::IsMember({"sign-in", "saved"}));
+}
+
 // One command of broom: the command it belongs to (null at the top), its
 // name and help, the options it takes and what runs it. The order is the
 // order of the help.
@@ -52,6 +66,7 @@ struct SCommand {
 const std::pair<const char*, const char*> kGroups[] = {
     {"quarantine", "Work with the managed quarantines"},
     {"winapp2", "Work with winapp2.ini files"},
+    {"cookies", "The sites that hold cookies, and the sites whose cookies a clean keeps"},
 };
 
 const SCommand kCommands[] = {
@@ -65,7 +80,9 @@ const SCommand kCommands[] = {
        AddItems(c, o, "Item or group paths, e.g. \"System/Temporary files\"", "List every file found");
        c.add_flag("--json", o.json, "Print the results as JSON");
        AddOlderThan(c, o, "Only files last changed at least DAYS days ago");
+       AddInclude(c, o);
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
+       c.add_option("--report", o.report, "Append a JSON line saying what the scan found to FILE")->type_name("FILE");
      },
      CmdScan},
     {nullptr, "clean", "Scan, confirm, then delete what was found (or move it aside)",
@@ -80,8 +97,23 @@ const SCommand kCommands[] = {
            ->expected(0, 1);
        AddOlderThan(c, o, "Only files last changed at least DAYS days ago");
        c.add_flag("--force", o.force, "Clean items that found more than 100,000 files or 20 GB (other refusals stay)");
+       AddInclude(c, o);
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
        c.add_option("--runaway-files", o.runawayFiles)->group("");
+       c.add_flag("--json", o.json, "Print the results as JSON, as scan --json does, with what became of each hit");
+       c.add_option("--cancel-after-cleaned", o.cancelAfterCleaned)->group("");
+       c.add_flag("--overwrite", o.overwrite,
+                  "Overwrite each file's contents with zeros before deleting it (not with --quarantine)")
+           ->excludes("--quarantine");
+       c.add_flag("--close-apps", o.closeApps,
+                  "Ask the running programs that hold items to close (as a user would), wait, then clean");
+       c.add_option("--close-timeout", o.closeTimeout, "How long --close-apps waits for them (default 15)")
+           ->type_name("SECONDS")
+           ->check(CLI::Range(1ul, 3600ul));
+       c.add_option("--report", o.report, "Append a JSON line saying what the clean did to FILE")->type_name("FILE");
+       c.add_flag("--scheduled", o.scheduled,
+                  "Run as the scheduled task does: never ask, and append the report line to Logs\\runs.jsonl in "
+                  "the data folder (or --report FILE)");
      },
      CmdClean},
     {nullptr, "explain",
@@ -121,6 +153,35 @@ const SCommand kCommands[] = {
        c.add_flag("--json", o.json, "Print the report as JSON");
      },
      CmdWinapp2Check},
+    {nullptr, "policy", "Show the policies your organisation set for Broom and where each came from",
+     [](CLI::App& c, SOptions& o) { c.add_flag("--json", o.json, "Print the policies as JSON"); }, CmdPolicy},
+    {nullptr, "schedule",
+     "Clean on a schedule: 'schedule daily|weekly|monthly [--at HH:MM] [ITEM...]' registers the task, "
+     "'schedule off' removes it, 'schedule' alone shows it",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("WHEN", o.schedule,
+                    "daily, weekly or monthly, then the items to clean (default: those on by default for cleaning); "
+                    "off");
+       c.add_option("--at", o.at, "The local time of day to clean at (default 12:00)")->type_name("HH:MM");
+     },
+     CmdSchedule},
+    {"winapp2", "update",
+     "Download the current winapp2.ini into the data folder, the copy before kept as Winapp2.ini.previous",
+     [](CLI::App& c, SOptions& o) {
+       c.add_option("URL", o.url, "Where to download it from (default: " + Utf8(std::wstring(kWinapp2Url)) + ")");
+       c.add_option("--timeout", o.timeoutSeconds, "Seconds each wait may last")
+           ->type_name("SECONDS")
+           ->check(CLI::Range(1ul, 3600ul));
+     },
+     CmdWinapp2Update},
+    {"cookies", "list", "Show every site that holds cookies, per browser and profile, the kept ones marked",
+     [](CLI::App& c, SOptions& o) { c.add_flag("--json", o.json, "Print the sites as JSON"); }, CmdCookiesList},
+    {"cookies", "keep", "Keep the cookies of these sites and their subdomains when cookies are cleaned",
+     [](CLI::App& c, SOptions& o) { c.add_option("SITE", o.sites, "A host name: example.com")->required(); },
+     CmdCookiesKeep},
+    {"cookies", "unkeep", "Take sites off the keep list",
+     [](CLI::App& c, SOptions& o) { c.add_option("SITE", o.sites, "A site on the keep list")->required(); },
+     CmdCookiesUnkeep},
 };
 
 // The command a group stands for, made when its first command is.
@@ -153,6 +214,8 @@ int Run(int argc, wchar_t** argv) {
       ->type_name("FILE")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_flag("--no-winapp2", options.noWinapp2,
+               "Leave out the bundled winapp2.ini (the data folder's copy, else winapp2\\Winapp2.ini beside broom.exe)");
   app.add_flag("--no-log", options.noLog, "Do not write scan logs");
   std::vector<CLI::App*> commands;
   for (const SCommand& command : kCommands) {
@@ -190,8 +253,23 @@ int Run(int argc, wchar_t** argv) {
 
   CSession session;
   session.Start(options.noLog);
-  for (size_t i = 0; i < commands.size(); ++i)
-    if (commands[i]->parsed()) return kCommands[i].run(session, options);
+  // An installed Broom keeps the scheduled clean a machine policy asks for.
+  if (!options.scheduled && !app.get_subcommand("schedule")->parsed()) {
+    std::wstring note = KeepPolicySchedule(session.Policies());
+    if (!note.empty()) CConsole::Err(L"broom: note: " + Printable(note) + L"\n");
+  }
+  for (size_t i = 0; i < commands.size(); ++i) {
+    if (!commands[i]->parsed()) continue;
+    int code = exitUsage;
+    try {
+      code = kCommands[i].run(session, options);
+    } catch (const CHostError& e) {
+      FinishRunReport(session, options, e.code);
+      throw;
+    }
+    FinishRunReport(session, options, code);
+    return code;
+  }
   return exitUsage;
 }
 

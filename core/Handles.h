@@ -5,6 +5,7 @@
 #include <bcrypt.h>
 #include <objbase.h>
 #include <oleauto.h>
+#include <winhttp.h>
 
 #include <utility>
 
@@ -116,6 +117,11 @@ struct bcrypt_hash {
   static pointer invalid() { return nullptr; }
   static void close(pointer h) { BCryptDestroyHash(h); }
 };
+struct winhttp {
+  using pointer = HINTERNET;
+  static pointer invalid() { return nullptr; }
+  static void close(pointer h) { WinHttpCloseHandle(h); }
+};
 struct sqlite_db {
   using pointer = sqlite3*;
   static pointer invalid() { return nullptr; }
@@ -142,6 +148,7 @@ using unique_bstr = unique_resource<policy::bstr>;         // SysAllocString, a 
 using unique_event_source = unique_resource<policy::event_source>;  // RegisterEventSourceW
 using unique_bcrypt_alg = unique_resource<policy::bcrypt_alg>;    // BCryptOpenAlgorithmProvider
 using unique_bcrypt_hash = unique_resource<policy::bcrypt_hash>;  // BCryptCreateHash
+using unique_winhttp = unique_resource<policy::winhttp>;          // WinHttpOpen, WinHttpConnect, WinHttpOpenRequest (link winhttp)
 using unique_sqlite = unique_resource<policy::sqlite_db>;         // sqlite3_open_v2 (engine only)
 using unique_sqlite_stmt = unique_resource<policy::sqlite_stmt>;  // sqlite3_prepare_v2 (engine only)
 

@@ -5,24 +5,10 @@
 #include "atl/CAtlException.h"
 #include "clean/FileOverwrite.h"
 #include "clean/FileSystemOps.h"
+#include "clean/ProgressScope.h"
 #include "core/Handles.h"
 
 namespace {
-
-class ProgressScope {
- public:
-  explicit ProgressScope(IOperationProgressNotify* progress) : m_progress(progress) {
-    if (m_progress) m_progress->SetTotal(1);
-  }
-  ~ProgressScope() {
-    if (m_progress) m_progress->Finish();
-  }
-  ProgressScope(const ProgressScope&) = delete;
-  ProgressScope& operator=(const ProgressScope&) = delete;
-
- private:
-  IOperationProgressNotify* m_progress;
-};
 
 unsigned __int64 Ticks(const FILETIME& time) {
   return (static_cast<unsigned __int64>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
@@ -112,7 +98,7 @@ void CRecycleBinItem::InitEntry(const std::wstring& binFolder, const WIN32_FIND_
 }
 
 DWORD CRecycleBinItem::CleanWith(bool overwrite, IOperationProgressNotify* progress, IOperationStatusNotify*) {
-  ProgressScope scope(progress);
+  CProgressScope scope(progress);
   try {
     // an item is held to its bin, whoever made it
     auto inBin = [this](const std::wstring& path) {
@@ -182,6 +168,6 @@ CString CRecycleBinItem::GetDetails() const {
 
 DWORD CRecycleBinItem::Move(CString, IOperationProgressNotify* progress, IOperationStatusNotify*, bool,
                             CPathString&) {
-  ProgressScope scope(progress);
+  CProgressScope scope(progress);
   return kRecycleBinNotMoved;
 }

@@ -16,16 +16,11 @@
 #include <string>
 
 #include "clean/CleanableFile.h"
+#include "clean/ResultCodes.h"
 #include "core/Export.h"
 #include "recyclebin/RecycleBinRecord.h"
 
-// Result codes besides CFileSystemOps::RemoveTree's (kRemoveFailed, 0x8067xxxx)
-// and the overwrite codes.
-enum : DWORD {
-  kRecycleBinNotMoved = 0x80670032,  // an entry is never moved (ERROR_NOT_SUPPORTED)
-  kRecycleBinChanged = 0x8067139F,   // the record changed since the scan: left as it is
-  kRecycleBinNotInBin = 0x806710DD,  // its paths are not in a Recycle Bin folder: never deleted
-};
+// Its result codes (kRecycleBin*) are declared with the others in clean/ResultCodes.h.
 
 class BROOM_API CRecycleBinItem : public CCleanableFile {
  public:

@@ -7,6 +7,25 @@
 #include "core/Handles.h"
 #include "scan/ListAheadWalk.h"
 
+namespace {
+
+// Entries of a folder, "." and ".." left out, links and system entries
+// counted too; SIZE_MAX when it cannot be listed.
+size_t CountEntries(const CPathString& folder) {
+  CPathString pattern(folder);
+  pattern.AppendPath(L"*", 1);
+  WIN32_FIND_DATAW data;
+  broom::unique_hfind find(FindFirstFileW(pattern.c_str(), &data));
+  if (!find) return SIZE_MAX;
+  size_t count = 0;
+  do {
+    if (wcscmp(data.cFileName, L".") != 0 && wcscmp(data.cFileName, L"..") != 0) ++count;
+  } while (FindNextFileW(find.get(), &data));
+  return count;
+}
+
+}  // namespace
+
 CBaseFileScan::CBaseFileScan() = default;
 
 CBaseFileScan::~CBaseFileScan() = default;
@@ -133,7 +152,9 @@ unsigned long CBaseFileScan::AppendAndCheck(ScanParams& p, const wchar_t* part, 
   return flags;
 }
 
-void CBaseFileScan::RecursiveScan(ScanParams p) {
+bool CBaseFileScan::OnEmptiedFolder(const CPathString&, const WIN32_FIND_DATAW&) { return false; }
+
+bool CBaseFileScan::RecursiveScan(ScanParams p) {
   CPathString& root = *m_currentRoot;
   bool counted = false;
   if (p.depth <= m_progressLevels) {
@@ -148,9 +169,9 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
     // the rest of the root is fixed: a folder to scan whole, or one file
     if (AppendAndCheck(p, root.c_str() + p.rootPos, static_cast<unsigned short>(length - p.rootPos)) &
         m_whiteListTestBits)
-      return;
+      return false;
     WIN32_FILE_ATTRIBUTE_DATA data;
-    if (!GetFileAttributesExW(p.path.c_str(), GetFileExInfoStandard, &data)) return;
+    if (!GetFileAttributesExW(p.path.c_str(), GetFileExInfoStandard, &data)) return false;
     if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
       // the root itself becomes "folder\*", also for later scans of this object
       root.AppendPath(L"*", 1);
@@ -158,7 +179,7 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
       if (counted) --m_progressPos;
       p.rootPos = static_cast<unsigned short>(root.GetLength() - 1);
       RecursiveScan(p);
-      return;
+      return false;
     }
     WIN32_FIND_DATAW record = {};
     record.dwFileAttributes = data.dwFileAttributes;
@@ -170,14 +191,14 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
     CWrapperString name(record.cFileName, MAX_PATH);
     p.path.RemoveFileName(&name);
     OnFileInternal(p.path, record);
-    return;
+    return false;
   }
 
   int separator = root.ReverseFindSeparator(wildcard);
   if (separator > static_cast<int>(p.rootPos)) {
     CPathString fixed;
     root.Mid(p.rootPos, static_cast<unsigned short>(separator - p.rootPos + 1), fixed);
-    if (AppendAndCheck(p, fixed.c_str(), fixed.GetLength()) & m_whiteListTestBits) return;
+    if (AppendAndCheck(p, fixed.c_str(), fixed.GetLength()) & m_whiteListTestBits) return false;
     p.rootPos = static_cast<unsigned short>(separator + 1);
   }
 
@@ -205,16 +226,19 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
       listing.Clear();
       CFileSystemOps::ListDirectory(listing.folders, &listing.files, pattern.c_str(), m_system);
     }
+    bool empties = m_removeEmptied;
     for (const auto& file : listing.files) {
-      if (m_status->IsCancelled()) break;
+      if (m_status->IsCancelled()) return false;
       try {
-        OnFileInternal(p.path, file);
+        empties = OnFileInternal(p.path, file) && empties;
       } catch (...) {
         // one file that cannot be handled never stops the scan
+        empties = false;
       }
     }
-    ProcessDirs(listing.folders, p);
-    return;
+    empties = ProcessDirs(listing.folders, p, m_removeEmptied) && empties;
+    // entries the listing left out (links, system files, other names) stay
+    return empties && CountEntries(p.path) == listing.files.size() + listing.folders.size();
   }
 
   // a folder wildcard: every matching folder continues with the rest of the root
@@ -225,22 +249,27 @@ void CBaseFileScan::RecursiveScan(ScanParams p) {
   pattern.Append(root.c_str() + p.rootPos, static_cast<unsigned short>(nextIndex - p.rootPos));
   std::vector<WIN32_FIND_DATAW> folders;
   CFileSystemOps::ListDirectory(folders, nullptr, pattern.c_str(), m_system);
-  ProcessDirs(folders, q);
+  ProcessDirs(folders, q, false);
+  return false;
 }
 
-void CBaseFileScan::ProcessDirs(const std::vector<WIN32_FIND_DATAW>& folders, const ScanParams& p) {
+bool CBaseFileScan::ProcessDirs(const std::vector<WIN32_FIND_DATAW>& folders, const ScanParams& p, bool removable) {
   // Listed ahead, a folder is named by its index in its parent's listing.
   CListAhead::Walk* const ahead = m_ahead;
   unsigned index = 0;
+  bool all = true;
   for (const auto& entry : folders) {
     const unsigned at = index++;
-    if (m_status->IsCancelled()) return;
+    if (m_status->IsCancelled()) return false;
     try {
       ScanParams q(p);
       q.folder = p.folder.GetSubFolder(entry.cFileName);
       if (m_status) m_status->OnItem(entry.cFileName, IOperationStatusNotify::itemFolder);
       unsigned long flags = q.folder.IsValid() ? q.folder.GetFlags() : 0;
-      if (flags & m_whiteListTestBits) continue;
+      if (flags & m_whiteListTestBits) {
+        all = false;
+        continue;
+      }
       q.path.AddBackslash();
       q.path.Append(entry.cFileName, static_cast<unsigned short>(wcslen(entry.cFileName)));
       q.path.AddBackslash();
@@ -249,19 +278,28 @@ void CBaseFileScan::ProcessDirs(const std::vector<WIN32_FIND_DATAW>& folders, co
       auto ascend = broom::scope_exit([ahead] {
         if (ahead) ahead->Ascend();
       });
-      RecursiveScan(q);
+      bool emptied = RecursiveScan(q) && removable && !m_status->IsCancelled();
+      if (emptied) {
+        // the folder's own times count as a file's do: one written lately stays
+        for (auto& filter : m_filters)
+          if (filter && filter->RejectFile(p.path, entry)) emptied = false;
+      }
+      all = (emptied && OnEmptiedFolder(q.path, entry)) && all;
     } catch (...) {
       // a folder that cannot be walked (a path past 260 characters, a
       // pattern that ends early) ends only its own branch
+      all = false;
     }
   }
+  return all;
 }
 
-void CBaseFileScan::OnFileInternal(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
+bool CBaseFileScan::OnFileInternal(const CPathString& folder, const WIN32_FIND_DATAW& entry) {
   if (m_status) m_status->OnItem(entry.cFileName, IOperationStatusNotify::itemFile);
   for (auto& filter : m_filters)
-    if (filter && filter->RejectFile(folder, entry)) return;
+    if (filter && filter->RejectFile(folder, entry)) return false;
   OnFile(folder, entry);
+  return true;
 }
 
 bool CBaseFileScan::GetFixedDriveInfo(std::list<DriveInfo>& out) {

@@ -94,12 +94,16 @@ class BROOM_API CBaseFileScan {
    public:
     bool RejectFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
     void SetAge(unsigned long days, bool byLastAccess);
+    // The same in hours, for rules that keep what was written today.
+    void SetAgeHours(unsigned long hours, bool byLastAccess);
     unsigned long GetDays() const { return m_days; }
+    unsigned long GetHours() const { return m_hours; }
     bool ByLastAccess() const { return m_byLastAccess; }
 
    protected:
     unsigned __int64 m_newestKept = ~0ull;  // FILETIME ticks; newer files are rejected
     unsigned long m_days = 0;
+    unsigned long m_hours = 0;
     bool m_byLastAccess = false;
   };
 
@@ -119,6 +123,9 @@ class BROOM_API CBaseFileScan {
 
   virtual void OnFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) = 0;
   virtual void ProcessHit(const CPathString& folder, const WIN32_FIND_DATAW& entry, unsigned int flags) = 0;
+  // A folder the clean will leave empty (see SetRemoveEmptied); true when
+  // it became an item. path: the folder's full path.
+  virtual bool OnEmptiedFolder(const CPathString& path, const WIN32_FIND_DATAW& entry);
 
   // Runs the walk on the calling thread. Throws CAtlException(E_FAIL) before
   // reporting anything when a notifier or the whitelist is missing or no
@@ -128,6 +135,12 @@ class BROOM_API CBaseFileScan {
 
   void SetSystem(bool system) { m_system = system; }
   void SetWhiteListTestBits(DWORD bits) { m_whiteListTestBits = bits; }
+  // Below the root's last fixed or wildcard folder, a folder whose every
+  // entry the walk reported (its subfolders so too) and that the filters
+  // accept itself is handed to OnEmptiedFolder after its contents, deepest
+  // first. The folders a root's path names are never handed on.
+  void SetRemoveEmptied(bool remove) { m_removeEmptied = remove; }
+  bool GetRemoveEmptied() const { return m_removeEmptied; }
   void AddPath(const CPathString& path) { m_paths.push_back(path); }
   void AddPaths(const std::list<CPathString>& paths);
   void AddFixedDrivesToPath();
@@ -155,7 +168,8 @@ class BROOM_API CBaseFileScan {
 
   void GetContents(const wchar_t* pattern, std::list<WIN32_FIND_DATAW>& folders,
                    std::list<WIN32_FIND_DATAW>* files);
-  void OnFileInternal(const CPathString& folder, const WIN32_FIND_DATAW& entry);
+  // False when a filter rejected the file.
+  bool OnFileInternal(const CPathString& folder, const WIN32_FIND_DATAW& entry);
   void AddFoldersFromPath(const CPathString& folder, std::list<CPathString>& out);
   void CalcProgressVals(int limit);
 
@@ -167,14 +181,17 @@ class BROOM_API CBaseFileScan {
   int m_progressPos = 0;
   CWhiteListTree* m_whiteList = nullptr;
   bool m_system = false;
+  bool m_removeEmptied = false;
   IOperationProgressNotify* m_progress = nullptr;
   IOperationStatusNotify* m_status = nullptr;
   CRefPtr<ILogWriter> m_log;
   CString m_title;
 
  private:
-  void RecursiveScan(ScanParams p);
-  void ProcessDirs(const std::vector<WIN32_FIND_DATAW>& folders, const ScanParams& p);
+  // True when everything the walk met below p will be gone after the clean
+  // (asked only with SetRemoveEmptied, below a root's mask).
+  bool RecursiveScan(ScanParams p);
+  bool ProcessDirs(const std::vector<WIN32_FIND_DATAW>& folders, const ScanParams& p, bool removable);
   unsigned long AppendAndCheck(ScanParams& p, const wchar_t* part, unsigned short count);
   // AddFoldersFromPath for every folder of a pass of CalcProgressVals.
   void CountPass(const std::list<CPathString>& folders, std::list<CPathString>& out);

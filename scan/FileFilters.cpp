@@ -58,12 +58,18 @@ bool CBaseFileScan::_FilterRejectSmallFiles_Impl::RejectFile(const CPathString&,
 }
 
 void CBaseFileScan::_FilterRejectRecentFiles_Impl::SetAge(unsigned long days, bool byLastAccess) {
+  SetAgeHours(days * 24, byLastAccess);
+  m_days = days;
+}
+
+void CBaseFileScan::_FilterRejectRecentFiles_Impl::SetAgeHours(unsigned long hours, bool byLastAccess) {
   FILETIME now;
   GetSystemTimeAsFileTime(&now);
   unsigned __int64 ticks = (static_cast<unsigned __int64>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
-  unsigned __int64 age = static_cast<unsigned __int64>(days) * 24 * 3600 * 10000000ull;
+  unsigned __int64 age = static_cast<unsigned __int64>(hours) * 3600 * 10000000ull;
   m_newestKept = age < ticks ? ticks - age : 0;
-  m_days = days;
+  m_days = hours / 24;
+  m_hours = hours;
   m_byLastAccess = byLastAccess;
 }
 

@@ -1,6 +1,7 @@
 #include "scan/StdFileScan.h"
 
 #include "clean/CleanableFile.h"
+#include "clean/CleanableFolder.h"
 
 void CStdFileScan::PerformScan(IResultsCollector* collector, IOperationProgressNotify* progress,
                                IOperationStatusNotify* status, CWhiteListTree* whiteList) {
@@ -27,4 +28,13 @@ void CStdFileScan::ProcessHit(const CPathString& folder, const WIN32_FIND_DATAW&
 void CStdFileScan_trunc::ProcessHit(const CPathString& folder, const WIN32_FIND_DATAW& entry, unsigned int) {
   if (entry.nFileSizeHigh == 0 && entry.nFileSizeLow == 0) return;
   Report(new IUnknownNoQIImp<CCleanableFile_trunc>(), folder, entry);
+}
+
+bool CStdFileScan::OnEmptiedFolder(const CPathString& path, const WIN32_FIND_DATAW& entry) {
+  if (!m_collector) return false;
+  CRefPtr<CCleanableEmptyFolder> item(new IUnknownNoQIImp<CCleanableEmptyFolder>());
+  item->InitFolder(path, entry.dwFileAttributes);
+  m_log->WriteEntry(item->GetLogEntry(), false);
+  m_collector->AddItem(item);
+  return true;
 }

@@ -19,6 +19,8 @@ class BROOM_API CStdFileScan : public CBaseFileScan, public IScanOperation {
  protected:
   void OnFile(const CPathString& folder, const WIN32_FIND_DATAW& entry) override;
   void ProcessHit(const CPathString& folder, const WIN32_FIND_DATAW& entry, unsigned int extra) override;
+  // Reports the folder as a CCleanableEmptyFolder (see SetRemoveEmptied).
+  bool OnEmptiedFolder(const CPathString& path, const WIN32_FIND_DATAW& entry) override;
   // Initialises, logs and reports one item.
   void Report(class CCleanableFile* item, const CPathString& folder, const WIN32_FIND_DATAW& entry);
 

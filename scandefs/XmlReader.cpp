@@ -15,7 +15,9 @@
 #include "scandefs/DefinitionText.h"
 #include "scandefs/FilePrefetch.h"
 #include "scandefs/FileScopes.h"
+#include "scandefs/ItemTraits.h"
 #include "scandefs/ValuePass.h"
+#include "running/ImageNames.h"
 
 namespace {
 
@@ -69,7 +71,7 @@ int LookupNamedValue(const CString& table, const wchar_t* name) {
 EElementType XmlReader::Classify(const wchar_t* name) {
   static const std::pair<const wchar_t*, EElementType> table[] = {
       {L"group", etGroup},   {L"item", etItem},   {L"cleaning", etCleaning}, {L"clean", etClean},
-      {L"checks", etChecks}, {L"check", etCheck}, {L"value", etValue}};
+      {L"checks", etChecks}, {L"check", etCheck}, {L"value", etValue},  {L"running", etRunning}};
   for (const auto& entry : table)
     if (broom::CompareNoCase(name, entry.first) == 0) return entry.second;
   return etUnknown;
@@ -273,6 +275,7 @@ bool XmlReader::ReadGroup(xml::NodePtr node, CScanGroup_imp& parent) {
   CScanGroup_imp* group = ResolveGroupPath(name, parent);
   if (!group) return false;
   ReadBaseProperties(group, node);
+  ReadCost(node, *group);
   ReadChildren(node, *group);
   return true;
 }
@@ -290,6 +293,7 @@ bool XmlReader::ReadOperation(xml::NodePtr node, CScanGroup_imp& parent) {
   CScanGroup_imp* item = ResolveGroupPath(name, *target);
   if (!item) return false;
   ReadBaseProperties(item, node);
+  ReadCost(node, *item);
   ReadChildren(node, *item);
   return true;
 }
@@ -303,6 +307,7 @@ bool XmlReader::ReadChildren(xml::NodePtr node, CScanGroup_imp& group) {
       case etClean: ReadClean(child, group); break;
       case etChecks: ReadChecks(child, group); break;
       case etCheck: ReadCheck(child, group); break;
+      case etRunning: ReadRunning(child, group); break;
       default: break;
     }
   });
@@ -354,6 +359,34 @@ bool XmlReader::ReadBaseProperties(CScanGroup_imp* group, xml::NodePtr node) {
     group->SetBoolProperty(s.second, CScanGroup::MakeBoolState(known, flag));
   }
   return true;
+}
+
+void XmlReader::Note(xml::NodePtr node, const std::wstring& text, const wchar_t* after) const {
+  if (!m_store || !t_lines) return;
+  int line = t_lines->LineOf(node.Name());
+  std::wstring where = line ? L" (line " + std::to_wstring(line) + L")" : L"";
+  m_store->AddLoadNote(*t_lines->path, line, CString((text + where + after).c_str()));
+}
+
+void XmlReader::ReadCost(xml::NodePtr node, CScanGroup_imp& group) const {
+  pugi::xml_attribute attribute = node.Raw().attribute(L"cost");
+  if (!attribute || !m_store) return;
+  ECost cost = costSaved;
+  if (!ParseCost(attribute.value(), cost)) {
+    cost = costSaved;
+    const wchar_t* name = node.Attribute(L"name");
+    Note(node, L"cost=\"" + std::wstring(attribute.value()) + L"\" of '" + (name ? name : L"") +
+                   L"' is none of cache, history, sign-in, saved; it counts as saved");
+  }
+  m_store->SetCost(&group, cost);
+}
+
+void XmlReader::ReadRunning(xml::NodePtr node, CScanGroup_imp& group) const {
+  if (!m_store) return;
+  std::vector<CImageNames::SRejected> rejected;
+  m_store->AddPrograms(&group, CImageNames::Parse(node.Text(), rejected));
+  for (const CImageNames::SRejected& bad : rejected)
+    Note(node, L"running program '" + bad.name + L"' of '" + group.GetName() + L"' is left out: " + bad.reason);
 }
 
 unsigned long XmlReader::ExpandSymbols(std::wstring& text, const ConfigValueMap* scope) {
@@ -446,9 +479,17 @@ CRefPtr<IScanOperation> XmlReader::newCleanOperation(const wchar_t* text, xml::N
   if (k != okFile && k != okTrunc) return nullptr;
   // An age the rule cannot be held to would make it broader than written:
   // such a rule is skipped, with a note.
-  unsigned long days = 0;
+  unsigned long hours = 0;
   bool byAccess = false;
-  if (!ReadAge(node, days, byAccess)) return nullptr;
+  if (!ReadAge(node, hours, byAccess)) return nullptr;
+  bool removeEmpty = false;
+  if (const wchar_t* remove = node.Attribute(L"removeEmpty")) {
+    if (!WordToBool(remove, removeEmpty) || (removeEmpty && k != okFile)) {
+      Note(node, L"removeEmpty=\"" + std::wstring(remove) +
+                     L"\" is not yes or no, or is given to a rule that deletes no files", L"; that rule is skipped");
+      return nullptr;
+    }
+  }
   CStdFileScan* scan = nullptr;
   if (k == okFile)
     scan = new IUnknownNoQIImp<CStdFileScan>();
@@ -460,40 +501,53 @@ CRefPtr<IScanOperation> XmlReader::newCleanOperation(const wchar_t* text, xml::N
   scan->SetWhiteListTestBits(1);
   scan->AddPath(path);
   scan->SetSystem(system);
-  if (days) {
+  scan->SetRemoveEmptied(removeEmpty);
+  if (hours) {
     auto* age = new IUnknownNoQIImp<CBaseFileScan::_FilterRejectRecentFiles_Impl>();
     CRefPtr<CBaseFileScan::IFilter> hold(age);
-    age->SetAge(days, byAccess);
+    if (hours % 24 == 0)
+      age->SetAge(hours / 24, byAccess);
+    else
+      age->SetAgeHours(hours, byAccess);
     scan->AddFilter(age);
   }
   return op;
 }
 
-bool XmlReader::ReadAge(xml::NodePtr node, unsigned long& days, bool& byAccess) const {
-  days = 0;
+bool XmlReader::ReadAge(xml::NodePtr node, unsigned long& hours, bool& byAccess) const {
+  hours = 0;
   byAccess = false;
   pugi::xml_attribute olderThan = node.Raw().attribute(L"olderThan");
+  pugi::xml_attribute olderThanHours = node.Raw().attribute(L"olderThanHours");
   pugi::xml_attribute ageBy = node.Raw().attribute(L"ageBy");
   auto skip = [&](const std::wstring& why) {
-    if (!m_store || !t_lines) return false;
     // the line only for a note: most rules have no age
-    int line = t_lines->LineOf(node.Name());
-    std::wstring where = line ? L" (line " + std::to_wstring(line) + L")" : L"";
-    m_store->AddLoadNote(*t_lines->path, line, CString((why + where + L"; that rule is skipped").c_str()));
+    Note(node, why, L"; that rule is skipped");
     return false;
   };
-  if (olderThan) {
-    const wchar_t* text = olderThan.value();
+  // a whole number from 1 to most, or 0
+  auto number = [](const wchar_t* text, unsigned long most) {
     unsigned long value = 0;
     bool digits = *text != 0;
     for (const wchar_t* c = text; *c && digits; ++c) {
       digits = *c >= L'0' && *c <= L'9';
-      if (digits) value = value > kMaxAgeDays ? value : value * 10 + static_cast<unsigned long>(*c - L'0');
+      if (digits) value = value > most ? value : value * 10 + static_cast<unsigned long>(*c - L'0');
     }
-    if (!digits || value == 0 || value > kMaxAgeDays)
-      return skip(L"olderThan=\"" + std::wstring(text) + L"\" is not a number of days from 1 to " +
+    return digits && value <= most ? value : 0;
+  };
+  if (olderThan && olderThanHours) return skip(L"olderThan and olderThanHours are both given");
+  if (olderThan) {
+    unsigned long days = number(olderThan.value(), kMaxAgeDays);
+    if (!days)
+      return skip(L"olderThan=\"" + std::wstring(olderThan.value()) + L"\" is not a number of days from 1 to " +
                   std::to_wstring(kMaxAgeDays));
-    days = value;
+    hours = days * 24;
+  }
+  if (olderThanHours) {
+    hours = number(olderThanHours.value(), kMaxAgeDays * 24);
+    if (!hours)
+      return skip(L"olderThanHours=\"" + std::wstring(olderThanHours.value()) +
+                  L"\" is not a number of hours from 1 to " + std::to_wstring(kMaxAgeDays * 24));
   }
   if (ageBy) {
     if (broom::CompareNoCase(ageBy.value(), L"accessed") == 0)

@@ -25,7 +25,7 @@ struct ILoadHook {
   ~ILoadHook() = default;
 };
 
-enum EElementType { etUnknown = -1, etGroup = 0, etItem, etCleaning, etClean, etChecks, etCheck, etValue };
+enum EElementType { etUnknown = -1, etGroup = 0, etItem, etCleaning, etClean, etChecks, etCheck, etValue, etRunning };
 
 // The kinds of "clean" elements and the operation each builds.
 enum EOperationKind { okNone = 0, okRam = 1, okFile = 2, okTrunc = 3, okRegistry = 4, okSystem = 5 };
@@ -90,6 +90,14 @@ class BROOM_API XmlReader {
   bool ReadOperation(xml::NodePtr node, CScanGroup_imp& parent);
   bool ReadChildren(xml::NodePtr node, CScanGroup_imp& group);
   static bool ReadBaseProperties(CScanGroup_imp* group, xml::NodePtr node);
+  // The "cost" of a group or item into the store; a word it does not know
+  // gets a note and counts as the dearest, "saved".
+  void ReadCost(xml::NodePtr node, CScanGroup_imp& group) const;
+  // A "running" element: image names of the programs that hold the group's
+  // files while they run; each name that is none gets a note.
+  void ReadRunning(xml::NodePtr node, CScanGroup_imp& group) const;
+  // A load note on the file being read: text, the node's line, after.
+  void Note(xml::NodePtr node, const std::wstring& text, const wchar_t* after = L"") const;
   static bool Decrypt(char*& data, unsigned long size);
   static bool Encrypt(char*& data, unsigned long size);
 
@@ -106,9 +114,10 @@ class BROOM_API XmlReader {
   static bool ReadChecks(xml::NodePtr node, CScanGroup_imp& group);
   static bool ReadCheck(xml::NodePtr node, CScanGroup_imp& group);
   CRefPtr<IScanOperation> newCleanOperation(const wchar_t* text, xml::NodePtr node);
-  // The "olderThan" (days) and "ageBy" ("modified" or "accessed") of a clean
-  // element; false, with a note, when either cannot be used.
-  bool ReadAge(xml::NodePtr node, unsigned long& days, bool& byAccess) const;
+  // The "olderThan" (days) or "olderThanHours" and "ageBy" ("modified" or
+  // "accessed") of a clean element, in hours; false, with a note, when one
+  // cannot be used or both ages are given.
+  bool ReadAge(xml::NodePtr node, unsigned long& hours, bool& byAccess) const;
 
   CRefPtr<CConfigStore> m_store;
 };

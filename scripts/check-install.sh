@@ -14,7 +14,10 @@
 #      uninstaller, run as QuietUninstallString says, removes it;
 #   3. the MSI: the older one, then this one over it (msiexec /i /qn), the
 #      setup for every user refusing to install beside it, then msiexec /x /qn;
-#   4. the portable zip unpacked into a folder: portable.txt beside broom.exe.
+#   4. the portable zip unpacked into a folder: portable.txt beside broom.exe,
+#      its data written into Data beside it and none into %LOCALAPPDATA%\Broom.
+# The installed and the portable broom.exe list the shipped winapp2 items
+# without being told (and not with --no-winapp2).
 # It takes about two minutes, most of it for Wine to make the prefix.
 #   scripts/check-install.sh     (after scripts/package.sh x86_64)
 set -euo pipefail
@@ -128,6 +131,15 @@ expect_shortcut() {
   [ -f "$1/Broom.lnk" ] || fail "no shortcut Broom.lnk in $1"
   grep -qa 'broomw\.exe' "$1/Broom.lnk" || fail "$1/Broom.lnk does not point at broomw.exe"
 }
+# The installed broom.exe loads the shipped winapp2.ini without being told,
+# and leaves it out with --no-winapp2.
+expect_winapp2() {
+  win "$1/broom.exe" list
+  [ $status -eq 0 ] || fail "the installed broom.exe list exited with $status: $output"
+  grep -qx 'winapp2' <<<"$output" || fail "the installed broom.exe list shows no winapp2 group: $(tail -n 3 <<<"$output")"
+  win "$1/broom.exe" --no-winapp2 list
+  [ $status -eq 0 ] && ! grep -qx 'winapp2' <<<"$output" || fail "broom.exe --no-winapp2 list still shows the winapp2 group"
+}
 path_has() { tr ';' '\n' <<<"$1" | grep -cixF "$2" || true; }
 
 step "making a Wine prefix of its own in $WINEPREFIX"
@@ -163,6 +175,7 @@ expect_shortcut "$user_programs"
 [ "$(path_has "$(reg_value "$user_reg" Environment Path)" "$dir_win")" = 1 ] \
   || fail "the upgrade did not keep $dir_win on the user's PATH once"
 expect_version "$dir"
+expect_winapp2 "$dir"
 
 step "its uninstaller keeps the user's data"
 mkdir -p "$local_data/Broom/Quarantine/20240101-120000" "$local_data/Broom/Logs"
@@ -231,4 +244,13 @@ mkdir -p "$work/usb"
 [ -f "$work/usb/Broom/portable.txt" ] && [ ! -s "$work/usb/Broom/portable.txt" ] || fail "no empty portable.txt in the zip's Broom folder"
 expect_files "$work/usb/Broom" "$app" portable.txt
 expect_version "$work/usb/Broom"
+# its data goes into Data beside the programs, none into the user's data folder
+rm -rf "$local_data/Broom"
+win "$work/usb/Broom/broom.exe" protect 'C:\portable-check'
+[ $status -eq 0 ] || fail "the portable broom.exe protect exited with $status: $output"
+grep -q 'PORTABLE-CHECK' "$work/usb/Broom/Data/whitelist.txt" 2>/dev/null \
+  || fail "the portable broom.exe did not write Data\\whitelist.txt beside itself"
+[ -d "$work/usb/Broom/Data/Logs" ] || fail "the portable broom.exe made no Data\\Logs"
+[ ! -e "$local_data/Broom" ] || fail "the portable broom.exe wrote into %LOCALAPPDATA%\\Broom: $(cd "$local_data/Broom" && find . | head)"
+expect_winapp2 "$work/usb/Broom"
 step "passed"

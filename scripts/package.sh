@@ -15,7 +15,8 @@
 # were built, that the i686 packages hold the same files as the x86_64 ones.
 #
 # The community rules come from shared/winapp2/Winapp2.ini beside the
-# checkout (beside the main checkout, for a git worktree) or from the file
+# checkout (beside the main checkout, for a git worktree; beside the local
+# repository a clone came from) or from the file
 # BROOM_WINAPP2 names. BROOM_BUILD_DIR_I686 and BROOM_BUILD_DIR pick the build
 # folders (default: build/i686 and build/x86_64, shared with the other scripts).
 set -euo pipefail
@@ -28,7 +29,11 @@ fail() { echo "package: FAILED: $*" >&2; exit 1; }
 
 winapp2=${BROOM_WINAPP2:-}
 if [ -z "$winapp2" ]; then
-  for root in "$here" "$(dirname "$(git -C "$here" rev-parse --path-format=absolute --git-common-dir 2>/dev/null || echo "$here/.git")")"; do
+  # beside this checkout, beside the repository it is a worktree of, or
+  # beside the local repository it was cloned from
+  origin=$(git -C "$here" config remote.origin.url 2>/dev/null || true)
+  [ -d "$origin" ] || origin=$here
+  for root in "$here" "$(dirname "$(git -C "$here" rev-parse --path-format=absolute --git-common-dir 2>/dev/null || echo "$here/.git")")" "$origin"; do
     if [ -f "$root/../shared/winapp2/Winapp2.ini" ]; then winapp2=$root/../shared/winapp2/Winapp2.ini; break; fi
   done
 fi
@@ -98,7 +103,9 @@ for arch in "${arches[@]}"; do
     diff -u "$packages/files.txt" "$packages/$kind-files.txt" >&2 \
       || fail "the $kind package of $arch does not hold the program folder's files (above: - missing, + extra)"
   done
-  unzip -Z1 "$packages/Broom-$version$suffix-portable.zip" | grep -qx Broom/portable.txt \
+  # grep -q would stop reading at the first match and, under pipefail, fail
+  # the check whenever unzip was still writing the rest of the list.
+  unzip -Z1 "$packages/Broom-$version$suffix-portable.zip" | grep -x Broom/portable.txt >/dev/null \
     || fail "the portable zip of $arch has no portable.txt"
   echo "  each holds the $(wc -l < "$packages/files.txt") files of $app"
 done

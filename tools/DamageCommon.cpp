@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "core/CommandLine.h"
 #include "core/Handles.h"
 
 namespace damage {
@@ -103,30 +104,14 @@ std::string Bytes(size_t n, unsigned seed) {
 
 // ---- running broom ----
 
-std::wstring Quote(const std::wstring& arg) {
-  std::wstring out = L"\"";
-  size_t slashes = 0;
-  for (wchar_t c : arg) {
-    if (c == L'\\') {
-      ++slashes;
-    } else {
-      if (c == L'"') out.append(slashes + 1, L'\\');
-      slashes = 0;
-    }
-    out += c;
-  }
-  out.append(slashes, L'\\');
-  return out + L"\"";
-}
-
 // Standard output and error go to files: Wine's own service processes,
 // started on the first run that needs them, inherit the handles and keep a
 // pipe open long after broom has ended.
 Run Broom(const std::vector<std::wstring>& args, const std::wstring& appData) {
   static int serial = 0;
   Run result;
-  std::wstring command = Quote(g_exe);
-  for (const std::wstring& a : args) command += L" " + Quote(a);
+  std::wstring command = broom::QuoteArgument(g_exe);
+  for (const std::wstring& a : args) command += L" " + broom::QuoteArgument(a);
   std::vector<wchar_t> env;
   wchar_t* block = GetEnvironmentStringsW();
   for (const wchar_t* p = block; *p; p += wcslen(p) + 1)
@@ -196,6 +181,7 @@ void Count(Figures& f, const Run& r) {
   if (r.code == 0) ++f.exit0;
   else if (r.code == 1) ++f.exit1;
   else if (r.code == 2) ++f.exit2;
+  else if (r.code == 3) ++f.exit3;
   else ++f.otherExit;
 }
 

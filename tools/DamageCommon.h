@@ -38,7 +38,7 @@ Run Broom(const std::vector<std::wstring>& args, const std::wstring& appData = s
 int Lines(const std::string& text);
 
 struct Figures {
-  int cases = 0, runs = 0, exit0 = 0, exit1 = 0, exit2 = 0, otherExit = 0;
+  int cases = 0, runs = 0, exit0 = 0, exit1 = 0, exit2 = 0, exit3 = 0, otherExit = 0;  // 3: refusals alone
   int lostFiles = 0;          // bytes that are nowhere any more, or a protected file deleted
   int lostPaths = 0;          // protected paths gone from the list
   int changedOnRefusal = 0;   // exit 2, yet something on disk changed

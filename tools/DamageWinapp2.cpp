@@ -41,7 +41,7 @@ struct Case {
 };
 
 struct Tally {
-  int cases = 0, runs = 0, exit0 = 0, exit1 = 0, exit2 = 0, otherExit = 0;
+  int cases = 0, runs = 0, exit0 = 0, exit1 = 0, exit2 = 0, exit3 = 0, otherExit = 0;
   int deletedOutside = 0;   // gone, or another size, on drive C, in the home or outside C
   int preciousChanged = 0;  // a precious file whose bytes changed
   int keptDeleted = 0;      // excluded, whitelisted or switched-off files of the test folder gone
@@ -73,7 +73,7 @@ std::string Text(const Case& c, std::set<int>& refused) {
 
 void CountExit(Tally& f, const Run& r) {
   ++f.runs;
-  (r.code == 0 ? f.exit0 : r.code == 1 ? f.exit1 : r.code == 2 ? f.exit2 : f.otherExit)++;
+  (r.code == 0 ? f.exit0 : r.code == 1 ? f.exit1 : r.code == 2 ? f.exit2 : r.code == 3 ? f.exit3 : f.otherExit)++;
 }
 
 struct Damage {
@@ -431,8 +431,8 @@ int Winapp2() {
     RunCase(ground, cases[i], i, f);
     rules += cases[i].rules.size();
   }
-  printf("%-21s %4d cases, %4zu entries, %4d runs of broom (exit 0: %d, 1: %d, 2: %d, other: %d)\n", "winapp2 files",
-         f.cases, rules, f.runs, f.exit0, f.exit1, f.exit2, f.otherExit);
+  printf("%-21s %4d cases, %4zu entries, %4d runs of broom (exit 0: %d, 1: %d, 2: %d, 3: %d, other: %d)\n",
+         "winapp2 files", f.cases, rules, f.runs, f.exit0, f.exit1, f.exit2, f.exit3, f.otherExit);
   printf("%-21s %zu precious files; gone outside the test folder %d, precious changed %d, kept files gone %d,\n", "",
          ground.Precious().size(), f.deletedOutside, f.preciousChanged, f.keptDeleted);
   printf("%-21s links gone %d, hostile rules loaded %d, control files left %d\n", "", f.linksRemoved, f.hostileLoaded,

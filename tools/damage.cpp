@@ -60,8 +60,8 @@ int wmain(int argc, wchar_t** argv) {
   for (auto& part : {std::make_pair("quarantine manifests", &manifests), std::make_pair("whitelist files", &whitelists)}) {
     const Figures& x = *part.second;
     if (!x.cases) continue;
-    printf("%-21s %4d cases, %4d runs of broom (exit 0: %d, 1: %d, 2: %d, other: %d)\n", part.first, x.cases, x.runs,
-           x.exit0, x.exit1, x.exit2, x.otherExit);
+    printf("%-21s %4d cases, %4d runs of broom (exit 0: %d, 1: %d, 2: %d, 3: %d, other: %d)\n", part.first, x.cases,
+           x.runs, x.exit0, x.exit1, x.exit2, x.exit3, x.otherExit);
     printf("%-21s lost files %d, lost protected paths %d, changed on refusal %d, untruthful %d, bad messages %d\n", "",
            x.lostFiles, x.lostPaths, x.changedOnRefusal, x.untruthful, x.badMessages);
     if (x.lostFiles || x.lostPaths || x.changedOnRefusal || x.untruthful || x.badMessages || x.otherExit) status = 1;

@@ -6,6 +6,7 @@
 #include <system_error>
 #include <thread>
 
+#include "app/PolicyRules.h"
 #include "app/Quarantine.h"
 #include "app/QuarantineStore.h"
 #include "app/Text.h"
@@ -25,10 +26,22 @@ std::wstring Text(HWND dialog, int id) {
   return text;
 }
 
-std::wstring ConfirmText(const SConfirm& c, bool quarantine) {
+std::wstring ConfirmText(const SConfirm& c, bool quarantine, bool overwrite = false) {
   std::wstring what = host::Plural(c.files, L"file", L"files") + L" (" + host::FormatSize(c.bytes) + L")";
+  if (!quarantine && overwrite)
+    return L"Overwrite and delete " + what + L" for good? On SSDs and on copy-on-write or compressed volumes the "
+           L"drive may keep copies no overwrite reaches; whole-disk encryption is the real protection there.";
   return quarantine ? L"Move " + what + L" to a new quarantine? 'Quarantine...' puts them back."
                     : L"Delete " + what + L" for good?";
+}
+
+std::wstring WindowsLines(const std::wstring& text) {
+  std::wstring out;
+  for (wchar_t c : text) {
+    if (c == L'\n') out += L'\r';
+    out += c;
+  }
+  return out;
 }
 
 INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
@@ -37,23 +50,102 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
     case WM_INITDIALOG:
       SetWindowLongPtrW(dialog, DWLP_USER, lParam);
       confirm = reinterpret_cast<SConfirm*>(lParam);
-      SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, false).c_str());
-      SetDlgItemTextW(dialog, IDC_CONFIRM_MARKS, confirm->marks.c_str());
+      SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, confirm->quarantineForced).c_str());
+      // a scrolling box: every costly item stays readable, however many
+      SetDlgItemTextW(dialog, IDC_CONFIRM_MARKS, WindowsLines(confirm->marks).c_str());
+      if (confirm->quarantineForced) {
+        CheckDlgButton(dialog, IDC_CONFIRM_QUARANTINE, BST_CHECKED);
+        SetDlgItemTextW(dialog, IDC_CONFIRM_QUARANTINE,
+                        (L"Move to quarantine (" + std::wstring(host::kSetByOrganisation) + L")").c_str());
+        EnableWindow(GetDlgItem(dialog, IDC_CONFIRM_QUARANTINE), FALSE);
+        EnableWindow(GetDlgItem(dialog, IDC_CONFIRM_OVERWRITE), FALSE);  // a moved file keeps its contents
+        SetDlgItemTextW(dialog, IDOK, L"&Move");
+      }
+      if (confirm->overwriteForbidden) {
+        SetDlgItemTextW(dialog, IDC_CONFIRM_OVERWRITE,
+                        (L"Overwrite before deleting (off: " + std::wstring(host::kSetByOrganisation) + L")").c_str());
+        EnableWindow(GetDlgItem(dialog, IDC_CONFIRM_OVERWRITE), FALSE);
+      }
       return TRUE;
     case WM_COMMAND:
       switch (LOWORD(wParam)) {
-        case IDC_CONFIRM_QUARANTINE: {
+        case IDC_CONFIRM_QUARANTINE:
+        case IDC_CONFIRM_OVERWRITE: {
+          // the two exclude each other: a moved file keeps its contents
+          const int other = LOWORD(wParam) == IDC_CONFIRM_QUARANTINE ? IDC_CONFIRM_OVERWRITE : IDC_CONFIRM_QUARANTINE;
+          if (IsDlgButtonChecked(dialog, LOWORD(wParam)) == BST_CHECKED) CheckDlgButton(dialog, other, BST_UNCHECKED);
           bool quarantine = IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
-          SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, quarantine).c_str());
+          bool overwrite = IsDlgButtonChecked(dialog, IDC_CONFIRM_OVERWRITE) == BST_CHECKED;
+          SetDlgItemTextW(dialog, IDC_CONFIRM_TEXT, ConfirmText(*confirm, quarantine, overwrite).c_str());
           SetDlgItemTextW(dialog, IDOK, quarantine ? L"&Move" : L"&Clean");
           return TRUE;
         }
         case IDOK:
-          confirm->quarantine = IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
+          confirm->quarantine =
+              confirm->quarantineForced || IsDlgButtonChecked(dialog, IDC_CONFIRM_QUARANTINE) == BST_CHECKED;
+          confirm->overwrite = !confirm->quarantine && !confirm->overwriteForbidden &&
+                               IsDlgButtonChecked(dialog, IDC_CONFIRM_OVERWRITE) == BST_CHECKED;
           EndDialog(dialog, IDOK);
           return TRUE;
         case IDCANCEL:
           EndDialog(dialog, IDCANCEL);
+          return TRUE;
+      }
+      break;
+  }
+  return FALSE;
+}
+
+// ---- running programs ----
+
+struct SRunningAsk {
+  const std::vector<host::SHolder>* holders;
+  bool closeForbidden;
+};
+
+INT_PTR CALLBACK RunningProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
+  switch (message) {
+    case WM_INITDIALOG: {
+      const SRunningAsk& ask = *reinterpret_cast<const SRunningAsk*>(lParam);
+      const std::vector<host::SHolder>& holders = *ask.holders;
+      std::wstring list;
+      for (const host::SHolder& h : holders) {
+        list += host::HolderTitle(h) + L" is running" +
+                (h.processes ? L" (" + host::Plural(h.processes, L"process", L"processes") + L")" : std::wstring()) +
+                L" and holds:\r\n";
+        for (const std::wstring& item : h.items) list += L"    " + item + L"\r\n";
+      }
+      SetDlgItemTextW(dialog, IDC_RUN_TEXT,
+                      (host::Plural(holders.size(), L"program that holds ticked items is",
+                                    L"programs that hold ticked items are") +
+                       L" running. Cleaning under a running program fails or damages its files: close it first, or "
+                       L"leave its items for now.")
+                          .c_str());
+      SetDlgItemTextW(dialog, IDC_RUN_LIST, list.c_str());
+      if (ask.closeForbidden) {
+        // closing them is not the user's to choose: their items wait
+        EnableWindow(GetDlgItem(dialog, IDC_RUN_CLOSE), FALSE);
+        SetDlgItemTextW(dialog, IDC_RUN_TEXT,
+                        (host::Plural(holders.size(), L"program that holds ticked items is",
+                                      L"programs that hold ticked items are") +
+                         L" running. Your organisation does not allow Broom to close programs (" +
+                         host::kSetByOrganisation + L"): leave their items for now, or close them yourself first.")
+                            .c_str());
+      }
+      // not the list, which would select all its text
+      SetFocus(GetDlgItem(dialog, ask.closeForbidden ? IDC_RUN_SKIP : IDC_RUN_CLOSE));
+      return FALSE;
+    }
+    case WM_COMMAND:
+      switch (LOWORD(wParam)) {
+        case IDC_RUN_CLOSE:
+          EndDialog(dialog, runningClose);
+          return TRUE;
+        case IDC_RUN_SKIP:
+          EndDialog(dialog, runningSkip);
+          return TRUE;
+        case IDCANCEL:
+          EndDialog(dialog, runningCancel);
           return TRUE;
       }
       break;
@@ -67,6 +159,12 @@ struct SProtected {
   host::CSession* session;
 };
 
+// A selected entry of the user's own list; the organisation's entries carry item data 1.
+bool CanRemoveSelected(HWND list) {
+  LRESULT at = SendMessageW(list, LB_GETCURSEL, 0, 0);
+  return at != LB_ERR && SendMessageW(list, LB_GETITEMDATA, static_cast<WPARAM>(at), 0) != 1;
+}
+
 void FillProtected(HWND dialog, host::CSession& session, const std::wstring& select) {
   HWND list = GetDlgItem(dialog, IDC_PROT_LIST);
   SendMessageW(list, LB_RESETCONTENT, 0, 0);
@@ -77,7 +175,13 @@ void FillProtected(HWND dialog, host::CSession& session, const std::wstring& sel
       if (broom::CompareNoCase(path.GetString(), select.c_str()) == 0)
         SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(at), 0);
     }
-  EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), SendMessageW(list, LB_GETCURSEL, 0, 0) != LB_ERR);
+  // the organisation's paths are shown, marked, and cannot be removed here
+  for (const std::wstring& path : host::PolicyProtectedPaths(session.Policies())) {
+    std::wstring text = path + L"  (" + host::kSetByOrganisation + L")";
+    LRESULT at = SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(text.c_str()));
+    SendMessageW(list, LB_SETITEMDATA, static_cast<WPARAM>(at), 1);
+  }
+  EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), CanRemoveSelected(list));
 }
 
 // The shell's folder picker; the older browse dialog where it is missing.
@@ -140,7 +244,7 @@ void AddProtected(HWND dialog, host::CSession& session) {
 void RemoveProtected(HWND dialog, host::CSession& session) {
   HWND list = GetDlgItem(dialog, IDC_PROT_LIST);
   LRESULT at = SendMessageW(list, LB_GETCURSEL, 0, 0);
-  if (at == LB_ERR) return;
+  if (at == LB_ERR || !CanRemoveSelected(list)) return;
   std::wstring path(static_cast<size_t>(SendMessageW(list, LB_GETTEXTLEN, static_cast<WPARAM>(at), 0)) + 1, L'\0');
   path.resize(static_cast<size_t>(
       SendMessageW(list, LB_GETTEXT, static_cast<WPARAM>(at), reinterpret_cast<LPARAM>(&path[0]))));
@@ -167,8 +271,7 @@ INT_PTR CALLBACK ProtectedProc(HWND dialog, UINT message, WPARAM wParam, LPARAM 
       switch (LOWORD(wParam)) {
         case IDC_PROT_LIST:
           if (HIWORD(wParam) == LBN_SELCHANGE)
-            EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE),
-                         SendDlgItemMessageW(dialog, IDC_PROT_LIST, LB_GETCURSEL, 0, 0) != LB_ERR);
+            EnableWindow(GetDlgItem(dialog, IDC_PROT_REMOVE), CanRemoveSelected(GetDlgItem(dialog, IDC_PROT_LIST)));
           return TRUE;
         case IDC_PROT_BROWSE: {
           std::wstring folder = PickFolder(dialog);
@@ -360,6 +463,14 @@ void ShowQuarantines(HWND owner, host::CSession& session) {
 bool ConfirmClean(HWND owner, SConfirm& confirm) {
   return DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_CONFIRM), owner, ConfirmProc,
                          reinterpret_cast<LPARAM>(&confirm)) == IDOK;
+}
+
+ERunningChoice AskRunning(HWND owner, const std::vector<host::SHolder>& holders, bool closeForbidden) {
+  SRunningAsk ask{&holders, closeForbidden};
+  INT_PTR choice = DialogBoxParamW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_RUNNING), owner, RunningProc,
+                                   reinterpret_cast<LPARAM>(&ask));
+  if (choice == runningClose && closeForbidden) return runningCancel;
+  return choice == runningClose || choice == runningSkip ? static_cast<ERunningChoice>(choice) : runningCancel;
 }
 
 void ShowProtected(HWND owner, host::CSession& session) {

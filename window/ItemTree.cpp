@@ -2,6 +2,8 @@
 
 #include <windowsx.h>
 
+#include "app/PolicyRules.h"
+
 namespace broomw {
 
 namespace {
@@ -15,12 +17,24 @@ void ForEachChild(const CScanGroup* group, F f) {
 
 const wchar_t kOffNote[] = L"  (not on this PC)";
 
+// Whether ticking a group takes the item along.
+bool GroupTakes(ECost cost) { return cost <= costHistory; }
+
 }  // namespace
+
+const wchar_t* CostShortWords(ECost cost) {
+  switch (cost) {
+    case costHistory: return L"Deletes your history";
+    case costSignIn: return L"Signs you out";
+    case costSaved: return L"Deletes your saved passwords or data";
+    default: return L"Comes back by itself";
+  }
+}
 
 void CItemTree::Create(HWND parent, int id) {
   m_tree = CreateWindowExW(WS_EX_CLIENTEDGE, WC_TREEVIEWW, L"Items",
                            WS_CHILD | WS_VISIBLE | WS_TABSTOP | TVS_HASBUTTONS | TVS_HASLINES | TVS_LINESATROOT |
-                               TVS_SHOWSELALWAYS,
+                               TVS_SHOWSELALWAYS | TVS_INFOTIP,
                            0, 0, 10, 10, parent, reinterpret_cast<HMENU>(static_cast<INT_PTR>(id)),
                            GetModuleHandleW(nullptr), nullptr);
 }
@@ -56,12 +70,19 @@ CItemTree::SNode* CItemTree::Add(CScanGroup* group, SNode* parent) {
   node->parent = parent;
   node->item = group->HasScanOps();
   node->enabled = host::IsEnabled(group);
-  if (node->item && node->enabled && host::IsOn(group->IsDefaultScan())) node->check = checkOn;
+  node->cost = host::CostOf(m_config, group);
+  if (node->item && node->enabled && host::IsOn(group->IsDefaultScan()) && GroupTakes(node->cost))
+    node->check = checkOn;
   group->SetUIData(node);
   if (parent) parent->children.push_back(node);
 
   std::wstring text = group->GetName();
-  if (!node->enabled) text += kOffNote;
+  if (node->item && node->cost > costCache) text += std::wstring(L"  [") + CostName(node->cost) + L"]";
+  const host::SPolicyMark* mark = host::PolicyMarkOf(group);
+  if (mark && !mark->off.empty())
+    text += L"  (" + std::wstring(host::kSetByOrganisation) + L")";
+  else if (!node->enabled)
+    text += kOffNote;
   TVINSERTSTRUCTW insert = {};
   insert.hParent = parent ? parent->handle : TVI_ROOT;
   insert.hInsertAfter = TVI_LAST;
@@ -76,6 +97,7 @@ void CItemTree::Fill(IConfig* config) {
   SendMessageW(m_tree, WM_SETREDRAW, FALSE, 0);
   TreeView_DeleteAllItems(m_tree);
   m_nodes.clear();
+  m_config = config;
   // parents before children, in the store's order
   std::vector<std::pair<CScanGroup*, SNode*>> work;
   CRefPtr<TIteratorIface<CScanGroup>> it;
@@ -138,6 +160,7 @@ void CItemTree::SetBelow(SNode* node, ECheck check) {
     SNode* n = work.back();
     work.pop_back();
     if (!n->enabled) continue;
+    if (check == checkOn && n != node && n->item && !GroupTakes(n->cost)) continue;
     n->check = check;
     Show(n);
     work.insert(work.end(), n->children.begin(), n->children.end());
@@ -155,7 +178,7 @@ void CItemTree::Toggle(SNode* node) {
     while (!work.empty()) {
       SNode* n = work.back();
       work.pop_back();
-      if (!n->enabled) continue;
+      if (!n->enabled || (n != node && n->item && !GroupTakes(n->cost))) continue;
       const wchar_t* tip = n->group->GetTip();
       if (n->item && n->check != checkOn && tip && *tip && ++count <= 5)
         warnings += host::GroupPath(n->group) + L":\n" + tip + L"\n\n";
@@ -167,6 +190,12 @@ void CItemTree::Toggle(SNode* node) {
       return;
   }
   SetBelow(node, target);
+  // a group whose costly items stayed unticked shows it is partly ticked
+  for (auto n = m_nodes.rbegin(); n != m_nodes.rend(); ++n)
+    if (!n->children.empty() && n->check == checkOn) {
+      Recount(&*n);
+      Show(&*n);
+    }
   for (SNode* p = node->parent; p; p = p->parent) {
     Recount(p);
     Show(p);
@@ -191,6 +220,15 @@ bool CItemTree::OnNotify(NMHDR* header, LRESULT& result) {
       TreeView_SelectItem(m_tree, hit.hItem);
       Toggle(NodeOf(hit.hItem));
       result = TRUE;
+      return true;
+    }
+    case TVN_GETINFOTIPW: {
+      auto* tip = reinterpret_cast<NMTVGETINFOTIPW*>(header);
+      const SNode* node = NodeOf(reinterpret_cast<const CScanGroup*>(tip->lParam));
+      if (!node || !node->item || !tip->pszText || tip->cchTextMax <= 0) return false;
+      m_tip = std::wstring(CostName(node->cost)) + L": " + CostWords(node->cost);
+      lstrcpynW(tip->pszText, m_tip.c_str(), tip->cchTextMax);
+      result = 0;
       return true;
     }
     case NM_CUSTOMDRAW: {
@@ -223,7 +261,17 @@ std::wstring CItemTree::SelectedText() const {
   const SNode* node = NodeOf(TreeView_GetSelection(m_tree));
   if (!node) return std::wstring();
   std::wstring text = node->group->GetDescription();
-  if (!node->enabled) text += std::wstring(text.empty() ? L"" : L"\r\n") + L"Switched off: not on this PC.";
+  const host::SPolicyMark* mark = host::PolicyMarkOf(node->group);
+  if (mark && !mark->off.empty())
+    text += std::wstring(text.empty() ? L"" : L"\r\n") + host::kSetByOrganisation + L": " + host::PolicyOffText(*mark) + L".";
+  else if (!node->enabled)
+    text += std::wstring(text.empty() ? L"" : L"\r\n") + L"Switched off: not on this PC.";
+  if (mark && mark->defaultSet)
+    text += std::wstring(text.empty() ? L"" : L"\r\n") + host::kSetByOrganisation + L": " +
+            (mark->defaultOn ? L"ticked" : L"not ticked") + L" by default (DefaultItems).";
+  if (node->item)
+    text += std::wstring(text.empty() ? L"" : L"\r\n") + L"Costs: " + CostName(node->cost) + L" (" +
+            CostWords(node->cost) + L")" + (GroupTakes(node->cost) ? L"." : L"; tick it on its own to clean it.");
   const wchar_t* tip = node->group->GetTip();
   if (tip && *tip) text += std::wstring(text.empty() ? L"" : L"\r\n") + L"Warning: " + tip;
   return text;

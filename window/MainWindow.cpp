@@ -3,6 +3,8 @@
 #include <commctrl.h>
 
 #include "app/Text.h"
+#include "window/AboutDialog.h"
+#include "window/CookiesDialog.h"
 #include "window/Dialogs.h"
 #include "window/Resource.h"
 #include "window/WindowSettings.h"
@@ -35,7 +37,9 @@ const SButton kButtons[] = {{IDC_SCAN, L"&Scan"},
                             {IDC_STOP, L"S&top"},
                             {IDC_CLEAN, L"&Clean..."},
                             {IDC_PROTECTED, L"&Protected..."},
-                            {IDC_QUARANTINE, L"&Quarantine..."}};
+                            {IDC_QUARANTINE, L"&Quarantine..."},
+                            {IDC_COOKIES, L"Coo&kies..."},
+                            {IDC_ABOUT, L"&About..."}};
 
 std::wstring FilesAndSize(unsigned __int64 files, unsigned __int64 bytes) {
   return host::Plural(files, L"file", L"files") + L" (" + host::FormatSize(bytes) + L")";
@@ -108,8 +112,13 @@ void CMainWindow::OnCreate() {
   m_tree.Create(m_window, IDC_TREE);
   CreateWindowExW(0, WC_EDITW, L"", WS_CHILD | WS_VISIBLE | ES_MULTILINE | ES_READONLY, 0, 0, 10, 10,
                   m_window, reinterpret_cast<HMENU>(IDC_DESCRIPTION), instance, nullptr);
-  CreateWindowExW(0, WC_STATICW, L"", WS_CHILD | WS_VISIBLE | SS_LEFT | SS_NOPREFIX | SS_ENDELLIPSIS, 0, 0, 10, 10,
+  // two lines that wrap: a status is never cut
+  CreateWindowExW(0, WC_STATICW, L"", WS_CHILD | WS_VISIBLE | SS_LEFT | SS_NOPREFIX | SS_EDITCONTROL, 0, 0, 10, 10,
                   m_window, reinterpret_cast<HMENU>(IDC_STATUS), instance, nullptr);
+  if (HMENU menu = GetSystemMenu(m_window, FALSE)) {
+    AppendMenuW(menu, MF_SEPARATOR, 0, nullptr);
+    AppendMenuW(menu, MF_STRING, IDM_FORGET_SOURCES, L"&Forget remembered definitions...");
+  }
   CreateWindowExW(0, WC_STATICW, L"", WS_CHILD | WS_VISIBLE | SS_LEFT | SS_NOPREFIX | SS_PATHELLIPSIS, 0, 0, 10, 10,
                   m_window, reinterpret_cast<HMENU>(IDC_FOLDER), instance, nullptr);
   HWND progress = CreateWindowExW(0, PROGRESS_CLASSW, L"", WS_CHILD | WS_VISIBLE | PBS_SMOOTH, 0, 0, 10, 10, m_window,
@@ -169,10 +178,10 @@ void CMainWindow::Layout() {
   place(IDC_TREE, m, top, left, h - top - describe - 2 * m);
   place(IDC_DESCRIPTION, m, h - m - describe, left, describe);
   const int rx = m + left + m, rw = w - rx - m;
-  place(IDC_STATUS, rx, top, rw, line);
-  place(IDC_FOLDER, rx, top + line, rw, line);
-  place(IDC_PROGRESS, rx, top + 2 * line + s(4), rw, s(16));
-  int y = top + 2 * line + s(28);
+  place(IDC_STATUS, rx, top, rw, 2 * line);
+  place(IDC_FOLDER, rx, top + 2 * line, rw, line);
+  place(IDC_PROGRESS, rx, top + 3 * line + s(4), rw, s(16));
+  int y = top + 3 * line + s(28);
   const int rest = h - y - m - line - m;
   const int list = rest * 38 / 100, bars = std::min(s(128), rest / 4);
   place(IDC_RESULTS, rx, y, rw, list);
@@ -222,6 +231,12 @@ void CMainWindow::OnCommand(int id) {
     case IDC_QUARANTINE:
       if (!busy) OnQuarantine();
       break;
+    case IDC_ABOUT:
+      ShowAbout(m_window, m_session);
+      break;
+    case IDC_COOKIES:
+      if (!busy) ShowCookies(m_window, m_session);
+      break;
     case IDC_FOCUS_TREE:
       SetFocus(m_tree.Handle());
       break;
@@ -265,6 +280,7 @@ void CMainWindow::OnProgress() {
     status = L"Cleaning " + host::FormatCount(static_cast<unsigned __int64>(p.position)) + L" of " +
              host::Plural(static_cast<unsigned __int64>(p.total), L"file", L"files") + L"...";
   }
+  if (!p.waiting.empty()) status = p.waiting;
   if (m_worker->Stopping()) status = L"Stopping...";
   SetText(IDC_STATUS, status);
   SetText(IDC_FOLDER, p.folder);
@@ -307,6 +323,8 @@ void CMainWindow::OnDone(EJob job) {
       if (m_guard.refusedFiles)
         status += L" " + host::Plural(m_guard.refusedFiles, L"refused file stays", L"refused files stay") + L".";
       if (n.cancelled) status += L" Stopped; " + host::Plural(n.untouched, L"file was", L"files were") + L" left untouched.";
+      if (c.skipped) status += L" " + host::Plural(c.skipped, L"item was", L"items were") + L" skipped (see Result).";
+      for (const std::wstring& program : c.notClosed) status += L" " + program + L".";
     }
     SetText(IDC_STATUS, status);
     SetText(IDC_TOTAL, (c.quarantine ? L"Moved: " : L"Freed: ") + host::FormatSize(n.freed));
@@ -317,15 +335,49 @@ void CMainWindow::OnDone(EJob job) {
 }
 
 void CMainWindow::OnClean() {
+  // Programs that run now and hold ticked items: closed first, or their
+  // items left whole, as the user chooses.
+  for (host::SItemResult& r : m_results->items) r.skipped.clear();
+  host::SGuardSummary guard = m_guard;
+  std::vector<host::SHolder> holders;
+  host::FindRunning(m_session, *m_results, holders);
+  std::vector<std::wstring> closeFirst;
+  if (!holders.empty()) {
+    ERunningChoice choice = AskRunning(m_window, holders, m_session.Policies().IsOn(EPolicy::disableCloseApps));
+    if (choice == runningCancel) return;
+    if (choice == runningSkip) host::SkipRunning(*m_results, guard);
+    if (choice == runningClose) closeFirst = host::HolderImages(holders);
+    if (guard.allowedFiles == 0) {
+      SetText(IDC_STATUS, L"Nothing was cleaned: every item found belongs to a running program.");
+      return;
+    }
+  }
   SConfirm confirm;
-  confirm.files = m_guard.allowedFiles;
-  confirm.bytes = m_guard.allowedBytes;
+  confirm.files = guard.allowedFiles;
+  confirm.bytes = guard.allowedBytes;
+  confirm.quarantineForced = m_session.Policies().IsOn(EPolicy::alwaysQuarantine);
+  confirm.overwriteForbidden = m_session.Policies().IsOn(EPolicy::disableOverwrite);
   // what to look at before saying yes: the items, their warnings, the
   // files in the user's own folders, what the guard refused
+  // every item that costs more than a cache first, by name, never counted away
+  for (ECost cost : {costSaved, costSignIn, costHistory})
+    for (const host::SItemResult& r : m_results->items)
+      if (r.files && r.refusal.empty() && r.skipped.empty() && host::CostOf(m_session.Config(), r.item.group) == cost)
+        confirm.marks += std::wstring(CostShortWords(cost)) + L": " + r.item.path + L"\n";
   size_t shown = 0;
+  size_t left = 0;
+  for (const host::SItemResult& r : m_results->items) left += !r.skipped.empty();
+  if (left)
+    confirm.marks += host::Plural(left, L"item of a running program stays", L"items of running programs stay") +
+                     L" as it is.\n";
+  if (!closeFirst.empty())
+    confirm.marks += L"First asks " + host::Plural(closeFirst.size(), L"program", L"programs") +
+                     L" to close; the items of one that does not close stay.\n";
   for (const host::SItemResult& r : m_results->items) {
-    if (!r.files || !r.refusal.empty()) continue;
-    if (++shown <= 6) confirm.marks += r.item.path + L": " + FilesAndSize(r.files, r.size) + L"\n";
+    if (!r.files || !r.refusal.empty() || !r.skipped.empty()) continue;
+    // the costly ones are named above; the rest is summed up
+    bool named = host::CostOf(m_session.Config(), r.item.group) > costCache;
+    if (!named && ++shown <= 6) confirm.marks += r.item.path + L": " + FilesAndSize(r.files, r.size) + L"\n";
     const wchar_t* tip = r.item.group ? r.item.group->GetTip() : nullptr;
     if (tip && *tip) confirm.marks += L"    Warning: " + std::wstring(tip) + L"\n";
   }
@@ -340,8 +392,25 @@ void CMainWindow::OnClean() {
   if (!ConfirmClean(m_window, confirm)) return;
   SetText(IDC_STATUS, confirm.quarantine ? L"Moving to quarantine..." : L"Cleaning...");
   SendMessageW(Control(IDC_PROGRESS), PBM_SETPOS, 0, 0);
-  m_worker->StartClean(m_session, *m_results, confirm.quarantine);
+  m_worker->StartClean(m_session, *m_results, confirm.quarantine, confirm.overwrite, closeFirst);
   UpdateButtons();
+}
+
+void CMainWindow::OnForgetSources() {
+  const SSources remembered = LoadSources();
+  if (remembered.defs.empty() && remembered.winapp2.empty()) {
+    MessageBoxW(m_window, L"No definition folder or winapp2 file is remembered.", L"Broom", MB_OK | MB_ICONINFORMATION);
+    return;
+  }
+  std::wstring list;
+  for (const std::wstring& path : remembered.defs) list += L"\n" + host::Printable(path);
+  for (const std::wstring& path : remembered.winapp2) list += L"\n" + host::Printable(path);
+  const std::wstring question = L"Forget these definitions given at an earlier start?\n" + list +
+                                L"\n\nThe next start without --defs or --winapp2 uses the bundled definitions; this "
+                                L"window keeps what it loaded until it closes.";
+  if (MessageBoxW(m_window, question.c_str(), L"Broom", MB_YESNO | MB_ICONQUESTION | MB_DEFBUTTON2) != IDYES) return;
+  SaveSources(SSources());
+  SetText(IDC_STATUS, L"The remembered definitions are forgotten; the next start uses the bundled ones.");
 }
 
 void CMainWindow::OnProtected() { ShowProtected(m_window, m_session); }
@@ -368,6 +437,12 @@ LRESULT CMainWindow::Handle(UINT message, WPARAM wParam, LPARAM lParam) {
       ApplyDpi(HIWORD(wParam));
       return 0;
     }
+    case WM_SYSCOMMAND:
+      if ((wParam & 0xFFF0) == IDM_FORGET_SOURCES) {
+        OnForgetSources();
+        return 0;
+      }
+      break;
     case WM_COMMAND:
       if (HIWORD(wParam) == BN_CLICKED || HIWORD(wParam) == 1 /* accelerator */) OnCommand(LOWORD(wParam));
       return 0;

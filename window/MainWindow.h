@@ -40,6 +40,7 @@ class CMainWindow {
   void OnScan();
   void OnClean();
   void OnProtected();
+  void OnForgetSources();
   void OnQuarantine();
   void OnProgress();
   void OnDone(EJob job);

@@ -6,6 +6,9 @@
 #define IDD_CONFIRM 101
 #define IDD_PROTECTED 102
 #define IDD_QUARANTINE 103
+#define IDD_RUNNING 104
+#define IDD_ABOUT 105
+#define IDD_COOKIES 106
 
 // Commands, also the identifiers of their buttons.
 #define IDC_SCAN 1001
@@ -15,6 +18,8 @@
 #define IDC_QUARANTINE 1005
 #define IDC_FOCUS_TREE 1006
 #define IDC_FOCUS_RESULTS 1007
+#define IDC_ABOUT 1008
+#define IDC_COOKIES 1009
 
 // Controls of the main window.
 #define IDC_TREE 1101
@@ -31,6 +36,7 @@
 #define IDC_CONFIRM_TEXT 1201
 #define IDC_CONFIRM_QUARANTINE 1202
 #define IDC_CONFIRM_MARKS 1203
+#define IDC_CONFIRM_OVERWRITE 1204
 
 // The protected-path dialog.
 #define IDC_PROT_LIST 1301
@@ -44,3 +50,22 @@
 #define IDC_Q_RESTORE 1402
 #define IDC_Q_PURGE 1403
 #define IDC_Q_STATUS 1404
+
+// the window menu's command that forgets remembered definition sources (below 0xF000)
+#define IDM_FORGET_SOURCES 0x0110
+// Before cleaning, the programs that run and hold ticked items.
+#define IDC_RUN_TEXT 1501
+#define IDC_RUN_LIST 1502
+#define IDC_RUN_CLOSE 1503
+#define IDC_RUN_SKIP 1504
+
+// The About box.
+#define IDC_ABOUT_TEXT 1511
+#define IDC_ABOUT_WINAPP2 1512
+
+// The Cookies dialog.
+#define IDC_COOKIES_FOUND 1601
+#define IDC_COOKIES_KEPT 1602
+#define IDC_COOKIES_KEEP 1603
+#define IDC_COOKIES_UNKEEP 1604
+#define IDC_COOKIES_STATUS 1605

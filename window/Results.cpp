@@ -1,5 +1,7 @@
 #include "window/Results.h"
 
+#include <shlwapi.h>
+
 #include <algorithm>
 
 #include "app/Text.h"
@@ -19,7 +21,7 @@ HWND MakeList(HWND parent, int id, const wchar_t* title) {
                                   LVS_SINGLESEL,
                               0, 0, 10, 10, parent, reinterpret_cast<HMENU>(static_cast<INT_PTR>(id)),
                               GetModuleHandleW(nullptr), nullptr);
-  ListView_SetExtendedListViewStyle(list, LVS_EX_FULLROWSELECT | LVS_EX_DOUBLEBUFFER);
+  ListView_SetExtendedListViewStyle(list, LVS_EX_FULLROWSELECT | LVS_EX_DOUBLEBUFFER | LVS_EX_INFOTIP);
   return list;
 }
 
@@ -57,7 +59,8 @@ std::wstring ItemNote(const host::SItemResult& r, const std::vector<std::wstring
 
 void CResultsView::Create(HWND parent) {
   m_list = MakeList(parent, IDC_RESULTS, L"Results");
-  AddColumns(m_list, {{L"Item", false}, {L"Files", true}, {L"Size", true}, {L"Note", false}});
+  // the item's own name first; its group, which many items share, last
+  AddColumns(m_list, {{L"Item", false}, {L"Files", true}, {L"Size", true}, {L"Note", false}, {L"Group", false}});
   m_files = MakeList(parent, IDC_FILES, L"Files");
   AddColumns(m_files, {{L"File", false}, {L"Size", true}, {L"Result", false}});
 
@@ -78,8 +81,8 @@ void CResultsView::Create(HWND parent) {
 
 void CResultsView::SetDpi(int dpi) {
   m_dpi = dpi;
-  const int list[] = {260, 70, 80, 200}, files[] = {420, 80, 220};
-  for (int i = 0; i < 4; ++i) ListView_SetColumnWidth(m_list, i, Scale(list[i], dpi));
+  const int list[] = {200, 70, 80, 200, 260}, files[] = {420, 80, 220};
+  for (int i = 0; i < 5; ++i) ListView_SetColumnWidth(m_list, i, Scale(list[i], dpi));
   for (int i = 0; i < 3; ++i) ListView_SetColumnWidth(m_files, i, Scale(files[i], dpi));
   InvalidateRect(m_bars, nullptr, TRUE);
 }
@@ -134,8 +137,12 @@ void CResultsView::Sort() {
         return x.files < y.files;
       case 2:
         return x.size < y.size;
-      default:
-        return broom::CompareNoCase(x.item.path.c_str(), y.item.path.c_str()) < 0;
+      default: {
+        const int byName = x.item.group && y.item.group
+                               ? broom::CompareNoCase(x.item.group->GetName(), y.item.group->GetName())
+                               : 0;
+        return byName ? byName < 0 : broom::CompareNoCase(x.item.path.c_str(), y.item.path.c_str()) < 0;
+      }
     }
   };
   std::stable_sort(m_order.begin(), m_order.end(),
@@ -155,7 +162,13 @@ std::wstring CResultsView::ListText(int row, int column) const {
   const host::SItemResult& r = m_results->items[index];
   switch (column) {
     case 0:
-      return r.item.path;
+      return r.item.group ? std::wstring(r.item.group->GetName()) : r.item.path;
+    case 4: {
+      if (!r.item.group) return std::wstring();
+      const std::wstring name = r.item.group->GetName();
+      return r.item.path.size() > name.size() ? r.item.path.substr(0, r.item.path.size() - name.size() - 1)
+                                              : std::wstring();
+    }
     case 1:
       return host::FormatCount(r.files);
     case 2:
@@ -185,6 +198,21 @@ std::wstring CResultsView::FileText(int row, int column) const {
   }
 }
 
+std::wstring CResultsView::Elided(const std::wstring& path) const {
+  // The list would cut the end, the file's name; the middle goes instead.
+  const int width = ListView_GetColumnWidth(m_files, 0) - Scale(12, m_dpi);
+  if (width <= 0 || path.size() >= MAX_PATH) return path;
+  HDC dc = GetDC(m_files);
+  if (!dc) return path;
+  HGDIOBJ old = SelectObject(dc, reinterpret_cast<HFONT>(SendMessageW(m_files, WM_GETFONT, 0, 0)));
+  wchar_t buffer[MAX_PATH + 1];
+  lstrcpynW(buffer, path.c_str(), MAX_PATH + 1);
+  PathCompactPathW(dc, buffer, static_cast<UINT>(width));
+  SelectObject(dc, old);
+  ReleaseDC(m_files, dc);
+  return buffer;
+}
+
 bool CResultsView::OnNotify(NMHDR* header, LRESULT& result) {
   if (header->hwndFrom != m_list && header->hwndFrom != m_files) return false;
   switch (header->code) {
@@ -193,14 +221,28 @@ bool CResultsView::OnNotify(NMHDR* header, LRESULT& result) {
       if (!(info->item.mask & LVIF_TEXT) || !info->item.pszText || info->item.cchTextMax <= 0) return true;
       std::wstring text = header->hwndFrom == m_list ? ListText(info->item.iItem, info->item.iSubItem)
                                                      : FileText(info->item.iItem, info->item.iSubItem);
+      if (header->hwndFrom == m_files && info->item.iSubItem == 0) text = Elided(text);
       lstrcpynW(info->item.pszText, text.c_str(), info->item.cchTextMax);
       result = 0;
+      return true;
+    }
+    case LVN_GETINFOTIPW: {
+      // the whole text: an item's path with its group, a file's path uncut
+      auto* tip = reinterpret_cast<NMLVGETINFOTIPW*>(header);
+      if (!tip->pszText || tip->cchTextMax <= 0 || tip->iItem < 0) return true;
+      std::wstring text;
+      if (header->hwndFrom == m_files) {
+        text = FileText(tip->iItem, 0);
+      } else if (m_results && static_cast<size_t>(tip->iItem) < m_order.size()) {
+        text = m_results->items[m_order[static_cast<size_t>(tip->iItem)]].item.path;
+      }
+      lstrcpynW(tip->pszText, text.c_str(), tip->cchTextMax);
       return true;
     }
     case LVN_COLUMNCLICK: {
       if (header->hwndFrom != m_list) return false;
       int column = reinterpret_cast<NMLISTVIEW*>(header)->iSubItem;
-      if (column > 2) return true;
+      if (column > 2) return true;  // the note and the group are not sorted
       // a new column starts with its natural order: names up, numbers down
       m_descending = column == m_sortColumn ? !m_descending : column != 0;
       m_sortColumn = column;

@@ -39,6 +39,8 @@ class CResultsView {
   void ShowFiles(int row);
   std::wstring ListText(int row, int column) const;
   std::wstring FileText(int row, int column) const;
+  // A path as wide as the file column, its middle elided.
+  std::wstring Elided(const std::wstring& path) const;
 
   HWND m_list = nullptr, m_files = nullptr, m_bars = nullptr;
   int m_dpi = 96;

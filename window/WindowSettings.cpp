@@ -9,6 +9,7 @@ namespace {
 const wchar_t kDefs[] = L"WindowDefinitionFolders";
 const wchar_t kWinapp2[] = L"WindowWinapp2Files";
 const wchar_t kPlacement[] = L"Placement";
+const wchar_t kNotice[] = L"LastNotice";
 
 std::vector<std::wstring> ReadList(CRegSettings& settings, const wchar_t* name) {
   std::vector<std::wstring> out;
@@ -46,6 +47,24 @@ void SaveSources(const SSources& sources) {
   } catch (int) {
     // not remembered; this start still uses them
   }
+}
+
+bool NoticeIsNew(const std::wstring& text) {
+  // FNV-1a of the text: stable between builds and starts
+  unsigned long long hash = 14695981039346656037ull;
+  for (wchar_t c : text) hash = (hash ^ static_cast<unsigned long long>(c)) * 1099511628211ull;
+  unsigned long long stored = 0;
+  unsigned long size = sizeof stored;
+  try {
+    CRegSettings settings(L"Broom", L"Window");
+    if (settings.GetUserValue(kNotice, &stored, size, nullptr) == ERROR_SUCCESS && size == sizeof stored &&
+        stored == hash)
+      return false;
+    settings.SetUserValue(kNotice, &hash, sizeof hash);
+  } catch (int) {
+    // nothing remembered: shown every time
+  }
+  return true;
 }
 
 bool LoadPlacement(WINDOWPLACEMENT& placement) {

@@ -17,6 +17,10 @@ struct SSources {
 SSources LoadSources();
 void SaveSources(const SSources& sources);
 
+// True when the start-up notice differs from the one shown last (then it is
+// remembered as shown): the same notes are not shown on every start.
+bool NoticeIsNew(const std::wstring& text);
+
 // False when nothing usable is stored.
 bool LoadPlacement(WINDOWPLACEMENT& placement);
 void SavePlacement(const WINDOWPLACEMENT& placement);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "app/CleanRun.h"
+#include "app/ProgramsInUse.h"
 #include "app/Session.h"
 
 namespace broomw {
@@ -28,6 +29,7 @@ struct SProgress {
   size_t index = 0, count = 0;
   int position = 0, total = 0;
   std::wstring folder;  // or, while cleaning, the file in hand
+  std::wstring waiting;  // while a clean waits for programs to close: which
   unsigned __int64 files = 0, bytes = 0;
 };
 
@@ -39,9 +41,11 @@ struct SCleanOutcome {
   std::wstring quarantineFolder;
   std::wstring error;  // the clean could not start at all
   std::vector<std::vector<std::wstring>> outcome;  // [item][hit]: "" untouched, else what happened
+  std::vector<std::wstring> notClosed;  // programs asked to close that did not: "firefox.exe did not close ..."
+  size_t skipped = 0;                   // items left whole (their program ran, or the bin under a quarantine)
 };
 
-class CWorker : private host::IScanObserver, private host::ICleanObserver {
+class CWorker : private host::IScanObserver, private host::ICleanObserver, private CProgramCloser::IProgress {
  public:
   explicit CWorker(HWND window) : m_window(window) {}
   ~CWorker();
@@ -54,8 +58,15 @@ class CWorker : private host::IScanObserver, private host::ICleanObserver {
   void StartScan(host::CSession& session, std::vector<host::SItem> items,
                  std::unique_ptr<host::SScanResults> earlier = nullptr);
   // Cleans the hits of results, which must stay untouched until the end.
-  void StartClean(host::CSession& session, host::SScanResults& results, bool quarantine);
-  void Stop() { m_cancel = true; }
+  // With closeFirst, asks those programs (image names) to close, waits at
+  // most closeTimeoutMs, and leaves the items of the ones still running;
+  // items already skipped stay so. overwrite: contents are overwritten first.
+  void StartClean(host::CSession& session, host::SScanResults& results, bool quarantine, bool overwrite = false,
+                  std::vector<std::wstring> closeFirst = {}, DWORD closeTimeoutMs = CProgramCloser::kDefaultTimeoutMs);
+  void Stop() {
+    m_cancel = true;
+    if (m_closer) m_closer->Cancel();
+  }
   bool Stopping() const { return m_cancel; }
 
   // On WM_WORKER_PROGRESS: the latest state; lets the next one be posted.
@@ -77,7 +88,9 @@ class CWorker : private host::IScanObserver, private host::ICleanObserver {
   void OnFailure(const std::wstring& path, const std::wstring& reason) override;
   void Post(bool force);
   void Begin(EJob job);
-  void RunClean(host::CSession& session, host::SScanResults& results, bool quarantine);
+  void RunClean(host::CSession& session, host::SScanResults& results, bool quarantine, bool overwrite,
+                const std::vector<std::wstring>& closeFirst, DWORD closeTimeoutMs);
+  void Waiting(const std::vector<std::wstring>& images) override;
 
   HWND m_window;
   EJob m_job = jobNone;
@@ -92,6 +105,7 @@ class CWorker : private host::IScanObserver, private host::ICleanObserver {
   SCleanOutcome m_clean;
   unsigned __int64 m_reached = 0;                 // hits the clean has come to
   std::vector<std::pair<std::wstring, std::wstring>> m_failures;  // path, reason
+  std::unique_ptr<CProgramCloser> m_closer;  // made by StartClean on the window's thread, so Stop may cancel it
 };
 
 }  // namespace broomw

@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "app/PolicySchedule.h"
 #include "app/Text.h"
+#include "app/Winapp2Files.h"
 #include "core/Handles.h"
 #include "threads/MsgThreadSTA.h"
 #include "window/MainWindow.h"
@@ -20,9 +22,10 @@
 namespace {
 
 const wchar_t kUsage[] =
-    L"broomw [--defs DIR]... [--winapp2 FILE]... [--no-log]\n\n"
+    L"broomw [--defs DIR]... [--winapp2 FILE]... [--no-winapp2] [--no-log]\n\n"
     L"--defs DIR\tA folder of definition files (repeatable; default: defs beside broomw.exe)\n"
     L"--winapp2 FILE\tA winapp2.ini file whose entries join the definitions (repeatable)\n"
+    L"--no-winapp2\tLeave out the bundled winapp2.ini (the data folder's copy, else winapp2 beside broomw.exe)\n"
     L"--no-log\tDo not write scan logs\n\n"
     L"The folders and files given are remembered for the next start without them.";
 
@@ -30,6 +33,7 @@ struct SArguments {
   broomw::SSources sources;
   bool given = false;  // --defs or --winapp2 on the command line
   bool noLog = false;
+  bool noWinapp2 = false;
 };
 
 // Throws CHostError for what cannot be used.
@@ -44,6 +48,8 @@ SArguments Parse() {
       if (i + 1 >= argc) throw host::CHostError{host::exitUsage, arg + L" needs a value"};
       (arg == L"--defs" ? args.sources.defs : args.sources.winapp2).push_back(host::FullPath(argv[++i]));
       args.given = true;
+    } else if (arg == L"--no-winapp2") {
+      args.noWinapp2 = true;
     } else if (arg == L"--no-log") {
       args.noLog = true;
     } else if (arg == L"--help" || arg == L"-h" || arg == L"/?") {
@@ -97,13 +103,18 @@ int Run(int show) {
   // error that ends the start, or once the window is up.
   try {
     session.LoadDefinitions(folders);
+    if (!args.noWinapp2) host::LoadBundledWinapp2(session, sources.winapp2);
     session.LoadWinapp2Files(sources.winapp2);
+    session.ApplyPolicies();
   } catch (host::CHostError& e) {
     std::vector<std::wstring> notes = session.TakeLoadNotes();
     if (!notes.empty()) e.message += L"\n" + Listed(notes);
     throw;
   }
-  const std::vector<std::wstring> leftOut = session.TakeLoadNotes();
+  std::vector<std::wstring> leftOut = session.TakeLoadNotes();
+  // An installed Broom keeps the scheduled clean a machine policy asks for.
+  std::wstring scheduleNote = host::KeepPolicySchedule(session.Policies());
+  if (!scheduleNote.empty()) leftOut.push_back(scheduleNote);
 
   std::wstring whiteListError;
   try {
@@ -120,7 +131,9 @@ int Run(int show) {
   }
   if (!leftOut.empty())
     text += (text.empty() ? L"" : L"\n\n") + std::wstring(L"Some definitions could not be used:\n") + Listed(leftOut);
-  if (!text.empty()) MessageBoxW(nullptr, text.c_str(), L"Broom", MB_OK | MB_ICONINFORMATION);
+  if (!text.empty() && broomw::NoticeIsNew(text))
+    MessageBoxW(nullptr, (text + L"\n\nThis note is shown again only when it changes.").c_str(), L"Broom",
+                MB_OK | MB_ICONINFORMATION);
   MSG message;
   while (GetMessageW(&message, nullptr, 0, 0) > 0) {
     if (window.PreTranslate(message)) continue;

@@ -165,7 +165,17 @@ TEST_F(Quarantine, DamagedManifestsAreRefusedWholeBeforeAnythingMoves) {
       {set(1, "stored", "broom-quarantine.json"), "entry 2: 'stored' is the manifest's own name"},
       {set(0, "stored", "..\\a.bin"), "entry 1: 'stored' is not a plain file name"},
       {set(0, "size", "12"), "entry 1: 'size' is not a whole number"},
-      {set(0, "kind", "folder"), "entry 1: 'kind' is neither \"file\" nor \"registry\""},
+      {set(0, "kind", "folder"), "entry 1: 'kind' is not \"file\", \"registry\" or \"database\""},
+      {set(0, "kind", "database"), "entry 1: 'checksum' is missing from a database entry"},
+      {[](nlohmann::json& j) { j["entries"][1]["kind"] = "database"; j["entries"][1]["checksum"] = "sha256:12"; },
+       "entry 2: 'checksum' is not a \"sha256:\" checksum"},
+      {set(0, "checksum", "sha256:" + std::string(64, 'a')), "entry 1: 'checksum' belongs to a database entry only"},
+      {[](nlohmann::json& j) {
+         j["entries"][0]["kind"] = "database";
+         j["entries"][0]["checksum"] = "sha256:" + std::string(64, '0');
+         j["entries"][1]["stored"] = j["entries"][0]["stored"].get<std::string>() + "-wal";
+       },
+       "is the name of entry 1's database copy's wal file"},
       {set(0, "kind", "registry"), "entry 1: 'original' is not a registry path"},
       {set(1, "item", 5), "entry 2: 'item' is not a string"},
       {set(0, "source", "defs.xml"), "entry 1: 'source' is not a JSON object"},
@@ -194,6 +204,41 @@ TEST_F(Quarantine, DamagedManifestsAreRefusedWholeBeforeAnythingMoves) {
     }
     EXPECT_TRUE(before == Contents(m_root.Path())) << c.says;
   }
+}
+
+// A database's copy keeps its -wal and -journal under its own name: listed
+// by its entry, and deleted with it.
+TEST_F(Quarantine, ADatabaseCopyOwnsItsWalAndJournalFiles) {
+  for (const wchar_t* name : {L"Cookies", L"Cookies-wal", L"Cookies-journal"}) WriteFile(m_q + L"\\" + name, "x");
+  nlohmann::json entry = {{"original", Narrow(Tree(L"Default\\Network\\Cookies"))},
+                          {"stored", "Cookies"},
+                          {"size", 3},
+                          {"kind", "database"},
+                          {"checksum", "sha256:" + std::string(64, 'c')}};
+  nlohmann::json manifest = {{"format", "broom-quarantine"}, {"version", 1}, {"entries", {entry}}};
+  WriteFile(m_q + L"\\broom-quarantine.json", manifest.dump());
+  {
+    host::CQuarantine quarantine(m_q, false);
+    ASSERT_EQ(1u, quarantine.Entries().size());
+    EXPECT_TRUE(quarantine.Entries()[0].database);
+    // the database it came from is gone: the copy stays, and says why
+    host::CQuarantine::SRestoreResult result = quarantine.RestoreAll();
+    ASSERT_EQ(1u, result.failures.size());
+    EXPECT_EQ(0u, result.failures[0].reason.find(L"the database is no longer there"));
+    EXPECT_TRUE(Exists(m_q + L"\\Cookies-wal"));
+  }
+  WriteFile(m_q + L"\\Cookies-shm", "x");  // no companion of a copy
+  try {
+    host::CQuarantine(m_q, false);
+    ADD_FAILURE() << "a -shm file was taken for a companion";
+  } catch (const host::CHostError& e) {
+    EXPECT_NE(std::wstring::npos, e.message.find(L"'Cookies-shm' in the quarantine folder is not listed"))
+        << Narrow(e.message);
+  }
+  DeleteFileW((m_q + L"\\Cookies-shm").c_str());
+  std::wstring reason;
+  EXPECT_TRUE(host::CQuarantine(m_q, false).DeleteAll(reason)) << Narrow(reason);
+  EXPECT_FALSE(Exists(m_q));
 }
 
 // A quarantine on another file system: /dev/shm is one of its own under Wine.

@@ -113,3 +113,44 @@ TEST(CookieKeepList, EditsKeepCommentsAndReplaceTheFileWhole) {
   EXPECT_NE(0u, again.Save(folder.c_str()));
   EXPECT_EQ("# mine\r\nexample.com # bank\r\nnew.site.net\r\n", broomtest::ReadFile(file));
 }
+
+// Sites an organisation enforces keep like listed ones, are never written
+// to the file, and no edit takes them away; one that is not a site makes
+// the whole list unusable, so that nothing it meant to keep goes.
+TEST(CookieKeepList, EnforcedSitesKeepButAreNeverSavedNorRemoved) {
+  TempDir dir;
+  std::wstring file = broomtest::WriteFile(dir / L"cookies-keep.txt", "mine.org\n");
+  CCookieKeepList keep;
+  ASSERT_TRUE(keep.Load(file.c_str()));
+  ASSERT_TRUE(keep.AddEnforced(L"Corp.Example", L"the policy"));
+  ASSERT_TRUE(keep.AddEnforced(L"*.corp.example", L"the policy"));  // the same site again
+  EXPECT_EQ((std::vector<std::wstring>{L"corp.example"}), keep.GetEnforcedSites());
+  EXPECT_EQ((std::vector<std::wstring>{L"mine.org"}), keep.GetSites());
+  struct { const wchar_t* host; bool kept; } hosts[] = {
+      {L".corp.example", true}, {L"sso.corp.example", true}, {L"notcorp.example", false}, {L"mine.org", true}};
+  for (const auto& h : hosts) EXPECT_EQ(h.kept, keep.Keeps(h.host)) << broomtest::Narrow(h.host);
+  struct { bool keep; const wchar_t* text; CCookieKeepList::EEdit result; const wchar_t* detail; } steps[] = {
+      {true, L"sso.corp.example", CCookieKeepList::editByPolicy, L"corp.example"},
+      {false, L"corp.example", CCookieKeepList::editByPolicy, L"corp.example"},
+      {false, L"sso.corp.example", CCookieKeepList::editByPolicy, L"corp.example"},
+      {false, L"mine.org", CCookieKeepList::editRemoved, L"mine.org"},
+  };
+  for (const auto& s : steps) {
+    std::wstring detail;
+    EXPECT_EQ(s.result, s.keep ? keep.Keep(s.text, &detail) : keep.Unkeep(s.text, &detail)) << broomtest::Narrow(s.text);
+    EXPECT_EQ(s.detail, detail);
+  }
+  EXPECT_TRUE(keep.Keeps(L"corp.example"));  // an edit rebuilds the sites, the enforced ones with them
+  ASSERT_EQ(0u, keep.Save(file.c_str()));
+  EXPECT_EQ("", broomtest::ReadFile(file));
+
+  EXPECT_FALSE(keep.AddEnforced(L"https://bank.example", L"the policy"));
+  EXPECT_FALSE(keep.IsUsable());
+  EXPECT_TRUE(keep.Keeps(L"anything.net"));
+  EXPECT_EQ(0u, keep.DescribeProblem().find(L"the policy ('https://bank.example') holds a scheme"))
+      << broomtest::Narrow(keep.DescribeProblem());
+
+  ASSERT_TRUE(keep.Load(file.c_str()));  // a new read starts without them
+  EXPECT_TRUE(keep.GetEnforcedSites().empty());
+  EXPECT_FALSE(keep.Keeps(L"corp.example"));
+}

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/TestFiles.h"
+#include "core/CommandLine.h"
 #include "core/Handles.h"
 #include "registry/RegTestTree.h"
 
@@ -31,24 +32,6 @@ struct RunResult {
   std::string err;
 };
 
-std::wstring Quote(const std::wstring& arg) {
-  // Backslashes only need doubling in front of a quote, which here is the
-  // closing one.
-  std::wstring out = L"\"";
-  size_t slashes = 0;
-  for (wchar_t c : arg) {
-    if (c == L'\\') {
-      ++slashes;
-    } else {
-      if (c == L'"') out.append(slashes + 1, L'\\');
-      slashes = 0;
-    }
-    out += c;
-  }
-  out.append(slashes, L'\\');
-  return out + L"\"";
-}
-
 void Drain(HANDLE pipe, std::string* into) {
   char buffer[4096];
   DWORD read = 0;
@@ -59,8 +42,8 @@ void Drain(HANDLE pipe, std::string* into) {
 RunResult RunBroom(const std::vector<std::wstring>& args, const std::wstring& appData, const std::string& input = "") {
   RunResult result;
   std::wstring exe = ExeFolder() + L"\\broom.exe";
-  std::wstring command = Quote(exe);
-  for (const std::wstring& a : args) command += L" " + Quote(a);
+  std::wstring command = broom::QuoteArgument(exe);
+  for (const std::wstring& a : args) command += L" " + broom::QuoteArgument(a);
 
   SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};
   HANDLE outRead = nullptr, outWrite = nullptr, errRead = nullptr, errWrite = nullptr, inRead = nullptr,
@@ -210,14 +193,14 @@ TEST_F(BroomExe, ListShowsTheSortedTreeWithEveryState) {
   EXPECT_EQ("", r.err);
   const std::string expected =
       "Alpha\n"
-      "  Able  [not scanned, not cleaned, 1 operation]\n"
+      "  Able  [not scanned, not cleaned, 1 operation, cost: cache]\n"
       "      First by name\n"
-      "  Gone  [off: not on this PC, scan, clean, 1 operation]\n"
-      "  Zed  [scan, not cleaned, safe, quick scan, 2 operations]\n"
+      "  Gone  [off: not on this PC, scan, clean, 1 operation, cost: cache]\n"
+      "  Zed  [scan, not cleaned, safe, quick scan, 2 operations, cost: cache]\n"
       "      Last by name\n"
       "Beta\n"
       "    Second group\n"
-      "  Only  [scan, clean, 1 operation]\n"
+      "  Only  [scan, clean, 1 operation, cost: cache]\n"
       "      Only item\n"
       "\n"
       "4 items in 2 groups; 2 scanned by default.\n";
@@ -454,6 +437,49 @@ TEST_F(BroomExe, FailuresAreExplainedAndExitWithOne) {
   EXPECT_NE(std::string::npos, r.err.find("1 file could not be cleaned")) << r.err;
   EXPECT_EQ(std::string(50, 'x'), ReadFile(locked));
   EXPECT_EQ("", ReadFile(fine));
+}
+
+// ---- overwrite ----
+
+// A second hard link made before the clean keeps the data reachable after
+// the name is deleted: through it, the test reads what reached the disk.
+TEST_F(BroomExe, OverwriteZeroesTheDataBeforeItGoesAndLeavesWhatItCannotOpen) {
+  const std::string data = Bytes(70000, 3);
+  std::wstring secret = WriteFile(Tree(L"o\\secret.dat"), data);
+  std::wstring locked = WriteFile(Tree(L"o\\locked.dat"), data);
+  std::wstring plain = WriteFile(Tree(L"p\\plain.dat"), data);
+  std::wstring secretLink = m_root / L"secret.link", plainLink = m_root / L"plain.link";
+  ASSERT_TRUE(CreateHardLinkW(secretLink.c_str(), secret.c_str(), nullptr));
+  ASSERT_TRUE(CreateHardLinkW(plainLink.c_str(), plain.c_str(), nullptr));
+  WriteDefs({{L"T", L"Secret", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"o\\*"))},
+             {L"T", L"Plain", L"scan=\"yes\" clean=\"yes\"", Clean(Tree(L"p\\*"))}});
+
+  RunResult both = Run({L"clean", L"-y", L"--overwrite", L"--quarantine"});
+  EXPECT_EQ(2u, both.code);
+  EXPECT_NE(std::string::npos, both.err.find(" excludes --")) << both.err;
+  EXPECT_TRUE(Exists(secret) && Exists(plain));
+
+  RunResult over;
+  {
+    broom::unique_hfile hold(CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(hold);
+    over = Run({L"clean", L"-y", L"--overwrite", L"T/Secret"});
+  }
+  EXPECT_EQ(1u, over.code) << over.err;
+  EXPECT_NE(std::string::npos, over.out.find("whole-disk encryption")) << over.out;
+  EXPECT_NE(std::string::npos, over.err.find("locked.dat: ")) << over.err;
+  EXPECT_NE(std::string::npos, over.err.find("(0x80680020)")) << over.err;
+  EXPECT_FALSE(Exists(secret));
+  std::string left = ReadFile(secretLink);
+  EXPECT_GE(left.size(), data.size());
+  EXPECT_EQ(std::string::npos, left.find_first_not_of('\0')) << "the data was not overwritten";
+  EXPECT_EQ(data, ReadFile(locked)) << "a file that cannot be opened for writing stays whole";
+
+  RunResult normal = Run({L"clean", L"-y", L"T/Plain"});
+  EXPECT_EQ(0u, normal.code) << normal.err;
+  EXPECT_EQ(std::string::npos, normal.out.find("whole-disk encryption"));
+  EXPECT_FALSE(Exists(plain));
+  EXPECT_EQ(data, ReadFile(plainLink)) << "without --overwrite the data is left as it was";
 }
 
 // ---- quarantine ----
@@ -737,7 +763,7 @@ TEST_F(BroomExe, FilesThatCannotBeReadAreNotedAndTheRestIsListed) {
   WriteFile(m_root / L"defs\\path.xml", "<ConfigItems><item group=\"" + path + "\" name=\"x\"/></ConfigItems>");
   RunResult r = Run({L"list"});
   EXPECT_EQ(0u, r.code) << r.err;
-  EXPECT_EQ("T\n  Junk  [scan, not cleaned, 1 operation]\n\n1 item in 1 group; 1 scanned by default.\n", r.out);
+  EXPECT_EQ("T\n  Junk  [scan, not cleaned, 1 operation, cost: cache]\n\n1 item in 1 group; 1 scanned by default.\n", r.out);
   EXPECT_NE(std::string::npos, r.err.find("deep.xml: nests 30001 levels deep at line 2; at most 100 are read\n")) << r.err;
   EXPECT_NE(std::string::npos, r.err.find("path.xml: nests its groups 30001 levels deep at line 1; at most 100 are read\n"))
       << r.err;
@@ -821,7 +847,7 @@ TEST_F(BroomExe, TheGuardRefusesProgramsAndRunawayItemsAndMarksTheUsersOwnFolder
   EXPECT_FALSE(hits[Narrow(named)].contains("refused"));  // its rule names .exe
 
   RunResult r = Run({L"clean", L"--yes", L"--files", L"--runaway-files", L"3"});
-  EXPECT_EQ(1u, r.code) << r.out << r.err;
+  EXPECT_EQ(3u, r.code) << r.out << r.err;  // refusals alone
   EXPECT_NE(std::string::npos, r.out.find("[in your Documents]")) << r.out;
   EXPECT_NE(std::string::npos, r.err.find("refused: " + Narrow(exe) + ": it is a program file")) << r.err;
   EXPECT_NE(std::string::npos, r.err.find("refused: the item 'T/Many': it found 4 files, more than the 3")) << r.err;
@@ -927,3 +953,84 @@ TEST_F(BroomExe, ScanLogsAreWrittenUnlessSwitchedOff) {
 }
 
 }  // namespace
+
+// ---- what items cost ----
+
+class BroomExeCosts : public BroomExe {
+ protected:
+  void SetUp() override {
+    WriteFile(m_root / L"defs\\web.xml", "<ConfigItems><group name=\"Web\" cost=\"history\" scan=\"yes\" clean=\"yes\">"
+                                         "<running>web.exe</running></group></ConfigItems>");
+    WriteDefs({{L"Web", L"Cache", L"cost=\"cache\"", Clean(Tree(L"cache\\*"))},
+               {L"Web", L"Visits", L"", Clean(Tree(L"visits\\*"))},
+               {L"Web", L"Cookies", L"cost=\"sign-in\"", Clean(Tree(L"cookies\\*"))},
+               {L"Web", L"Passwords", L"cost=\"saved\"", Clean(Tree(L"passwords\\*"))}});
+    for (const wchar_t* folder : {L"cache", L"visits", L"cookies", L"passwords"})
+      WriteFile(Tree(std::wstring(folder) + L"\\f.dat"), 4);
+  }
+  // Which of the four items' files are still there, in their order: "cCvp" style, '-' for gone.
+  std::string Left() const {
+    std::string left;
+    for (const wchar_t* folder : {L"cache", L"visits", L"cookies", L"passwords"})
+      left += GetFileAttributesW(Tree(std::wstring(folder) + L"\\f.dat").c_str()) != INVALID_FILE_ATTRIBUTES
+                  ? static_cast<char>(folder[0])
+                  : '-';
+    return left;
+  }
+};
+
+TEST_F(BroomExeCosts, ListAndExplainNameTheCost) {
+  RunResult list = Run({L"list"});
+  ASSERT_EQ(0u, list.code) << list.err;
+  EXPECT_NE(std::string::npos, list.out.find("  Passwords  [scan, clean, 1 operation, cost: saved]\n")) << list.out;
+  EXPECT_NE(std::string::npos, list.out.find("  Visits  [scan, clean, 1 operation, cost: history]\n")) << list.out;
+  nlohmann::json j = Json(Run({L"list", L"--json"}));
+  std::map<std::string, std::string> costs;
+  for (auto& item : j["groups"][0]["children"]) {
+    costs[item["name"]] = item["cost"];
+    EXPECT_EQ(item["running"], nlohmann::json::array({"web.exe"})) << item.dump();  // the group's program holds each item
+  }
+  EXPECT_EQ(costs, (std::map<std::string, std::string>{
+                       {"Cache", "cache"}, {"Visits", "history"}, {"Cookies", "sign-in"}, {"Passwords", "saved"}}));
+  RunResult explain = Run({L"explain", Tree(L"passwords\\f.dat")});
+  EXPECT_NE(std::string::npos, explain.out.find("  cost: saved (Deletes your saved data")) << explain.out;
+}
+
+TEST_F(BroomExeCosts, AGroupTakesItsCacheAndHistoryOnlyAndYesNeverASavedItemThroughIt) {
+  struct Case {
+    std::vector<std::wstring> args;
+    std::string input;
+    std::string left;       // what stays afterwards
+    std::string tableLine;  // a line the output must hold
+  };
+  const Case cases[] = {
+      {{L"--yes", L"Web"}, "", "--cp", "Web/Passwords  -  -  [left out: saved; name it or add --include saved]"},
+      {{L"--yes", L"Web"}, "", "--cp", "[left out: sign-in; name it or add --include sign-in]"},
+      {{L"--yes", L"--include", L"sign-in,saved", L"Web"}, "", "---p", "[left out: saved; with --yes, name it one by one]"},
+      {{L"--yes", L"--include", L"saved", L"--include", L"sign-in", L"Web"}, "", "---p", "Web/Cookies"},
+      {{L"--yes", L"Web/Passwords"}, "", "cvc-", "Web/Passwords"},
+      {{L"--yes", L"Web", L"Passwords"}, "", "--c-", "Web/Passwords"},
+      // without --yes the saved items are asked for apart, by name: a no keeps them
+      {{L"--include", L"saved", L"Web"}, "y\nn\n", "--cp", "These items delete your saved data, which nothing brings back:\n  Web/Passwords\n"},
+      {{L"--include", L"saved", L"Web"}, "y\ny\n", "--c-", "Web/Passwords"},
+  };
+  for (const Case& c : cases) {
+    SetUp();
+    std::vector<std::wstring> args{L"clean"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    RunResult r = Run(args, c.input);
+    EXPECT_EQ(0u, r.code) << r.err;
+    EXPECT_EQ(c.left, Left()) << r.out;
+    std::string out = r.out;
+    // the table pads its columns: compare with runs of blanks made one
+    std::string squeezed;
+    for (char ch : out)
+      if (ch != ' ' || squeezed.empty() || squeezed.back() != ' ') squeezed += ch;
+    std::string line;
+    for (char ch : c.tableLine)
+      if (ch != ' ' || line.empty() || line.back() != ' ') line += ch;
+    EXPECT_NE(std::string::npos, squeezed.find(line)) << out;
+  }
+  RunResult bad = Run({L"clean", L"--include", L"cookies", L"Web"});
+  EXPECT_EQ(2u, bad.code) << bad.err;
+}

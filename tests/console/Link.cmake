@@ -8,3 +8,11 @@ add_dependencies(test_${name} broomw)
 target_compile_definitions(test_${name} PRIVATE BROOM_EXPECTED_VERSION="${PROJECT_VERSION}"
                            BROOM_EXPECTED_COMPANY="${BROOM_PUBLISHER}")
 target_link_libraries(test_${name} PRIVATE version shell32)
+# The fleet tests read the scheduled clean back through the Task Scheduler's
+# COM interface, and write the policies every Broom of the prefix reads: the
+# program runs alone, so that no other test's broom.exe meets them.
+target_link_libraries(test_${name} PRIVATE taskschd ole32 oleaut32 uuid)
+set(test_serial TRUE)
+target_link_libraries(test_${name} PRIVATE ws2_32)
+# The cookie tests build browser databases with SQLite itself.
+target_link_libraries(test_${name} PRIVATE broom_sqlite3)

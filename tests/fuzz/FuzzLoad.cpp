@@ -144,8 +144,8 @@ int LoadDefinitions(const std::wstring& folder, const Input& in, std::string& te
     // a file is read whole, or not at all and with a reason
     if (!loaded && (groups || notes.size() != 1 || notes[0].reason.IsEmpty()))
       text = "a rejected file left " + std::to_string(groups) + " groups and " + std::to_string(notes.size()) + " notes";
-    else if (loaded && !notes.empty())
-      text = "an accepted file left the note '" + Narrow(notes[0].reason) + "'";
+    else if (loaded && std::any_of(notes.begin(), notes.end(), [](const SLoadNote& n) { return n.reason.IsEmpty(); }))
+      text = "an accepted file left a note without a reason";
     else if (depth > XmlReader::kMaxGroupDepth)
       text = "the tree is " + std::to_string(depth) + " levels deep";
     if (!text.empty()) return kBroken;

@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "clean/CleanableFile.h"
+#include "clean/CleanableFolder.h"
+#include "core/Handles.h"
 #include "common/HandleCount.h"
 #include "common/ScanNotifiers.h"
 #include "scan/StdFileScan.h"
@@ -100,6 +102,59 @@ TEST_F(StdFileScan, MissingNotifierRaisesAndTheCollectorIsKeptUntilNextRun) {
   scan->PerformScan(&collector, &m_progress, &m_status, &m_whiteList);
   EXPECT_EQ(collector.AddRef(), 1u);
   collector.Release();
+}
+
+
+// Last written hours ago: a file, or a folder (after what was made in it).
+void Age(const std::wstring& path, unsigned hours) {
+  broom::unique_hfile h(CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  ASSERT_TRUE(h);
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  ULARGE_INTEGER t{{now.dwLowDateTime, now.dwHighDateTime}};
+  t.QuadPart -= static_cast<unsigned __int64>(hours) * 3600 * 10000000ull;
+  FILETIME then{t.LowPart, t.HighPart};
+  ASSERT_TRUE(SetFileTime(h.get(), nullptr, &then, &then));
+}
+
+TEST_F(StdFileScan, TemporaryFilesOfADayAgoGoWithTheSubfoldersTheyLeaveEmpty) {
+  // The bundled temporary-file rule: older than 24 hours, emptied subfolders removed.
+  const std::wstring root = m_dir / L"Tmp";
+  const std::pair<const wchar_t*, unsigned> files[] = {
+      {L"old.txt", 48},          {L"new.txt", 1},          {L"mixed\\old.txt", 48}, {L"mixed\\new.txt", 1},
+      {L"gone\\a.txt", 48},      {L"deep\\inner\\b.txt", 48}};
+  for (const auto& [name, hours] : files) {
+    WriteFile(root + L"\\" + name, 3);
+    Age(root + L"\\" + name, hours);
+  }
+  CreateDirectoryW((root + L"\\fresh").c_str(), nullptr);  // made an hour ago, empty: an installer's
+  CreateDirectoryW((root + L"\\stale").c_str(), nullptr);
+  const std::pair<const wchar_t*, unsigned> folders[] = {
+      {L"mixed", 48}, {L"gone", 48}, {L"deep\\inner", 48}, {L"deep", 48}, {L"fresh", 1}, {L"stale", 48}, {L"", 48}};
+  for (const auto& [name, hours] : folders) Age(root + L"\\" + name, hours);
+
+  auto scan = MakeScan<CStdFileScan>(root + L"\\*");
+  auto* age = new IUnknownNoQIImp<CBaseFileScan::_FilterRejectRecentFiles_Impl>();
+  CRefPtr<CBaseFileScan::IFilter> hold(age);
+  age->SetAgeHours(24, false);
+  scan->AddFilter(age);
+  scan->SetRemoveEmptied(true);
+  StackCollector collector;
+  scan->PerformScan(&collector, &m_progress, &m_status, &m_whiteList);
+  std::vector<std::wstring> folderNames;
+  for (auto& item : collector.items) {
+    if (dynamic_cast<CCleanableEmptyFolder*>(item.Get())) folderNames.push_back(item->GetName().GetString());
+    EXPECT_EQ(item->Clean(&m_progress, &m_status), 0u) << item->GetName().GetString();
+  }
+  // deepest first, each after what it holds; never the temporary folder itself
+  EXPECT_EQ(folderNames.size(), 4u);
+  const std::pair<const wchar_t*, bool> stays[] = {
+      {L"", true},           {L"new.txt", true},      {L"mixed\\new.txt", true}, {L"fresh", true},
+      {L"old.txt", false},   {L"mixed\\old.txt", false}, {L"gone", false},     {L"deep", false},
+      {L"stale", false}};
+  for (const auto& [name, kept] : stays)
+    EXPECT_EQ(GetFileAttributesW((root + L"\\" + name).c_str()) != INVALID_FILE_ATTRIBUTES, kept) << name;
 }
 
 }  // namespace

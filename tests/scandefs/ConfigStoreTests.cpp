@@ -376,3 +376,82 @@ TEST_F(ConfigStore, OperationsKnowTheirRuleAndAnAgeTheyCannotKeepSkipsTheRule) {
 }
 
 }  // namespace
+
+namespace {
+
+std::vector<std::wstring> NotesOf(CConfigStore& store) {
+  std::vector<std::wstring> notes;
+  for (const SLoadNote& note : store.GetLoadNotes()) notes.push_back(note.reason.GetString());
+  return notes;
+}
+
+TEST_F(ConfigStore, AnAgeInHoursAndRemovingEmptiedFoldersAreReadOrSkipTheRule) {
+  Write(L"defs\\a.xml", "<ConfigItems>\n<group name=\"G\">\n<item name=\"I\">\n"
+                        "<clean kind=\"file\" olderThanHours=\"24\" removeEmpty=\"yes\">C:\\A</clean>\n"
+                        "<clean kind=\"file\" olderThanHours=\"5\">C:\\B</clean>\n"
+                        "<clean kind=\"file\" olderThanHours=\"5\" olderThan=\"1\">C:\\C</clean>\n"
+                        "<clean kind=\"file\" olderThanHours=\"876001\">C:\\D</clean>\n"
+                        "<clean kind=\"trunc\" removeEmpty=\"yes\">C:\\E</clean>\n"
+                        "<clean kind=\"file\" removeEmpty=\"maybe\">C:\\F</clean>\n"
+                        "</item></group></ConfigItems>");
+  ASSERT_TRUE(Load(L"defs"));
+  CScanGroup* item = Child(*Child(Root(), L"G"), L"I");
+  ASSERT_NE(item, nullptr);
+  std::vector<std::wstring> seen;
+  CRefPtr<TIteratorIface<CRefPtr<IScanOperation>>> it;
+  for (item->GetScanOps(it); !it->AtEnd(); it->Next()) {
+    auto* scan = dynamic_cast<CBaseFileScan*>(it->Current()->Get());
+    ASSERT_NE(scan, nullptr);
+    std::wstring age = L"-";
+    for (const auto& filter : scan->GetFilters())
+      if (auto* recent = dynamic_cast<CBaseFileScan::_FilterRejectRecentFiles_Impl*>(filter.Get()))
+        age = std::to_wstring(recent->GetHours()) + L"h";
+    seen.push_back(scan->GetPaths().front().c_str() + (L" " + age) + (scan->GetRemoveEmptied() ? L" empty" : L""));
+  }
+  EXPECT_EQ(seen, (Names{L"C:\\A 24h empty", L"C:\\B 5h"}));
+  EXPECT_EQ(NotesOf(*m_store),
+            (Names{L"olderThan and olderThanHours are both given (line 6); that rule is skipped",
+                   L"olderThanHours=\"876001\" is not a number of hours from 1 to 876000 (line 7); that rule is skipped",
+                   L"removeEmpty=\"yes\" is not yes or no, or is given to a rule that deletes no files (line 8); that "
+                   L"rule is skipped",
+                   L"removeEmpty=\"maybe\" is not yes or no, or is given to a rule that deletes no files (line 9); "
+                   L"that rule is skipped"}));
+}
+
+TEST_F(ConfigStore, CostsAreInheritedAndProgramsGathered) {
+  Write(L"defs\\a.xml",
+        "<ConfigItems>\n"
+        "<group name=\"Web\" cost=\"history\">\n"
+        "<running>web.exe; Web.EXE ;helper.exe</running>\n"
+        "<item name=\"Cache\" cost=\"Cache\"><clean kind=\"file\">C:\\A</clean></item>\n"
+        "<item name=\"Visits\"><clean kind=\"file\">C:\\B</clean></item>\n"
+        "<group name=\"Logins\" cost=\"saved\">\n"
+        "<item name=\"Passwords\"><running>C:\\x\\pw.exe;pw.exe;*.exe</running><clean kind=\"file\">C:\\C</clean></item>\n"
+        "</group>\n"
+        "<item name=\"Cookies\" cost=\"sign-in\"><clean kind=\"file\">C:\\D</clean></item>\n"
+        "<item name=\"Odd\" cost=\"pricey\"><clean kind=\"file\">C:\\E</clean></item>\n"
+        "</group>\n"
+        "<group name=\"Plain\"><item name=\"P\"><clean kind=\"file\">C:\\F</clean></item></group>\n"
+        "</ConfigItems>");
+  ASSERT_TRUE(Load(L"defs"));
+  CScanGroup* web = Child(Root(), L"Web");
+  ASSERT_NE(web, nullptr);
+  CScanGroup* passwords = Child(*Child(*web, L"Logins"), L"Passwords");
+  const std::pair<CScanGroup*, ECost> costs[] = {
+      {web, costHistory},         {Child(*web, L"Cache"), costCache},   {Child(*web, L"Visits"), costHistory},
+      {passwords, costSaved},     {Child(*web, L"Cookies"), costSignIn}, {Child(*web, L"Odd"), costSaved},
+      {Child(*Child(Root(), L"Plain"), L"P"), costCache}};
+  for (const auto& [group, cost] : costs) {
+    ASSERT_NE(group, nullptr);
+    EXPECT_EQ(m_store->GetCost(group), cost) << group->GetName();
+  }
+  EXPECT_EQ(m_store->GetOwnCost(Child(*web, L"Visits")), costUnset);
+  EXPECT_EQ(m_store->GetPrograms(passwords), (Names{L"pw.exe", L"web.exe", L"helper.exe"}));
+  std::vector<std::wstring> notes = NotesOf(*m_store);
+  ASSERT_EQ(notes.size(), 3u);
+  EXPECT_EQ(notes[0].rfind(L"running program 'C:\\x\\pw.exe' of 'Passwords' is left out: it holds a path separator", 0), 0u);
+  EXPECT_EQ(notes[1].rfind(L"running program '*.exe' of 'Passwords' is left out: it holds the wildcard '*'", 0), 0u);
+  EXPECT_EQ(notes[2], L"cost=\"pricey\" of 'Odd' is none of cache, history, sign-in, saved; it counts as saved (line 10)");
+}
+
+}  // namespace

@@ -594,6 +594,8 @@ TEST(Winapp2File, EveryEntryGetsTheCostOfWhatItTakesFromItsUserAndItsProgram) {
       {L"Google Chrome Web Browser", L"Google Chrome Caches", costCache},
       {L"Google Chrome Web Browser", L"Google Chrome Bookmark Favicons", costCache},
       {L"Microsoft Edge Web Browser", L"Microsoft Edge Saved Usernames & Passwords", costSaved},
+      {L"Microsoft Edge Web Browser", L"Microsoft Edge Autofill Data & Search Engine Preferences", costSaved},
+      {L"Microsoft Edge Web Browser", L"Microsoft Edge Web Browsing Session", costSignIn},
       {L"Microsoft Edge Web Browser", L"Microsoft Edge Web Browsing Cookies", costSignIn},
       {L"Microsoft Edge Web Browser", L"Microsoft Edge Web Storage", costSignIn},
       {L"Microsoft Edge Web Browser", L"Microsoft Edge Web Browsing History", costHistory},

@@ -8,3 +8,7 @@ set(test_command ${CMAKE_SOURCE_DIR}/scripts/wine-x11-run.sh --gtest ${BROOM_WIN
 # Its desktop and X display go away when it ends; it runs alone, so that no
 # program another test starts at that moment meets them half gone.
 set(test_serial TRUE)
+# The dialog about running programs is driven with copies of the running
+# tests' window program (tests/running/app), started as chrome.exe.
+target_sources(test_${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/running/TestApps.cpp)
+add_dependencies(test_${name} broom_testapp)

@@ -16,6 +16,7 @@
 #include "common/HandleCount.h"
 #include "common/TestFiles.h"
 #include "core/Handles.h"
+#include "running/TestApps.h"
 #include "window/Resource.h"
 
 using broomtest::Exists;
@@ -311,8 +312,8 @@ TEST_F(Window, TicksScansListsAndCleans) {
   // largest first; the selected item's files below
   std::vector<std::wstring> rows = w.Rows(IDC_RESULTS, 3);
   ASSERT_EQ(rows.size(), 2u);
-  EXPECT_EQ(rows[0], L"Demo/Build logs|1|8.8 KB");
-  EXPECT_EQ(rows[1], L"Demo/Editor backups|2|3.9 KB");
+  EXPECT_EQ(rows[0], L"Build logs|1|8.8 KB");
+  EXPECT_EQ(rows[1], L"Editor backups|2|3.9 KB");
   EXPECT_EQ(w.Rows(IDC_FILES, 2), std::vector<std::wstring>{root + L"\\logs\\build.log|8.8 KB"});
   EXPECT_EQ(WindowText(w.Control(IDC_TOTAL)), L"Total: 3 files (12.7 KB)");
   Screenshot(w.Main(), L"results");
@@ -330,6 +331,58 @@ TEST_F(Window, TicksScansListsAndCleans) {
   EXPECT_TRUE(Exists(m_dir / L"work\\keep.txt"));
   EXPECT_EQ(ReadFile(m_dir / L"logs\\build.log"), "");
   EXPECT_EQ(w.Rows(IDC_FILES, 3), std::vector<std::wstring>{root + L"\\logs\\build.log|8.8 KB|cleaned"});
+}
+
+TEST_F(Window, AGroupTicksItsCacheAndHistoryAndTheConfirmationNamesEveryCostlyItem) {
+  const std::wstring root = m_dir.Path();
+  for (const wchar_t* name : {L"cache", L"visits", L"cookies", L"passwords"})
+    WriteFile(m_dir / (std::wstring(name) + L"\\f.dat"), 100);
+  std::wstring items;
+  // many cache items: they may be summed up, the costly ones never
+  for (int i = 0; i < 8; ++i) {
+    WriteFile(m_dir / (L"more\\" + std::to_wstring(i) + L"\\f.dat"), 10);
+    items += L" <item name=\"Cache " + std::to_wstring(i) + L"\" cost=\"cache\"><clean kind=\"file\">" + root +
+             L"\\more\\" + std::to_wstring(i) + L"\\*</clean></item>\n";
+  }
+  std::wstring defs = Defs(m_dir,
+      L"<group name=\"Web\" scan=\"no\" clean=\"yes\" cost=\"history\">\n"
+      L" <item name=\"Cache\" cost=\"cache\"><clean kind=\"file\">" + root + L"\\cache\\*</clean></item>\n"
+      L" <item name=\"Visits\"><clean kind=\"file\">" + root + L"\\visits\\*</clean></item>\n"
+      L" <item name=\"Cookies\" cost=\"sign-in\"><clean kind=\"file\">" + root + L"\\cookies\\*</clean></item>\n"
+      L" <item name=\"Passwords\" cost=\"saved\" scan=\"yes\"><clean kind=\"file\">" + root +
+      L"\\passwords\\*</clean></item>\n" + items + L"</group>\n");
+  CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  // costly items carry their class and are not ticked by default, even when on
+  EXPECT_EQ(w.State(L"Passwords  [saved]"), 1);
+  EXPECT_EQ(w.State(L"Cookies  [sign-in]"), 1);
+  EXPECT_EQ(w.State(L"Visits  [history]"), 1);
+  w.Tick(L"Web");
+  const std::pair<const wchar_t*, int> ticked[] = {
+      {L"Cache", 2}, {L"Visits  [history]", 2}, {L"Cookies  [sign-in]", 1}, {L"Passwords  [saved]", 1}, {L"Web", 3}};
+  for (const auto& [text, state] : ticked) EXPECT_EQ(w.State(text), state) << broomtest::Narrow(text);
+  // one by one it is taken
+  w.Tick(L"Passwords  [saved]");
+  EXPECT_EQ(w.State(L"Passwords  [saved]"), 2);
+  Screenshot(w.Main(), L"costs");
+
+  w.Click(IDC_SCAN);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+  w.Click(IDC_CLEAN);
+  HWND confirm = nullptr;
+  ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+  std::wstring marks = WindowText(GetDlgItem(confirm, IDC_CONFIRM_MARKS));
+  EXPECT_EQ(marks.rfind(L"Deletes your saved passwords or data: Web/Passwords\r\nDeletes your history: Web/Visits\r\n", 0),
+            0u)
+      << broomtest::Narrow(marks);
+  EXPECT_EQ(marks.find(L"Cookies"), std::wstring::npos);
+  EXPECT_NE(marks.find(L"... and 3 more items"), std::wstring::npos) << broomtest::Narrow(marks);
+  Screenshot(confirm, L"costs-confirmation");
+  PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Cleaned", 0) == 0; })) << broomtest::Narrow(w.Status());
+  EXPECT_FALSE(Exists(m_dir / L"passwords\\f.dat"));
+  EXPECT_FALSE(Exists(m_dir / L"visits\\f.dat"));
+  EXPECT_TRUE(Exists(m_dir / L"cookies\\f.dat"));
 }
 
 TEST_F(Window, StopsAScanAndRemembersWhereItWas) {
@@ -457,6 +510,56 @@ TEST_F(Window, MovesToQuarantineAndRestores) {
   PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
 }
 
+// Ticked items of a running program: the window names the program with its
+// items and offers to close it, to skip its items, or to cancel.
+TEST_F(Window, AsksAboutRunningProgramsThenSkipsOrClosesThem) {
+  const std::wstring root = m_dir.Path();
+  WriteFile(m_dir / L"chrome\\a.tmp", 3000);
+  WriteFile(m_dir / L"chrome\\b.tmp", 3000);
+  WriteFile(m_dir / L"plain\\c.tmp", 100);
+  std::wstring defs = Defs(m_dir, L"<group name=\"Demo\" scan=\"yes\" clean=\"yes\"><item name=\"Plain\">"
+                                  L"<clean kind=\"file\">" + root + L"\\plain\\*</clean></item></group>\n");
+  std::wstring ini = WriteFile(m_dir / L"winapp2.ini", broomtest::Narrow(L"[Google Chrome Cache *]\r\nSection=Google "
+                                                                         L"Chrome\r\nFileKey1=" + root + L"\\chrome|*.*\r\n"));
+  TempDir apps;
+  broomtest::TestApp chrome(apps, L"chrome.exe", broomtest::AppMode::polite);
+  CBroomw w({L"--defs", defs, L"--winapp2", ini, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  w.Tick(L"Google Chrome Cache");
+  auto askAndChoose = [&](int button) {
+    w.Click(IDC_SCAN);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+    w.Click(IDC_CLEAN);
+    HWND running = nullptr, confirm = nullptr;
+    ASSERT_TRUE(WaitFor([&] { return (running = w.Find(L"#32770", L"Programs are running")) && IsWindowVisible(running); }));
+    EXPECT_EQ(WindowText(GetDlgItem(running, IDC_RUN_LIST)),
+              L"Google Chrome (chrome.exe) is running (1 process) and holds:\r\n"
+              L"    winapp2/Google Chrome/Google Chrome Cache\r\n");
+    if (button == IDC_RUN_SKIP) Screenshot(running, L"running");
+    PostMessageW(GetDlgItem(running, button), BM_CLICK, 0, 0);
+    ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+    if (button == IDC_RUN_SKIP) {
+      EXPECT_EQ(WindowText(GetDlgItem(confirm, IDC_CONFIRM_TEXT)), L"Delete 1 file (100 bytes) for good?");
+    }
+    PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Cleaned", 0) == 0; })) << broomtest::Narrow(w.Status());
+  };
+
+  ASSERT_NO_FATAL_FAILURE(askAndChoose(IDC_RUN_SKIP));
+  EXPECT_EQ(w.Status(), L"Cleaned 1 file, freed 100 bytes. 1 item was skipped (see Result).");
+  EXPECT_FALSE(Exists(m_dir / L"plain\\c.tmp"));
+  EXPECT_TRUE(Exists(m_dir / L"chrome\\a.tmp") && Exists(m_dir / L"chrome\\b.tmp"));
+  std::vector<std::wstring> rows = w.Rows(IDC_FILES, 3);  // the largest item, selected
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0], root + L"\\chrome\\a.tmp|2.9 KB|skipped: Google Chrome was running");
+  EXPECT_TRUE(chrome.Running());
+
+  ASSERT_NO_FATAL_FAILURE(askAndChoose(IDC_RUN_CLOSE));
+  EXPECT_TRUE(chrome.WaitEnded(5000));
+  EXPECT_EQ(w.Status(), L"Cleaned 2 files, freed 5.9 KB.");
+  EXPECT_FALSE(Exists(m_dir / L"chrome\\a.tmp") || Exists(m_dir / L"chrome\\b.tmp"));
+}
+
 // A window has no standard error: the files a load left out are named in a
 // message, beside the error when nothing could be loaded.
 TEST_F(Window, NamesTheDefinitionFilesItLeftOut) {
@@ -476,4 +579,113 @@ TEST_F(Window, NamesTheDefinitionFilesItLeftOut) {
   }
 }
 
+// A new user's texts: the item's own name first with its group in a column,
+// a long path's file name kept, the status on lines that wrap, remembered
+// definitions forgotten from the window, and a start-up note shown once.
+TEST_F(Window, ShowsOwnNamesAndFileNamesForgetsSourcesAndNotesOnce) {
+  const std::wstring deep = m_dir / (L"cache\\" + std::wstring(60, L'a') + L"\\" + std::wstring(60, L'b') + L"\\" +
+                                     std::wstring(60, L'c'));
+  WriteFile(deep + L"\\the-file-name.tmp", 100);
+  std::wstring defs = Defs(m_dir, L"<group name=\"Demo\" scan=\"no\"><item name=\"Backups\"><clean kind=\"file\">"
+                                  L"C:\\x\\*.bak</clean></item></group>\n");
+  const std::wstring ini = WriteFile(m_dir / L"w.ini", broomtest::Narrow(
+      L"[Long Cache *]\r\nLangSecRef=3021\r\nFileKey1=" + m_dir / L"cache" + L"|*.tmp|RECURSE\r\nFileKey2=bad\r\n"));
+  const std::vector<std::wstring> args = {L"--defs", defs, L"--winapp2", ini, L"--no-log"};
+  {
+    CBroomw w(args, m_dir / L"appdata");
+    ASSERT_TRUE(w.Main());
+    HWND box = nullptr;  // the skipped line, noted once
+    ASSERT_TRUE(WaitFor([&] { return (box = w.Find(L"#32770", L"Broom")) && IsWindowVisible(box); }));
+    PostMessageW(box, WM_COMMAND, IDOK, 0);
+    w.Tick(L"Long Cache");
+    w.Click(IDC_SCAN);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+    std::vector<std::wstring> rows = w.Rows(IDC_RESULTS, 5);
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0], L"Long Cache|1|100 bytes||winapp2/Applications");
+    const std::wstring file = w.Rows(IDC_FILES, 1).at(0);
+    EXPECT_NE(file.find(L"..."), std::wstring::npos) << broomtest::Narrow(file);
+    EXPECT_EQ(file.substr(file.size() - 18), L"\\the-file-name.tmp");
+    RECT status, folder;
+    GetWindowRect(w.Control(IDC_STATUS), &status);
+    GetWindowRect(w.Control(IDC_FOLDER), &folder);
+    EXPECT_GE(status.bottom - status.top, 2 * (folder.bottom - folder.top));
+    EXPECT_EQ(GetWindowLongW(w.Control(IDC_STATUS), GWL_STYLE) & SS_ENDELLIPSIS, 0);
+  }
+  {
+    // the same note again: no box (it would be up before the scan could run)
+    CBroomw w({}, m_dir / L"appdata");
+    ASSERT_TRUE(w.Main());
+    w.Tick(L"Long Cache");
+    w.Click(IDC_SCAN);
+    ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+    EXPECT_EQ(w.Find(L"#32770", L"Broom"), nullptr);
+
+    PostMessageW(w.Main(), WM_SYSCOMMAND, IDM_FORGET_SOURCES, 0);
+    HWND question = nullptr;
+    ASSERT_TRUE(WaitFor([&] { return (question = w.Find(L"#32770", L"Broom")) && IsWindowVisible(question); }));
+    EXPECT_NE(WindowText(GetDlgItem(question, 0xFFFF)).find(ini), std::wstring::npos);
+    PostMessageW(question, WM_COMMAND, IDYES, 0);
+    ASSERT_TRUE(WaitFor([&] { return w.Status().find(L"forgotten") != std::wstring::npos; }));
+  }
+  wchar_t data[1024] = {};
+  DWORD size = sizeof data;
+  EXPECT_EQ(RegGetValueW(HKEY_CURRENT_USER, L"SOFTWARE\\Broom\\Engine", L"WindowWinapp2Files", RRF_RT_REG_MULTI_SZ,
+                         nullptr, data, &size), ERROR_SUCCESS);
+  EXPECT_EQ(data[0], L'\0');
+}
+
 }  // namespace
+
+// The organisation's policies, written to this prefix's machine key for one
+// test: what they switch off is greyed with the reason, and the quarantine
+// they force is ticked and cannot be unticked.
+TEST_F(Window, GreysWhatThePoliciesSetAndSaysWhy) {
+  const std::wstring root = m_dir.Path();
+  WriteFile(m_dir / L"a\\one.tmp", 8);
+  WriteFile(m_dir / L"b\\two.tmp", 8);
+  std::wstring defs = Defs(m_dir,
+      L"<group name=\"Demo\" order=\"1\" scan=\"yes\" clean=\"yes\">\n"
+      L" <item name=\"Kept\"><clean kind=\"file\">" + root + L"\\a\\*</clean></item>\n"
+      L" <item name=\"Moved\"><clean kind=\"file\">" + root + L"\\b\\*</clean></item>\n"
+      L"</group>\n");
+  const wchar_t key[] = L"SOFTWARE\\Policies\\Broom";
+  broom::unique_hkey policies;
+  ASSERT_EQ(0, RegCreateKeyExW(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_SET_VALUE, nullptr, policies.addressof(), nullptr));
+  auto removePolicies = broom::scope_exit([&] { RegDeleteTreeW(HKEY_LOCAL_MACHINE, key); });
+  const wchar_t disabled[] = L"Demo/Kept\0";
+  RegSetValueExW(policies.get(), L"DisabledItems", 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(disabled), sizeof disabled);
+  DWORD on = 1;
+  RegSetValueExW(policies.get(), L"AlwaysQuarantine", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&on), sizeof on);
+
+  CBroomw w({L"--defs", defs, L"--no-log"}, m_dir / L"appdata");
+  ASSERT_TRUE(w.Main());
+  const std::wstring kept = L"Kept  (Set by your organisation)";
+  EXPECT_EQ(w.State(kept), 4);
+  w.Tick(kept);  // cannot be ticked
+  EXPECT_EQ(w.State(kept), 4);
+  EXPECT_EQ(w.State(L"Moved"), 2);
+  for (const auto& n : w.Tree())
+    if (n.text == kept) SendMessageW(w.Control(IDC_TREE), TVM_SELECTITEM, TVGN_CARET, reinterpret_cast<LPARAM>(n.handle));
+  EXPECT_TRUE(WaitFor([&] {
+    // the policy's reason first, then what the item costs
+    return WindowText(w.Control(IDC_DESCRIPTION))
+               .rfind(L"Set by your organisation: switched off by your organisation (DisabledItems).\r\nCosts: ", 0) == 0;
+  })) << broomtest::Narrow(WindowText(w.Control(IDC_DESCRIPTION)));
+
+  w.Click(IDC_SCAN);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status().rfind(L"Found", 0) == 0; })) << broomtest::Narrow(w.Status());
+  w.Click(IDC_CLEAN);
+  HWND confirm = nullptr;
+  ASSERT_TRUE(WaitFor([&] { return (confirm = w.Find(L"#32770", L"Clean")) && IsWindowVisible(confirm); }));
+  HWND box = GetDlgItem(confirm, IDC_CONFIRM_QUARANTINE);
+  EXPECT_EQ(BST_CHECKED, SendMessageW(box, BM_GETCHECK, 0, 0));
+  EXPECT_FALSE(IsWindowEnabled(box));
+  EXPECT_EQ(WindowText(box), L"Move to quarantine (Set by your organisation)");
+  Screenshot(confirm, L"confirmation-policy");
+  PostMessageW(GetDlgItem(confirm, IDOK), BM_CLICK, 0, 0);
+  ASSERT_TRUE(WaitFor([&] { return w.Idle() && w.Status() == L"Moved 1 file (8 bytes) to the quarantine."; }))
+      << broomtest::Narrow(w.Status());
+  EXPECT_TRUE(Exists(m_dir / L"a\\one.tmp"));
+  EXPECT_FALSE(Exists(m_dir / L"b\\two.tmp"));
+}
