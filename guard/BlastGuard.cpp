@@ -90,6 +90,27 @@ std::wstring TrimComponents(const std::wstring& path) {
   return out;
 }
 
+// Whether GetFullPathNameW would give the path back as it is: a drive
+// letter, a colon and a backslash, then names none of which is empty, "."
+// or "..", or ends in a dot or a space, the last not one a device could
+// have (CON, NUL, COM1, CONIN$: a base name of 3 to 7 characters goes the
+// long way). Rules name thousands of such folders; the call costs more.
+bool AlreadyFull(const std::wstring& text) {
+  if (text.size() < 4 || text[1] != L':' || text[2] != L'\\') return false;
+  if (!((text[0] >= L'A' && text[0] <= L'Z') || (text[0] >= L'a' && text[0] <= L'z'))) return false;
+  for (size_t start = 3;;) {
+    size_t end = text.find(L'\\', start);
+    if (end == std::wstring::npos) end = text.size();
+    if (end == start || text[end - 1] == L'.' || text[end - 1] == L' ') return false;
+    if (end == text.size()) {
+      const size_t dot = text.find(L'.', start);
+      const size_t base = (dot == std::wstring::npos ? end : dot) - start;
+      return base < 3 || base > 7;
+    }
+    start = end + 1;
+  }
+}
+
 // Short components made long, through the longest part of the path that exists.
 std::wstring LongForm(const std::wstring& path) {
   std::wstring prefix = path, rest;
@@ -241,10 +262,12 @@ std::wstring CBlastGuard::Normalize(const wchar_t* path) {
   std::wstring text = Plain(path);
   if (text.empty()) return text;
   if (text.size() == 2 && text[1] == L':') text += L'\\';  // "C:" alone would be that drive's current folder
-  wchar_t buffer[2 * MAX_PATH];
-  DWORD n = GetFullPathNameW(text.c_str(), 2 * MAX_PATH, buffer, nullptr);
-  if (n > 0 && n < 2 * MAX_PATH) text.assign(buffer, n);
-  text = TrimComponents(text);
+  if (!AlreadyFull(text)) {
+    wchar_t buffer[2 * MAX_PATH];
+    DWORD n = GetFullPathNameW(text.c_str(), 2 * MAX_PATH, buffer, nullptr);
+    if (n > 0 && n < 2 * MAX_PATH) text.assign(buffer, n);
+    text = TrimComponents(text);
+  }
   if (text.find(L'~') != std::wstring::npos) text = LongForm(text);
   broom::UpperName(text);
   return text;
@@ -280,9 +303,12 @@ std::wstring CBlastGuard::Resolve(const std::wstring& folder) const {
 
 void CBlastGuard::Add(std::vector<SFolder>& list, const wchar_t* name, const wchar_t* path) {
   if (!path || !*path) return;
-  SFolder folder{name, path, Normalize(path), std::wstring()};
+  SFolder folder{name, path, Normalize(path), std::wstring(), {}, {}};
   if (folder.path.empty()) return;
   folder.real = Resolve(folder.path);
+  folder.pathParts = broom::SplitPath(folder.path.c_str(), folder.path.size());
+  if (!folder.real.empty() && folder.real != folder.path)
+    folder.realParts = broom::SplitPath(folder.real.c_str(), folder.real.size());
   while (folder.shown.size() > 3 && (folder.shown.back() == L'\\' || folder.shown.back() == L'/'))
     folder.shown.pop_back();
   for (const SFolder& known : list)
@@ -410,13 +436,16 @@ CBlastGuard::SVerdict CBlastGuard::CheckRule(const wchar_t* folder, bool recurse
   const std::wstring pattern = Normalize(folder);
   if (pattern.empty()) return Refuse(L"the rule has no folder");
   const std::vector<std::wstring> parts = broom::SplitPath(pattern.c_str(), pattern.size());
-  // Whether a folder the pattern matches is the target or holds it.
-  auto reaches = [&](const std::wstring& target) {
-    std::vector<std::wstring> targetParts = broom::SplitPath(target.c_str(), target.size());
-    if (parts.size() > targetParts.size()) return false;
+  // Whether a folder the pattern matches is the target or holds it (exactly
+  // the target with same); each form of a folder is cut into components once.
+  auto reaches = [&](const std::vector<std::wstring>& targetParts, bool same) {
+    if (parts.size() > targetParts.size() || (same && parts.size() != targetParts.size())) return false;
     for (size_t i = 0; i < parts.size(); ++i)
       if (!broom::MatchUpper(parts[i], targetParts[i])) return false;
     return true;
+  };
+  auto anyForm = [&](const SFolder& target, bool same) {
+    return reaches(target.pathParts, same) || (!target.realParts.empty() && reaches(target.realParts, same));
   };
   // A rule that starts in Broom's data folder is refused whole; one whose
   // wildcards may lead there finds nothing there, as scans never enter it.
@@ -431,12 +460,11 @@ CBlastGuard::SVerdict CBlastGuard::CheckRule(const wchar_t* folder, bool recurse
       L": a rule there may name files, but not take every name (*, *.*), walk its subfolders or remove itself";
   if (parts.size() == 1) return Refuse(L"its folder is the drive root " + parts[0] + L"\\" + limits);
   const bool wild = broom::HasWildcard(pattern);
-  auto depth = [](const std::wstring& p) { return broom::SplitPath(p.c_str(), p.size()).size(); };
   for (const SFolder& target : m_protected)
-    if (AnyForm(target, [&](const std::wstring& p) { return depth(p) == parts.size() && reaches(p); }))
+    if (anyForm(target, true))
       return Refuse(std::wstring(wild ? L"its folder may be " : L"its folder is ") + Named(target) + limits);
   for (const SFolder& target : m_protected)
-    if (AnyForm(target, [&](const std::wstring& p) { return reaches(p); }))
+    if (anyForm(target, false))
       return Refuse(std::wstring(wild ? L"its folder may hold " : L"its folder holds ") + Named(target) + limits);
   return SVerdict();
 }

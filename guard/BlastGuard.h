@@ -81,6 +81,7 @@ class BROOM_API CBlastGuard {
     std::wstring shown;  // the path as the system spells it
     std::wstring path;   // upper-cased, no trailing separator ("C:" for a drive root)
     std::wstring real;   // the same through its links, as a handle on it resolves; empty when it does not exist
+    std::vector<std::wstring> pathParts, realParts;  // path and real cut into components, for rule checks
   };
   const std::vector<SFolder>& ProtectedFolders() const { return m_protected; }
   const std::vector<SFolder>& UserFolders() const { return m_userFolders; }

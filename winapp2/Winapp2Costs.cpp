@@ -55,10 +55,12 @@ bool IsWordCharacter(wchar_t c) { return iswalnum(c) || c == L'_'; }
 // Whether the phrase occurs in an entry's name as whole words (any case).
 bool Occurs(Text text, const wchar_t* phrase) {
   const size_t length = wcslen(phrase);
+  // the comparison first: it fails at the first letter almost everywhere
   for (size_t at = 0; at + length <= text.size(); ++at) {
+    if (!broom::EqualNoCase(text.data() + at, length, phrase, length)) continue;
     if (at > 0 && IsWordCharacter(text[at - 1])) continue;
     if (at + length < text.size() && IsWordCharacter(text[at + length])) continue;
-    if (broom::EqualNoCase(text.data() + at, length, phrase, length)) return true;
+    return true;
   }
   return false;
 }
@@ -67,9 +69,8 @@ bool Occurs(Text text, const wchar_t* phrase) {
 // around it ("*Web Data", "cookies*") or an extension after it
 // ("Bookmarks.bak", "places.sqlite-wal"), never as a part of another name
 // ("sessionstore-logs" is no session).
+// The target comes without the wildcards around it.
 bool Names(Text target, const wchar_t* phrase) {
-  while (!target.empty() && (target.front() == L'*' || target.front() == L'?')) target.remove_prefix(1);
-  while (!target.empty() && (target.back() == L'*' || target.back() == L'?')) target.remove_suffix(1);
   const size_t length = wcslen(phrase);
   if (target.size() < length || !broom::EqualNoCase(target.data(), length, phrase, length)) return false;
   return target.size() == length || target[length] == L'.' ||
@@ -91,8 +92,14 @@ ECost CostOf(Text entryName, const std::vector<Text>& targets) {
       break;
     }
   for (Text target : targets) {
+    while (!target.empty() && (target.front() == L'*' || target.front() == L'?')) target.remove_prefix(1);
+    while (!target.empty() && (target.back() == L'*' || target.back() == L'?')) target.remove_suffix(1);
+    if (target.empty()) continue;
+    // most targets share no first letter with any phrase: 4,000 entries ask
+    const wchar_t first = broom::FoldCase(target.front());
     for (const SPhrase& phrase : kTargets)
-      if (phrase.cost > cost && Names(target, phrase.text)) cost = phrase.cost;
+      if (phrase.cost > cost && broom::FoldCase(phrase.text[0]) == first && Names(target, phrase.text))
+        cost = phrase.cost;
     if (cost < costHistory && IsMruList(target)) cost = costHistory;
   }
   return cost;

@@ -246,3 +246,25 @@ TEST(BlastGuard, RulesRootedAtProtectedFoldersMayOnlyNameFiles) {
         << broomtest::Narrow(verdict.reason.GetString());
   }
 }
+
+// Paths already in full form skip the system's path resolution: each must
+// come out as the same path spelled so that the system has to resolve it.
+TEST(BlastGuard, APathInFullFormNormalizesAsTheSystemResolvesIt) {
+  const wchar_t* const paths[] = {L"C:\\Users\\Public\\Documents", L"c:\\program files\\App\\*", L"C:\\a\\ab",
+                                  L"C:\\a\\abcdefgh.txt", L"D:\\x\\y z\\w", L"C:\\a\\\u00e9t\u00e9\\b",
+                                  L"C:\\a\\c*m?", L"z:\\tmp\\x.y.z"};
+  for (const wchar_t* path : paths) {
+    const std::wstring roundabout = std::wstring(path) + L"\\x\\..";
+    EXPECT_EQ(CBlastGuard::Normalize(roundabout.c_str()), CBlastGuard::Normalize(path)) << broomtest::Narrow(path);
+  }
+  const struct {
+    const wchar_t* path;
+    const wchar_t* normal;
+  } cases[] = {{L"c:\\Users\\Bob\\AppData", L"C:\\USERS\\BOB\\APPDATA"},
+               {L"C:\\a\\b.\\c ", L"C:\\A\\B\\C"},
+               {L"C:/a/b", L"C:\\A\\B"},
+               {L"C:\\a\\\\b\\", L"C:\\A\\B"},
+               {L"\\\\?\\C:\\a\\..\\b", L"C:\\B"},
+               {L"C:\\a\\.\\b", L"C:\\A\\B"}};
+  for (const auto& c : cases) EXPECT_EQ(c.normal, CBlastGuard::Normalize(c.path)) << broomtest::Narrow(c.path);
+}
