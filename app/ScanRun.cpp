@@ -415,6 +415,7 @@ void ScanSideBySide(const std::vector<SItem>& items, std::vector<std::vector<CRe
   IScanObserver* observer = options.observer;
   CRefPtr<ILogWriter> log = CScanLogThread::GetCurrentScanLog(true);
   size_t head = 0, told = 0;  // the first item not done; items told to the observer
+  std::vector<size_t> shown;  // the items in hand, as the observer was last told
   int lastPosition = -1;
   std::wstring folder;
   for (;;) {
@@ -436,6 +437,15 @@ void ScanSideBySide(const std::vector<SItem>& items, std::vector<std::vector<CRe
       }
       for (size_t i = head; i < told; ++i)
         if (states[i].TakeFolder(folder)) observer->OnFolder(folder);
+      std::vector<size_t> inHand;
+      for (size_t i = head; i < told; ++i)
+        if (!states[i].done) inHand.push_back(i);
+      if (inHand != shown) {
+        shown = inHand;
+        std::vector<std::wstring> paths;
+        for (size_t i : inHand) paths.push_back(items[i].path);
+        observer->OnItemsInProgress(paths);
+      }
       unsigned __int64 files = 0, bytes = 0;
       for (size_t i = 0; i < told; ++i) {
         files += states[i].files;
@@ -445,6 +455,7 @@ void ScanSideBySide(const std::vector<SItem>& items, std::vector<std::vector<CRe
     }
     if (running == 0) break;
   }
+  if (observer && !shown.empty()) observer->OnItemsInProgress({});
   for (auto& thread : pool) thread.join();
   for (size_t i = head; i < n && states[i].begun; ++i) logs[i].Pass(log);
 

@@ -66,6 +66,10 @@ class IScanObserver {
   virtual void OnFolder(const std::wstring& folder) = 0;
   // the running totals of the whole scan, after each hit
   virtual void OnHits(unsigned __int64 files, unsigned __int64 bytes) = 0;
+  // While items are scanned side by side: the items in hand now, in their
+  // order, each time that set changes (empty once none is); OnItem names
+  // the first of them.
+  virtual void OnItemsInProgress(const std::vector<std::wstring>& itemPaths) { (void)itemPaths; }
   virtual bool IsCancelled() { return IsCancelRequested(); }
 };
 

@@ -34,6 +34,11 @@ void CProgressLine::OnFolder(const std::wstring& folder) {
 
 void CProgressLine::OnHits(unsigned __int64 files, unsigned __int64) { m_hits = files; }
 
+void CProgressLine::OnItemsInProgress(const std::vector<std::wstring>& itemPaths) {
+  m_inHand = itemPaths;
+  Draw(true);
+}
+
 void CProgressLine::Draw(bool force) {
   if (!m_draw) return;
   DWORD now = GetTickCount();
@@ -42,7 +47,11 @@ void CProgressLine::Draw(bool force) {
   int percent = m_total > 0 ? static_cast<int>(100LL * (m_position < m_total ? m_position : m_total) / m_total) : 0;
   wchar_t head[64];
   swprintf(head, 64, L"[%u/%u] ", static_cast<unsigned>(m_index + 1), static_cast<unsigned>(m_count));
-  CConsole::Progress(head + m_item + L"  " + std::to_wstring(percent) + L"%  " + FormatCount(m_hits) + L" found  " +
+  // "[3/20] A, B, C": the first item in hand is the one counted and the percentage is of
+  std::wstring items = m_inHand.size() > 1 ? std::wstring() : m_item;
+  if (m_inHand.size() > 1)
+    for (const std::wstring& item : m_inHand) items += (items.empty() ? L"" : L", ") + item;
+  CConsole::Progress(head + items + L"  " + std::to_wstring(percent) + L"%  " + FormatCount(m_hits) + L" found  " +
                      m_folder);
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 // The progress line broom draws on standard error while a scan runs, when
-// standard error is a console: the item, its progress, the hits so far and
-// the folder in hand, redrawn at most every 100 ms.
+// standard error is a console: the item (every item in hand while several
+// run side by side), its progress, the hits so far and the folder in hand,
+// redrawn at most every 100 ms.
 #include <windows.h>
 
 #include <string>
@@ -22,6 +23,7 @@ class CProgressLine : public IScanObserver {
   void OnProgress(int position, int total) override;
   void OnFolder(const std::wstring& folder) override;
   void OnHits(unsigned __int64 files, unsigned __int64 bytes) override;
+  void OnItemsInProgress(const std::vector<std::wstring>& itemPaths) override;
 
  private:
   void Draw(bool force);
@@ -29,6 +31,7 @@ class CProgressLine : public IScanObserver {
   bool m_draw;
   DWORD m_lastDraw = 0;
   std::wstring m_item, m_folder;
+  std::vector<std::wstring> m_inHand;  // items side by side, when more than one
   size_t m_index = 0, m_count = 0;
   int m_total = 0, m_position = 0;
   unsigned __int64 m_hits = 0;

@@ -273,7 +273,10 @@ void CMainWindow::OnProgress() {
         static_cast<double>(p.count));
   std::wstring status;
   if (m_worker->Job() == jobScan) {
-    status = L"Scanning " + std::to_wstring(p.index + 1) + L" of " + std::to_wstring(p.count) + L": " + p.item +
+    std::wstring items = p.inHand.size() > 1 ? std::wstring() : p.item;
+    if (p.inHand.size() > 1)  // items side by side: every one in hand
+      for (const std::wstring& item : p.inHand) items += (items.empty() ? L"" : L", ") + item;
+    status = L"Scanning " + std::to_wstring(p.index + 1) + L" of " + std::to_wstring(p.count) + L": " + items +
              L"  \u2013  " + FilesAndSize(p.files, p.bytes) + L" found";
   } else {
     permille = p.total > 0 ? static_cast<int>(1000LL * p.position / p.total) : 0;

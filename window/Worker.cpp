@@ -228,6 +228,14 @@ void CWorker::OnItem(const std::wstring& itemPath, size_t index, size_t count) {
   Post(true);
 }
 
+void CWorker::OnItemsInProgress(const std::vector<std::wstring>& itemPaths) {
+  {
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_progress.inHand = itemPaths;
+  }
+  Post(true);
+}
+
 void CWorker::OnProgress(int position, int total) {
   {
     std::lock_guard<std::mutex> hold(m_lock);

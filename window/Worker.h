@@ -26,6 +26,7 @@ enum EJob { jobNone, jobScan, jobClean };
 
 struct SProgress {
   std::wstring item;
+  std::vector<std::wstring> inHand;  // the items scanned side by side now, when several
   size_t index = 0, count = 0;
   int position = 0, total = 0;
   std::wstring folder;  // or, while cleaning, the file in hand
@@ -83,6 +84,7 @@ class CWorker : private host::IScanObserver, private host::ICleanObserver, priva
   void OnProgress(int position, int total) override;
   void OnFolder(const std::wstring& folder) override;
   void OnHits(unsigned __int64 files, unsigned __int64 bytes) override;
+  void OnItemsInProgress(const std::vector<std::wstring>& itemPaths) override;
   bool IsCancelled() override { return m_cancel; }  // of both the scan and the clean
   void OnProgress(unsigned __int64 index, unsigned __int64 total, const std::wstring& path) override;
   void OnFailure(const std::wstring& path, const std::wstring& reason) override;

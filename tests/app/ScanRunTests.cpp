@@ -149,4 +149,45 @@ TEST_F(ScanRun, CancelledSideBySideKeepsTheItemsBegunInOrder) {
   for (size_t i = 0; i < cancelled.items.size(); ++i) EXPECT_EQ(cancelled.items[i], m_items[i].path);
 }
 
+// What a host shows while items run side by side: every item in hand, in
+// the items' order, each told once it begins and dropped once it is done.
+TEST_F(ScanRun, TheObserverIsToldEveryItemInHandInOrder) {
+  struct SRecorder : host::IScanObserver {
+    std::vector<std::vector<std::wstring>> told;
+    std::vector<std::wstring> begun;
+    void OnItem(const std::wstring& item, size_t, size_t) override { begun.push_back(item); }
+    void OnProgress(int, int) override {}
+    void OnFolder(const std::wstring&) override {}
+    void OnHits(unsigned __int64, unsigned __int64) override {}
+    void OnItemsInProgress(const std::vector<std::wstring>& items) override { told.push_back(items); }
+  };
+  std::vector<std::wstring> order;
+  for (const host::SItem& item : m_items) order.push_back(item.path);
+  for (unsigned threads : {1u, 4u}) {
+    SCOPED_TRACE(threads);
+    host::ResetCancel();
+    SRecorder recorder;
+    host::SScanOptions options;
+    options.itemThreads = threads;
+    options.observer = &recorder;
+    m_session.Scan(m_items, options);
+    EXPECT_EQ(order, recorder.begun);
+    if (threads == 1) {
+      EXPECT_TRUE(recorder.told.empty());  // one item at a time: OnItem says it all
+      continue;
+    }
+    ASSERT_FALSE(recorder.told.empty());
+    EXPECT_TRUE(recorder.told.back().empty());  // none in hand once the scan ends
+    for (const auto& inHand : recorder.told) {
+      // a subsequence of the items, as they stand in the list
+      size_t at = 0;
+      for (const std::wstring& item : inHand) {
+        while (at < order.size() && order[at] != item) ++at;
+        EXPECT_LT(at, order.size()) << broomtest::Narrow(item) << " out of order or unknown";
+        ++at;
+      }
+    }
+  }
+}
+
 }  // namespace
