@@ -1,7 +1,8 @@
 // Loads the community's winapp2.ini (the file given, or
 // $BROOM_SOURCE_DIR/../shared/winapp2/Winapp2.ini) into a store with
 // detection on this machine, and times broom.exe listing it end to end.
-// Goal: the load with detection takes at most 0.5 s under Wine.
+// Goals: the load with detection takes at most 120 ms under Wine, and
+// broom --winapp2 FILE list at most 1.25 times broom list in the same run.
 //
 // The same text without its detection keys is loaded too; the difference
 // is what detection costs, given per detection key.
@@ -129,19 +130,21 @@ int main(int argc, char** argv) {
          report.entries, report.items, report.applicable, report.fileRules, report.registryRules, report.excludes,
          report.detectionKeys, static_cast<unsigned>(report.skipped.size()));
   printf("detection calls: %u file-system, %u registry\n", report.fileCalls, report.registryCalls);
-  printf("load with detection: median %.1f ms of %d rounds (min %.1f ms; first round %.1f ms); goal <= 500 ms\n",
+  printf("load with detection: median %.1f ms of %d rounds (min %.1f ms; first round %.1f ms); goal <= 120 ms\n",
          load * 1000, kRounds, *std::min_element(full.begin(), full.end()) * 1000, first[0] * 1000);
   printf("  per entry %.1f us\n", load * 1e6 / report.entries);
   printf("load without detection keys: median %.1f ms; detection %.1f ms, %.1f us per detection key\n",
          withoutDetection * 1000, (load - withoutDetection) * 1000,
          (load - withoutDetection) * 1e6 / report.detectionKeys);
 
-  std::vector<double> withFile, defsOnly;
+  std::vector<double> withFile, defsOnly, ratios;
   for (int round = 0; round < kProcessRounds; ++round) {
     withFile.push_back(RunBroom(L"--winapp2 \"" + path + L"\" list"));
     defsOnly.push_back(RunBroom(L"list"));
+    ratios.push_back(withFile.back() / defsOnly.back());
   }
-  printf("broom --winapp2 FILE list: median %.0f ms of %d runs; broom list (bundled definitions only): %.0f ms\n",
-         Median(withFile) * 1000, kProcessRounds, Median(defsOnly) * 1000);
+  printf("broom --winapp2 FILE list: median %.0f ms of %d runs; broom list (bundled definitions only): %.0f ms; "
+         "ratio %.2f (median of the rounds' ratios; goal <= 1.25)\n",
+         Median(withFile) * 1000, kProcessRounds, Median(defsOnly) * 1000, Median(ratios));
   return 0;
 }

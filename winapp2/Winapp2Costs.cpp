@@ -10,7 +10,7 @@ namespace winapp2 {
 namespace {
 
 struct SPhrase {
-  const wchar_t* text;
+  std::wstring_view text;  // its length known when compiled: thousands of entries ask
   ECost cost;
 };
 
@@ -53,11 +53,11 @@ const SPhrase kTargets[] = {
 bool IsWordCharacter(wchar_t c) { return iswalnum(c) || c == L'_'; }
 
 // Whether the phrase occurs in an entry's name as whole words (any case).
-bool Occurs(Text text, const wchar_t* phrase) {
-  const size_t length = wcslen(phrase);
+bool Occurs(Text text, std::wstring_view phrase) {
+  const size_t length = phrase.size();
   // the comparison first: it fails at the first letter almost everywhere
   for (size_t at = 0; at + length <= text.size(); ++at) {
-    if (!broom::EqualNoCase(text.data() + at, length, phrase, length)) continue;
+    if (!broom::EqualNoCase(text.data() + at, length, phrase.data(), length)) continue;
     if (at > 0 && IsWordCharacter(text[at - 1])) continue;
     if (at + length < text.size() && IsWordCharacter(text[at + length])) continue;
     return true;
@@ -70,11 +70,11 @@ bool Occurs(Text text, const wchar_t* phrase) {
 // ("Bookmarks.bak", "places.sqlite-wal"), never as a part of another name
 // ("sessionstore-logs" is no session).
 // The target comes without the wildcards around it.
-bool Names(Text target, const wchar_t* phrase) {
-  const size_t length = wcslen(phrase);
-  if (target.size() < length || !broom::EqualNoCase(target.data(), length, phrase, length)) return false;
+bool Names(Text target, std::wstring_view phrase) {
+  const size_t length = phrase.size();
+  if (target.size() < length || !broom::EqualNoCase(target.data(), length, phrase.data(), length)) return false;
   return target.size() == length || target[length] == L'.' ||
-         (wcschr(phrase, L'.') && !IsWordCharacter(target[length]));
+         (phrase.find(L'.') != std::wstring_view::npos && !IsWordCharacter(target[length]));
 }
 
 // The system's most-recently-used lists: RunMRU, OpenSavePidlMRU, ...
