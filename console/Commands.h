@@ -41,7 +41,14 @@ struct SOptions {
   std::string url;                     // winapp2 update
   std::vector<std::string> sites;      // cookies keep, unkeep
   unsigned long timeoutSeconds = 60;   // winapp2 update: each wait of the download
+  bool allUsers = false;               // scan, clean: every person's profile, one broom.exe each
+  std::string asProfile;               // hidden: the SID of the profile this run takes on
 };
+
+// scan or clean --all-users: one broom.exe per person's profile, each with
+// the same arguments and --as-profile, their output one after the other
+// (with --json, one document of them all); the highest exit code counts.
+int RunForEveryProfile(int argc, wchar_t** argv, const SOptions& options);
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
 // The --include words as the selection takes them.

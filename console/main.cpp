@@ -5,10 +5,12 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "app/PolicySchedule.h"
+#include "app/ProfileRun.h"
 #include "app/Text.h"
 #include "app/Winapp2Update.h"
 #include "console/Commands.h"
@@ -52,6 +54,13 @@ void AddInclude(CLI::App& command, SOptions& options) {
       ->check(CLI::IsMember({"sign-in", "saved"}));
 }
 
+// --all-users: every person's profile, each with its own folders and registry.
+void AddAllUsers(CLI::App& command, SOptions& options) {
+  command.add_flag("--all-users", options.allUsers,
+                   "Run for every person's profile of the PC, each with that user's own folders, registry, "
+                   "protected list and cookie keep list (administrators only)");
+}
+
 // One command of broom: the command it belongs to (null at the top), its
 // name and help, the options it takes and what runs it. The order is the
 // order of the help.
@@ -83,6 +92,7 @@ const SCommand kCommands[] = {
        AddInclude(c, o);
        c.add_option("--cancel-after-files", o.cancelAfterFiles)->group("");
        c.add_option("--report", o.report, "Append a JSON line saying what the scan found to FILE")->type_name("FILE");
+       AddAllUsers(c, o);
      },
      CmdScan},
     {nullptr, "clean", "Scan, confirm, then delete what was found (or move it aside)",
@@ -114,6 +124,7 @@ const SCommand kCommands[] = {
        c.add_flag("--scheduled", o.scheduled,
                   "Run as the scheduled task does: never ask, and append the report line to Logs\\runs.jsonl in "
                   "the data folder (or --report FILE)");
+       AddAllUsers(c, o);
      },
      CmdClean},
     {nullptr, "explain",
@@ -217,6 +228,7 @@ int Run(int argc, wchar_t** argv) {
   app.add_flag("--no-winapp2", options.noWinapp2,
                "Leave out the bundled winapp2.ini (the data folder's copy, else winapp2\\Winapp2.ini beside broom.exe)");
   app.add_flag("--no-log", options.noLog, "Do not write scan logs");
+  app.add_option("--as-profile", options.asProfile)->group("");
   std::vector<CLI::App*> commands;
   for (const SCommand& command : kCommands) {
     CLI::App* parent = command.group ? Group(app, command.group) : &app;
@@ -251,10 +263,23 @@ int Run(int argc, wchar_t** argv) {
   // --quarantine without a folder: a new managed quarantine
   options.quarantineGiven = app.get_subcommand("clean")->get_option("--quarantine")->count() > 0;
 
+  if (options.allUsers) {
+    if (!options.asProfile.empty())
+      throw CHostError{exitUsage, L"--all-users and --as-profile exclude each other"};
+    return RunForEveryProfile(argc, argv, options);
+  }
+  // A run over another person's profile takes it on before the session reads any folder.
+  std::unique_ptr<CProfileRun> profile;
+  if (!options.asProfile.empty()) {
+    profile.reset(new CProfileRun(Wide(options.asProfile)));
+    for (const std::wstring& note : profile->Notes())
+      CConsole::Err(L"broom: note: " + Printable(note) + L"\n");
+  }
   CSession session;
   session.Start(options.noLog);
-  // An installed Broom keeps the scheduled clean a machine policy asks for.
-  if (!options.scheduled && !app.get_subcommand("schedule")->parsed()) {
+  // An installed Broom keeps the scheduled clean a machine policy asks for (for
+  // the user who runs it, never in a run over another profile).
+  if (!options.scheduled && !profile && !app.get_subcommand("schedule")->parsed()) {
     std::wstring note = KeepPolicySchedule(session.Policies());
     if (!note.empty()) CConsole::Err(L"broom: note: " + Printable(note) + L"\n");
   }

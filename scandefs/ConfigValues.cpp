@@ -2,6 +2,10 @@
 
 #include <shlobj.h>
 
+#include <memory>
+#include <mutex>
+#include <vector>
+
 #include "core/Handles.h"
 #include "registry/RegistryPath.h"
 
@@ -113,10 +117,40 @@ CRefPtr<CScopedMap::ConfigValueMap> CScopedMap::ConfigValueMap::CreateChildScope
   return child;
 }
 
+namespace {
+
+struct SOverrides {
+  std::mutex lock;
+  bool built = false;
+  std::vector<std::pair<std::wstring, std::unique_ptr<std::wstring>>> values;  // null: unknown
+};
+SOverrides& Overrides() {
+  static SOverrides overrides;
+  return overrides;
+}
+
+}  // namespace
+
+bool CScopedMap::OverrideGlobal(const wchar_t* name, const wchar_t* value) {
+  if (!name || !*name) return false;
+  SOverrides& overrides = Overrides();
+  std::lock_guard<std::mutex> hold(overrides.lock);
+  if (overrides.built) return false;
+  overrides.values.emplace_back(name, value ? std::make_unique<std::wstring>(value) : nullptr);
+  return true;
+}
+
 CScopedMap::ConfigValueMap* CScopedMap::GetGlobalScope() {
   // filled once, by whichever thread comes first; read-only from then on
   static GlobalScope scope;
-  static const bool built = (FillGlobalScope(scope), true);
+  static const bool built = [] {
+    FillGlobalScope(scope);
+    SOverrides& overrides = Overrides();
+    std::lock_guard<std::mutex> hold(overrides.lock);
+    for (const auto& entry : overrides.values) scope.Set(entry.first, entry.second ? entry.second->c_str() : nullptr);
+    overrides.built = true;
+    return true;
+  }();
   (void)built;
   return &scope;
 }

@@ -56,6 +56,11 @@ class BROOM_API CScopedMap {
   // The process-wide scope, built on the first call: environment, shell
   // folders, Downloads and LocalAppDataLow.
   static ConfigValueMap* GetGlobalScope();
+  // Names whose values the process-wide scope takes instead of what the
+  // system says (a run over another user's profile gives that user's
+  // folders); a null value makes the name unknown. Only before the scope
+  // is built: false, and nothing changes, once it is.
+  static bool OverrideGlobal(const wchar_t* name, const wchar_t* value);
 };
 
 // Opens the key of a registry path for reading.

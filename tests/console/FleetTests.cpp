@@ -4,11 +4,13 @@
 // run reports of scan and clean.
 #include <windows.h>
 #include <taskschd.h>
+#include <shlobj.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -17,6 +19,7 @@
 #include "core/Handles.h"
 #include "core/RefCounting.h"
 #include "registry/RegTestTree.h"
+#include "common/TestRegistry.h"
 
 using broomtest::EnvironmentWith;
 using broomtest::ExeFolder;
@@ -222,6 +225,109 @@ TEST_F(Fleet, OverwriteAndClosingProgramsForbiddenRefuseTheirOptions) {
     EXPECT_EQ(0u, Run({L"clean", L"--yes", L"T/Files"}).code);
     EXPECT_FALSE(Exists(Tree(L"f\\a.tmp")));
   }
+}
+
+// A second person's profile: its entry in the system's profile list, its
+// folder and a hive file holding its own shell folders and a key of the
+// rule; removed again with the list entry.
+class SecondPerson {
+ public:
+  explicit SecondPerson(const std::wstring& folder)
+      : m_sid(L"S-1-5-21-7-7-" + std::to_wstring(GetCurrentProcessId()) + L"-1002"), m_folder(folder) {
+    broomtest::MakeDirs(m_folder);
+    EnablePrivilege(SE_BACKUP_NAME);
+    broomtest::TestRegKey hive(HKEY_CURRENT_USER, L"Software\\BroomTest");
+    Set(hive.Key(), L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\User Shell Folders", L"Local AppData",
+        L"%USERPROFILE%\\AppData\\Local", REG_EXPAND_SZ);
+    Set(hive.Key(), L"Software\\BroomAllUsersTest\\App", L"v", L"second", REG_SZ);
+    EXPECT_EQ(ERROR_SUCCESS, RegSaveKeyW(hive.Key(), (m_folder + L"\\NTUSER.DAT").c_str(), nullptr));
+    broom::unique_hkey list;
+    EXPECT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, kProfileList, 0, KEY_ALL_ACCESS, list.addressof()));
+    Set(list.get(), m_sid.c_str(), L"ProfileImagePath", m_folder, REG_EXPAND_SZ);
+  }
+  ~SecondPerson() {
+    broom::unique_hkey list;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kProfileList, 0, KEY_ALL_ACCESS, list.addressof()) == ERROR_SUCCESS)
+      RegDeleteTreeW(list.get(), m_sid.c_str());
+  }
+  const std::wstring& Sid() const { return m_sid; }
+  bool HiveLoaded() const {
+    broom::unique_hkey key;
+    return RegOpenKeyExW(HKEY_USERS, (L"Broom-" + m_sid).c_str(), 0, KEY_READ, key.addressof()) == ERROR_SUCCESS;
+  }
+
+ private:
+  static constexpr const wchar_t* kProfileList = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
+  static void Set(HKEY root, const wchar_t* path, const wchar_t* name, const std::wstring& value, DWORD type) {
+    broom::unique_hkey key;
+    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(root, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.addressof(), nullptr));
+    ASSERT_EQ(ERROR_SUCCESS, RegSetValueExW(key.get(), name, 0, type, reinterpret_cast<const BYTE*>(value.c_str()),
+                                            static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))));
+  }
+  static void EnablePrivilege(const wchar_t* name) {
+    broom::unique_handle token;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, token.addressof()));
+    TOKEN_PRIVILEGES privileges{1, {}};
+    privileges.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
+    ASSERT_TRUE(LookupPrivilegeValueW(nullptr, name, &privileges.Privileges[0].Luid));
+    ASSERT_TRUE(AdjustTokenPrivileges(token.get(), FALSE, &privileges, 0, nullptr, nullptr));
+  }
+
+  std::wstring m_sid, m_folder;
+};
+
+// --all-users: the rule's folder and key of each person, found through
+// that person's own shell folders and hive, the second hive loaded for its
+// run and unloaded after.
+TEST_F(Fleet, AllUsersCleansEveryProfileWithItsOwnFoldersAndRegistry) {
+  const std::wstring second = m_root / L"second";
+  SecondPerson person(second);
+  WriteFile(m_root / L"defs\\test.xml",
+            "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<ConfigItems>\n"
+            "<item group=\"U\" name=\"Mine\" scan=\"yes\" clean=\"yes\">"
+            "<clean kind=\"file\">%LOCALAPPDATA%\\BroomAllUsersTest\\*.tmp</clean>"
+            "<clean kind=\"reg\">HKCU\\Software\\BroomAllUsersTest\\App</clean></item>\n</ConfigItems>\n");
+  wchar_t local[MAX_PATH];
+  ASSERT_TRUE(SUCCEEDED(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, 0, local)));
+  const std::wstring mine = WriteFile(std::wstring(local) + L"\\BroomAllUsersTest\\a.tmp", 10);
+  const std::wstring theirs = WriteFile(second + L"\\AppData\\Local\\BroomAllUsersTest\\b.tmp", 20);
+  {
+    broom::unique_hkey own;
+    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, L"Software\\BroomAllUsersTest\\App", 0, nullptr, 0,
+                                             KEY_ALL_ACCESS, nullptr, own.addressof(), nullptr));
+  }
+  auto cleanup = broom::scope_exit([&] {
+    DeleteFileW(mine.c_str());
+    RemoveDirectoryW((std::wstring(local) + L"\\BroomAllUsersTest").c_str());
+    RegDeleteTreeW(HKEY_CURRENT_USER, L"Software\\BroomAllUsersTest");
+  });
+
+  Result r = Run({L"scan", L"--all-users", L"--json", L"--files", L"U/Mine"});
+  ASSERT_EQ(0u, r.code) << r.out << r.err;
+  nlohmann::json runs = nlohmann::json::parse(r.out)["profiles"];
+  std::map<std::string, nlohmann::json> bySid;
+  for (const auto& run : runs) bySid[run["sid"]] = run;
+  ASSERT_EQ(1u, bySid.count(Narrow(person.Sid()))) << r.out;
+  const nlohmann::json& theirScan = bySid[Narrow(person.Sid())];
+  EXPECT_EQ(0, theirScan["exit_code"]);
+  std::vector<std::string> found;
+  for (const auto& hit : theirScan["result"]["items"][0]["hits"]) found.push_back(hit["path"]);
+  // the second person's file, and the key of the second person's hive standing for HKCU
+  EXPECT_EQ((std::vector<std::string>{Narrow(theirs), "HKCU\\Software\\BroomAllUsersTest\\App"}), found);
+  // the value only the second hive holds ("second" in UTF-16): not this user's empty key
+  EXPECT_EQ(14, theirScan["result"]["items"][0]["hits"][1]["size"]);
+  EXPECT_EQ(2u, runs.size()) << "this user and the second person";
+  EXPECT_FALSE(person.HiveLoaded());
+
+  r = Run({L"clean", L"--yes", L"--all-users", L"U/Mine"});
+  EXPECT_EQ(0u, r.code) << r.out << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("Profile " + Narrow(second))) << r.out;
+  EXPECT_FALSE(Exists(mine));
+  EXPECT_FALSE(Exists(theirs));
+  broom::unique_hkey key;
+  EXPECT_NE(ERROR_SUCCESS, RegOpenKeyExW(HKEY_CURRENT_USER, L"Software\\BroomAllUsersTest\\App", 0, KEY_READ,
+                                         key.addressof()));
+  EXPECT_FALSE(person.HiveLoaded());
 }
 
 TEST_F(Fleet, AlwaysQuarantineAndQuarantineKeepDaysRuleEveryClean) {
