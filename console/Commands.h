@@ -47,8 +47,9 @@ struct SOptions {
 
 // scan or clean --all-users: one broom.exe per person's profile, each with
 // the same arguments and --as-profile, their output one after the other
-// (with --json, one document of them all); the highest exit code counts.
-int RunForEveryProfile(int argc, wchar_t** argv, const SOptions& options);
+// (with --json, one document of them all); the highest exit code counts. A
+// clean asks once for every profile, unless --yes or --scheduled.
+int RunForEveryProfile(int argc, wchar_t** argv, const SOptions& options, bool clean);
 
 SScanOptions ScanOptions(const SOptions& options, EKeep keep);
 // The --include words as the selection takes them.

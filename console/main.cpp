@@ -266,7 +266,7 @@ int Run(int argc, wchar_t** argv) {
   if (options.allUsers) {
     if (!options.asProfile.empty())
       throw CHostError{exitUsage, L"--all-users and --as-profile exclude each other"};
-    return RunForEveryProfile(argc, argv, options);
+    return RunForEveryProfile(argc, argv, options, app.get_subcommand("clean")->parsed());
   }
   // A run over another person's profile takes it on before the session reads any folder.
   std::unique_ptr<CProfileRun> profile;

@@ -322,6 +322,11 @@ TEST_F(Fleet, AllUsersCleansEveryProfileWithItsOwnFoldersAndRegistry) {
   r = Run({L"clean", L"--yes", L"--all-users", L"U/Mine"});
   EXPECT_EQ(0u, r.code) << r.out << r.err;
   EXPECT_NE(std::string::npos, r.out.find("Profile " + Narrow(second))) << r.out;
+  // each profile's own table follows its heading
+  const size_t heading = r.out.find("Profile " + Narrow(second));
+  EXPECT_NE(std::string::npos, r.out.find("U/Mine", heading)) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("U/Mine")) << r.out;
+  EXPECT_LT(r.out.find("U/Mine"), r.out.rfind("U/Mine")) << "one table per profile: " << r.out;
   EXPECT_FALSE(Exists(mine));
   EXPECT_FALSE(Exists(theirs));
   broom::unique_hkey key;
