@@ -175,6 +175,18 @@ class unique_couninitialize {
   bool m_active = false;
 };
 
+// A slim reader/writer lock held exclusively while it is in scope.
+class srw_exclusive {
+ public:
+  explicit srw_exclusive(SRWLOCK& lock) noexcept : m_lock(lock) { AcquireSRWLockExclusive(&m_lock); }
+  ~srw_exclusive() { ReleaseSRWLockExclusive(&m_lock); }
+  srw_exclusive(const srw_exclusive&) = delete;
+  srw_exclusive& operator=(const srw_exclusive&) = delete;
+
+ private:
+  SRWLOCK& m_lock;
+};
+
 // One-off cleanup: runs the function when it leaves scope unless released.
 template <class F>
 class scope_exit_t {

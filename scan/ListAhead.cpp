@@ -12,17 +12,6 @@ namespace {
 
 constexpr size_t kDefaultEntriesAhead = 8192;
 
-class SrwExclusive {
- public:
-  explicit SrwExclusive(SRWLOCK& lock) : m_lock(lock) { AcquireSRWLockExclusive(&m_lock); }
-  ~SrwExclusive() { ReleaseSRWLockExclusive(&m_lock); }
-  SrwExclusive(const SrwExclusive&) = delete;
-  SrwExclusive& operator=(const SrwExclusive&) = delete;
-
- private:
-  SRWLOCK& m_lock;
-};
-
 unsigned Clamp(unsigned threads) {
   if (threads == 0) return CListAhead::DefaultThreads();
   return std::min(threads, CListAhead::kMaxThreads);
@@ -194,14 +183,14 @@ struct CListAhead::Walk::Pool {
 
 void CListAhead::SetThreads(unsigned threads) {
   Walk::Pool& pool = Walk::Pool::Get();
-  SrwExclusive lock(pool.lock);
+  broom::srw_exclusive lock(pool.lock);
   pool.size = Clamp(threads);
   WakeAllConditionVariable(&pool.work);
 }
 
 unsigned CListAhead::GetThreads() {
   Walk::Pool& pool = Walk::Pool::Get();
-  SrwExclusive lock(pool.lock);
+  broom::srw_exclusive lock(pool.lock);
   return pool.Size();
 }
 
@@ -213,20 +202,20 @@ unsigned CListAhead::DefaultThreads() {
 
 void CListAhead::SetEntriesAhead(size_t entries) {
   Walk::Pool& pool = Walk::Pool::Get();
-  SrwExclusive lock(pool.lock);
+  broom::srw_exclusive lock(pool.lock);
   pool.entriesAhead = entries ? entries : kDefaultEntriesAhead;
   WakeAllConditionVariable(&pool.work);
 }
 
 size_t CListAhead::GetEntriesAhead() {
   Walk::Pool& pool = Walk::Pool::Get();
-  SrwExclusive lock(pool.lock);
+  broom::srw_exclusive lock(pool.lock);
   return pool.entriesAhead;
 }
 
 size_t CListAhead::TakePeakEntriesAhead() {
   Walk::Pool& pool = Walk::Pool::Get();
-  SrwExclusive lock(pool.lock);
+  broom::srw_exclusive lock(pool.lock);
   return std::exchange(pool.peak, pool.held);
 }
 
@@ -239,7 +228,7 @@ CListAhead::Walk::Walk(Pool& pool, const CWhiteListTree* whiteList, unsigned lon
 std::unique_ptr<CListAhead::Walk> CListAhead::Walk::Begin(const CWhiteListTree* whiteList, unsigned long testBits,
                                                           const CPathString& mask, bool system, CFolderSeeds* seeds) {
   Pool& pool = Pool::Get();
-  SrwExclusive lock(pool.lock);
+  broom::srw_exclusive lock(pool.lock);
   if (pool.Size() < 2 || !pool.Start()) return nullptr;
   std::unique_ptr<Walk> walk(new Walk(pool, whiteList, testBits, mask, system, seeds));
   pool.walks.push_back(walk.get());
@@ -261,7 +250,7 @@ bool CListAhead::Walk::ListEach(const std::list<CPathString>& folders, bool syst
     tasks.push_back(std::move(task));
   }
   {
-    SrwExclusive lock(walk->m_pool.lock);
+    broom::srw_exclusive lock(walk->m_pool.lock);
     walk->m_flat = true;
     walk->Queue(tasks);
   }
@@ -271,7 +260,7 @@ bool CListAhead::Walk::ListEach(const std::list<CPathString>& folders, bool syst
     bool listed = false;
     CPathString folder;
     {
-      SrwExclusive lock(walk->m_pool.lock);
+      broom::srw_exclusive lock(walk->m_pool.lock);
       auto it = walk->m_tasks.find(walk->m_cursor);
       Task* task = it->second.get();
       while (task->state == Task::running) walk->m_pool.WaitForListing();
@@ -294,7 +283,7 @@ bool CListAhead::Walk::ListEach(const std::list<CPathString>& folders, bool syst
 }
 
 CListAhead::Walk::~Walk() {
-  SrwExclusive lock(m_pool.lock);
+  broom::srw_exclusive lock(m_pool.lock);
   m_ended = true;
   m_pending.clear();
   while (m_listing > 0) m_pool.WaitForListing();
@@ -420,7 +409,7 @@ void CListAhead::Walk::Take(const CPathString& folder, const CWhiteListTree::Fol
   bool listed = false;  // a listing made ahead, whose subfolders are queued
   bool seeded = false;  // one made before the walk, whose subfolders are not
   {
-    SrwExclusive lock(m_pool.lock);
+    broom::srw_exclusive lock(m_pool.lock);
     DropPassed();
     auto it = m_tasks.find(m_cursor);
     if (it != m_tasks.end()) {
@@ -446,7 +435,7 @@ void CListAhead::Walk::Take(const CPathString& folder, const CWhiteListTree::Fol
   if (!seeded) {
     out.Clear();
     {
-      SrwExclusive lock(m_pool.lock);
+      broom::srw_exclusive lock(m_pool.lock);
       DropBelow();  // made from a listing that is not used
     }
     CFileSystemOps::ListDirectory(out.folders, &out.files, pattern.c_str(), m_system);
@@ -457,6 +446,6 @@ void CListAhead::Walk::Take(const CPathString& folder, const CWhiteListTree::Fol
   } catch (...) {
     children.clear();  // the walk lists them when it gets there
   }
-  SrwExclusive lock(m_pool.lock);
+  broom::srw_exclusive lock(m_pool.lock);
   Queue(children);
 }

@@ -20,21 +20,6 @@ void ReadWholeFile(const wchar_t* path, SFileBytes& out) {
   out.size = read;
 }
 
-namespace {
-
-class SrwExclusive {
- public:
-  explicit SrwExclusive(SRWLOCK& lock) : m_lock(lock) { AcquireSRWLockExclusive(&m_lock); }
-  ~SrwExclusive() { ReleaseSRWLockExclusive(&m_lock); }
-  SrwExclusive(const SrwExclusive&) = delete;
-  SrwExclusive& operator=(const SrwExclusive&) = delete;
-
- private:
-  SRWLOCK& m_lock;
-};
-
-}  // namespace
-
 CFilePrefetch::CFilePrefetch(std::vector<std::wstring> paths, Prepare prepare)
     : m_paths(std::move(paths)),
       m_prepare(prepare),
@@ -47,7 +32,7 @@ CFilePrefetch::CFilePrefetch(std::vector<std::wstring> paths, Prepare prepare)
 CFilePrefetch::~CFilePrefetch() {
   if (!m_thread) return;
   {
-    SrwExclusive lock(m_lock);
+    broom::srw_exclusive lock(m_lock);
     m_stop = true;
   }
   WakeAllConditionVariable(&m_changed);
@@ -66,7 +51,7 @@ bool CFilePrefetch::MayReadAhead() const {
 void CFilePrefetch::Run() {
   // the code page that converts the text is the thread's
   SetThreadLocale(m_locale);
-  SrwExclusive lock(m_lock);
+  broom::srw_exclusive lock(m_lock);
   for (;;) {
     while (!m_stop && m_next < m_paths.size() && !MayReadAhead())
       SleepConditionVariableSRW(&m_changed, &m_lock, INFINITE, 0);
@@ -93,7 +78,7 @@ void CFilePrefetch::Run() {
 void CFilePrefetch::Take(size_t index, SFileBytes& out) {
   bool readHere = false;
   {
-    SrwExclusive lock(m_lock);
+    broom::srw_exclusive lock(m_lock);
     if (index >= m_next) {
       // not reached: the thread skips it
       m_next = index + 1;
