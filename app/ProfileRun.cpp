@@ -67,14 +67,6 @@ CProfileRun::CProfileRun(const std::wstring& sid) {
     throw CHostError{exitUsage, L"the registry of " + DescribeProfile(m_profile) + L" cannot be used: " + why};
   }
   const SUserFolders folders = m_hive->Folders(&m_notes);
-  LONG rc = RegOpenKeyExW(HKEY_USERS, m_hive->Name().c_str(), 0, KEY_ALL_ACCESS, &m_key);
-  if (rc == ERROR_SUCCESS) rc = RegOverridePredefKey(HKEY_CURRENT_USER, m_key);
-  if (rc != ERROR_SUCCESS) {
-    if (m_key) RegCloseKey(m_key);
-    m_key = nullptr;
-    throw CHostError{exitUsage, L"the registry of " + DescribeProfile(m_profile) + L" cannot stand for HKCU (" +
-                                    SystemMessage(static_cast<DWORD>(rc)) + L")"};
-  }
 
   // A person's three application data folders sit where Windows puts them
   // unless the hive moves them.
@@ -103,12 +95,23 @@ CProfileRun::CProfileRun(const std::wstring& sid) {
   Take(L"HOMEDRIVE", drive ? m_profile.folder.substr(0, 2) : std::wstring(), true);
   Take(L"HOMEPATH", drive ? m_profile.folder.substr(2) : std::wstring(), true);
   for (const auto& name : kFolderNames) Take(name.first, folders.Folder(name.second), false);
+
+  // Last, as nothing after it may fail: the destructor, which undoes it, only runs for a made object.
+  LONG rc = RegOpenKeyExW(HKEY_USERS, m_hive->Name().c_str(), 0, KEY_ALL_ACCESS, &m_key);
+  if (rc == ERROR_SUCCESS) rc = RegOverridePredefKey(HKEY_CURRENT_USER, m_key);
+  if (rc != ERROR_SUCCESS) {
+    if (m_key) RegCloseKey(m_key);
+    m_key = nullptr;
+    throw CHostError{exitUsage, L"the registry of " + DescribeProfile(m_profile) + L" cannot stand for HKCU (" +
+                                    SystemMessage(static_cast<DWORD>(rc)) + L")"};
+  }
 }
 
 CProfileRun::~CProfileRun() {
-  if (!m_key) return;
-  RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
-  RegCloseKey(m_key);
+  if (m_key) {
+    RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
+    RegCloseKey(m_key);
+  }
   m_hive.reset();  // unloads a hive loaded for the run
 }
 
