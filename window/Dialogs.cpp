@@ -63,7 +63,7 @@ INT_PTR CALLBACK ConfirmProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lP
       }
       if (confirm->overwriteForbidden) {
         SetDlgItemTextW(dialog, IDC_CONFIRM_OVERWRITE,
-                        (L"Overwrite before deleting (off: " + std::wstring(host::kSetByOrganisation) + L")").c_str());
+                        (L"No overwriting (" + std::wstring(host::kSetByOrganisation) + L")").c_str());
         EnableWindow(GetDlgItem(dialog, IDC_CONFIRM_OVERWRITE), FALSE);
       }
       return TRUE;
