@@ -137,14 +137,9 @@ size_t PurgeExpiredQuarantines(const std::wstring& root, unsigned long days, std
       continue;
     }
     std::wstring reason;
-    try {
-      CQuarantine quarantine(q.folder, false);
-      if (quarantine.DeleteAll(reason)) {
-        ++deleted;
-        continue;
-      }
-    } catch (const CHostError& e) {
-      reason = e.message;
+    if (CQuarantine::DeleteFolder(q.folder, reason)) {
+      ++deleted;
+      continue;
     }
     notes.push_back(L"the quarantine " + Quoted(q.name) + L" is past QuarantineKeepDays but stays: " + reason);
   }

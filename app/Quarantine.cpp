@@ -112,6 +112,15 @@ CQuarantine::SRestoreResult CQuarantine::RestoreAll() {
   return result;
 }
 
+bool CQuarantine::DeleteFolder(const std::wstring& folder, std::wstring& reason) {
+  try {
+    return CQuarantine(folder, false).DeleteAll(reason);
+  } catch (const CHostError& e) {
+    reason = e.message;
+    return false;
+  }
+}
+
 bool CQuarantine::DeleteAll(std::wstring& reason) {
   std::vector<SQuarantineEntry>& entries = m_manifest.Entries();
   while (!entries.empty()) {

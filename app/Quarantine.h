@@ -68,6 +68,9 @@ class CQuarantine {
   // manifest and the folder itself; false with the reason when something
   // stays.
   bool DeleteAll(std::wstring& reason);
+  // The same for the quarantine in folder, whose manifest is read and
+  // checked again first: only a sound manifest of broom's says what may go.
+  static bool DeleteFolder(const std::wstring& folder, std::wstring& reason);
 
  private:
   CQuarantineManifest m_manifest;

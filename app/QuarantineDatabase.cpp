@@ -47,14 +47,8 @@ DWORD CopyDatabaseInto(CQuarantineManifest& manifest, const SHit& hit, SQuaranti
 bool PutDatabaseBack(const CQuarantineManifest& manifest, const SQuarantineEntry& entry, std::wstring& reason) {
   const std::wstring copy = manifest.Child(entry.stored);
   const std::wstring kept = L"; the copy stays as " + Quoted(entry.stored);
-  DWORD probe = Probe(copy);
-  if (probe != ERROR_SUCCESS) {
-    reason = IsMissing(probe) ? L"it is no longer in the quarantine folder"
-                              : L"its copy cannot be reached (" + SystemMessage(probe) + L")";
-    return false;
-  }
-  probe = Probe(entry.original);
-  if (IsMissing(probe)) {
+  if (!manifest.StoredReachable(entry, L"its copy", reason)) return false;
+  if (IsMissing(Probe(entry.original))) {
     reason = L"the database is no longer there (its browser may have been removed or its profile deleted)" + kept;
     return false;
   }

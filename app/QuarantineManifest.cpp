@@ -393,6 +393,15 @@ std::wstring CQuarantineManifest::WhyNotOriginal(const std::wstring& path, bool 
   return registry ? BadRegistryOriginal(path) : BadOriginal(path, m_folder);
 }
 
+bool CQuarantineManifest::StoredReachable(const SQuarantineEntry& entry, const wchar_t* what,
+                                          std::wstring& reason) const {
+  const DWORD probe = Probe(Child(entry.stored));
+  if (probe == ERROR_SUCCESS) return true;
+  reason = IsMissing(probe) ? L"it is no longer in the quarantine folder"
+                            : std::wstring(what) + L" cannot be reached (" + SystemMessage(probe) + L")";
+  return false;
+}
+
 bool CQuarantineManifest::IsOwnName(const std::wstring& name) {
   return broom::SamePath(name, kName) || broom::SamePath(name, std::wstring(kName) + L".tmp") ||
          broom::SamePath(name, kIncomingName);

@@ -93,6 +93,9 @@ class CQuarantineManifest {
   // folder, or a registry path that is not written as broom writes it;
   // empty when it can.
   std::wstring WhyNotOriginal(const std::wstring& path, bool registry) const;
+  // Whether the entry's stored file can be reached; false with the reason
+  // otherwise (what names it in that reason: "its export").
+  bool StoredReachable(const SQuarantineEntry& entry, const wchar_t* what, std::wstring& reason) const;
   // Whether a name is the manifest's own, its .tmp or a copy being made.
   static bool IsOwnName(const std::wstring& name);
 

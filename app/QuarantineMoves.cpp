@@ -239,16 +239,8 @@ DWORD MoveInto(CQuarantineManifest& manifest, const SHit& hit, SQuarantineEntry&
 bool MoveBack(const CQuarantineManifest& manifest, const SQuarantineEntry& entry, std::wstring& reason) {
   const std::wstring source = manifest.Child(entry.stored);
   const std::wstring kept = L"; the quarantined copy stays as " + Quoted(entry.stored);
-  DWORD probe = Probe(source);
-  if (IsMissing(probe)) {
-    reason = L"it is no longer in the quarantine folder";
-    return false;
-  }
-  if (probe != ERROR_SUCCESS) {
-    reason = L"its quarantined copy cannot be reached (" + SystemMessage(probe) + L")";
-    return false;
-  }
-  probe = Probe(entry.original);
+  if (!manifest.StoredReachable(entry, L"its quarantined copy", reason)) return false;
+  DWORD probe = Probe(entry.original);
   // A folder entry (a rule that removes its folder) whose folder the restore
   // of its files made again is merged into it.
   if (probe == ERROR_SUCCESS && IsPlainFolder(source) && IsPlainFolder(entry.original)) {

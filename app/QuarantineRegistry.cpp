@@ -94,12 +94,7 @@ DWORD ExportInto(CQuarantineManifest& manifest, const SHit& hit, SQuarantineEntr
 bool ImportBack(const CQuarantineManifest& manifest, const SQuarantineEntry& entry, std::wstring& reason) {
   const std::wstring source = manifest.Child(entry.stored);
   const std::wstring kept = L"; its export stays as " + Quoted(entry.stored);
-  DWORD probe = Probe(source);
-  if (probe != ERROR_SUCCESS) {
-    reason = IsMissing(probe) ? L"it is no longer in the quarantine folder"
-                              : L"its export cannot be reached (" + SystemMessage(probe) + L")";
-    return false;
-  }
+  if (!manifest.StoredReachable(entry, L"its export", reason)) return false;
   // Only the key or value the entry was made for may be written: a changed
   // export could name any key the user may write (a Run key).
   CRegistryPath within;

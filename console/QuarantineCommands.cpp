@@ -153,15 +153,9 @@ int CmdQuarantinePurge(CSession& session, const SOptions& options) {
   size_t deleted = 0;
   for (const SManagedQuarantine& q : old) {
     std::wstring reason;
-    try {
-      // checked again just before: only a sound manifest of ours says what may go
-      CQuarantine quarantine(q.folder, false);
-      if (quarantine.DeleteAll(reason)) {
-        ++deleted;
-        continue;
-      }
-    } catch (const CHostError& e) {
-      reason = e.message;
+    if (CQuarantine::DeleteFolder(q.folder, reason)) {
+      ++deleted;
+      continue;
     }
     CConsole::Err(L"broom: not deleted: " + Quoted(q.name) + L": " + Printable(reason) + L"\n");
   }

@@ -355,12 +355,7 @@ std::wstring Restore(const host::SManagedQuarantine& q) {
 
 std::wstring Purge(const host::SManagedQuarantine& q) {
   std::wstring reason;
-  try {
-    host::CQuarantine quarantine(q.folder, false);  // only a sound manifest says what may go
-    if (quarantine.DeleteAll(reason)) return L"Deleted " + q.name + L".";
-  } catch (const host::CHostError& e) {
-    reason = e.message;
-  }
+  if (host::CQuarantine::DeleteFolder(q.folder, reason)) return L"Deleted " + q.name + L".";
   return L"Not deleted: " + q.name + L": " + reason;
 }
 
