@@ -74,8 +74,17 @@ SProfileOutcome RunProfile(const std::wstring& commandLine) {
   PROCESS_INFORMATION process = {};
   std::vector<wchar_t> line(commandLine.begin(), commandLine.end());
   line.push_back(0);
-  if (!CreateProcessW(exe, line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr, &startup,
-                      &process)) {
+  // ERROR_INTERNAL_ERROR means the run ended before any of its code ran (Wine
+  // gives it when its Unix side fails to start on a loaded machine): nothing
+  // happened, so starting it again is safe.
+  BOOL started = FALSE;
+  for (int attempt = 1; !started; ++attempt) {
+    started = CreateProcessW(exe, line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
+                             &startup, &process);
+    if (started || GetLastError() != ERROR_INTERNAL_ERROR || attempt == 3) break;
+    Sleep(250 * attempt);
+  }
+  if (!started) {
     outcome.failure = L"cannot start broom.exe for it (" + SystemMessage(GetLastError()) + L")";
     return outcome;
   }

@@ -1,6 +1,7 @@
 #include "common/TestFiles.h"
 
 #include "common/HandleCount.h"
+#include "common/TestProcess.h"
 
 #include <shlobj.h>
 
@@ -141,7 +142,7 @@ bool RunUnix(const std::wstring& program, const std::vector<std::string>& args) 
   STARTUPINFOW si = {};
   si.cb = sizeof si;
   PROCESS_INFORMATION pi = {};
-  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return false;
+  if (!broomtest::StartProcess(nullptr, line.data(), FALSE, 0, nullptr, nullptr, &si, &pi)) return false;
   WaitForSingleObject(pi.hProcess, 10000);
   CloseHandle(pi.hThread);
   CloseHandle(pi.hProcess);

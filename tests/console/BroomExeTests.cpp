@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/TestFiles.h"
+#include "common/TestProcess.h"
 #include "core/CommandLine.h"
 #include "core/Handles.h"
 #include "registry/RegTestTree.h"
@@ -69,7 +70,7 @@ RunResult RunBroom(const std::vector<std::wstring>& args, const std::wstring& ap
   std::vector<wchar_t> env = EnvironmentWith(L"LOCALAPPDATA", appData);
   std::vector<wchar_t> line(command.begin(), command.end());
   line.push_back(0);
-  if (!CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT | CREATE_NO_WINDOW,
+  if (!broomtest::StartProcess(exe.c_str(), line.data(), TRUE, CREATE_UNICODE_ENVIRONMENT | CREATE_NO_WINDOW,
                       env.data(), nullptr, &si, &pi)) {
     ADD_FAILURE() << "cannot start " << Narrow(exe) << ": error " << GetLastError();
     return result;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/TestFiles.h"
+#include "common/TestProcess.h"
 #include "core/CommandLine.h"
 #include "core/Handles.h"
 
@@ -55,7 +56,7 @@ SBroomRun RunBroomExe(const std::vector<std::wstring>& args, const std::wstring&
   std::vector<wchar_t> env = EnvironmentWith(L"LOCALAPPDATA", appData);
   std::vector<wchar_t> line(command.begin(), command.end());
   line.push_back(0);
-  if (!CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT | CREATE_NO_WINDOW,
+  if (!broomtest::StartProcess(exe.c_str(), line.data(), TRUE, CREATE_UNICODE_ENVIRONMENT | CREATE_NO_WINDOW,
                       env.data(), nullptr, &si, &pi)) {
     ADD_FAILURE() << "cannot start " << Narrow(exe) << ": error " << GetLastError();
     return result;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/TestFiles.h"
+#include "common/TestProcess.h"
 #include "console/TestPolicies.h"
 #include "core/Handles.h"
 #include "core/RefCounting.h"
@@ -61,7 +62,7 @@ Result RunBroom(const std::vector<std::wstring>& args, const std::wstring& appDa
     std::vector<wchar_t> env = EnvironmentWith(L"LOCALAPPDATA", appData);
     std::vector<wchar_t> line(command.begin(), command.end());
     line.push_back(0);
-    if (!CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, TRUE,
+    if (!broomtest::StartProcess(exe.c_str(), line.data(), TRUE,
                         CREATE_UNICODE_ENVIRONMENT | CREATE_NO_WINDOW, env.data(), nullptr, &si, &pi)) {
       ADD_FAILURE() << "cannot start broom.exe: error " << GetLastError();
       return result;

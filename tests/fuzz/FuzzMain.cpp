@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "common/HandleCount.h"
+#include "common/TestProcess.h"
 #include "core/Handles.h"
 #include "fuzz/FuzzInputs.h"
 #include "fuzz/FuzzLoad.h"
@@ -291,7 +292,7 @@ int Supervise(const Options& o, const Inputs& inputs) {
     STARTUPINFOW si = {};
     si.cb = sizeof si;
     PROCESS_INFORMATION pi = {};
-    if (!CreateProcessW(exe, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
+    if (!broomtest::StartProcess(exe, line.data(), TRUE, 0, nullptr, nullptr, &si, &pi)) {
       fprintf(stderr, "fuzz: cannot start a worker (error %lu)\n", GetLastError());
       return 2;
     }

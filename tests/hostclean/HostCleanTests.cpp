@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "common/TestFiles.h"
+#include "common/TestProcess.h"
 #include "core/Handles.h"
 #include "recyclebin/RecycleBinScan.h"
 #include "running/TestApps.h"
@@ -83,7 +84,7 @@ class HostClean : public testing::Test {
       si.hStdError = err.get();
       std::vector<wchar_t> env = broomtest::EnvironmentWith(L"LOCALAPPDATA", m_root / L"appdata");
       PROCESS_INFORMATION pi = {};
-      if (!CreateProcessW(exe.c_str(), &command[0], nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT | CREATE_NO_WINDOW,
+      if (!broomtest::StartProcess(exe.c_str(), &command[0], TRUE, CREATE_UNICODE_ENVIRONMENT | CREATE_NO_WINDOW,
                           env.data(), nullptr, &si, &pi)) {
         ADD_FAILURE() << "cannot start broom.exe: error " << GetLastError();
         return result;

@@ -1,5 +1,7 @@
 #include "TestApps.h"
 
+#include "common/TestProcess.h"
+
 #include <stdexcept>
 #include <string>
 
@@ -20,7 +22,7 @@ TestApp::TestApp(const TempDir& dir, const std::wstring& image, AppMode mode) {
   STARTUPINFOW startup = {};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION started = {};
-  if (!CreateProcessW(path.c_str(), &commandLine[0], nullptr, nullptr, FALSE, 0, nullptr, dir.Path().c_str(), &startup,
+  if (!broomtest::StartProcess(path.c_str(), &commandLine[0], FALSE, 0, nullptr, dir.Path().c_str(), &startup,
                       &started))
     throw std::runtime_error("cannot start " + Narrow(path));
   CloseHandle(started.hThread);

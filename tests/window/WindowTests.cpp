@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/HandleCount.h"
+#include "common/TestProcess.h"
 #include "common/TestFiles.h"
 #include "core/Handles.h"
 #include "running/TestApps.h"
@@ -132,7 +133,7 @@ class CBroomw {
     std::vector<wchar_t> env = broomtest::EnvironmentWith(L"LOCALAPPDATA", appData);
     STARTUPINFOW si = {};
     si.cb = sizeof si;
-    EXPECT_TRUE(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT, env.data(),
+    EXPECT_TRUE(broomtest::StartProcess(nullptr, &command[0], FALSE, CREATE_UNICODE_ENVIRONMENT, env.data(),
                                nullptr, &si, &m_process));
     if (starts) WaitFor([&] { return (m_main = Find(L"BroomMainWindow", nullptr)) && IsWindowVisible(m_main); }, 15000);
   }
