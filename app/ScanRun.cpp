@@ -389,7 +389,8 @@ void ScanSideBySide(const std::vector<SItem>& items, std::vector<std::vector<CRe
   std::atomic<unsigned> running{threads};
 
   auto work = [&] {
-    HRESULT com = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    // no window of its own: a host thread has no message loop
+    HRESULT com = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     for (size_t i; !IsCancelRequested() && (i = next++) < n;) {
       scanned[i].item = items[i];
       CScanNotify notify(options, &states[i], &filesSeen);

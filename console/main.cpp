@@ -303,8 +303,10 @@ int Run(int argc, wchar_t** argv) {
 int wmain(int argc, wchar_t** argv) {
   CConsole::Init();
   CConsole::InstallCancelHandler();
-  // Cleaning falls back to a COM server on this thread.
-  HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  // Cleaning falls back to a COM server on this thread. The multithreaded
+  // apartment needs no window: a single-threaded one registers a window class,
+  // which under Wine starts the desktop process and waits for it at every start.
+  HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
   int code = exitUsage;
   {
     broom::unique_couninitialize com(SUCCEEDED(hr));
