@@ -153,12 +153,17 @@ class CSeenPaths {
     std::wstring longer;
     wchar_t* upper = local;
     if (length > MAX_PATH) {
-      longer.assign(path, length);
+      longer.resize(length);
       upper = &longer[0];
-    } else {
-      wmemcpy(local, path, length);
     }
-    CharUpperBuffW(upper, static_cast<DWORD>(length));
+    // ASCII is folded here; the system folds the rest, only when there is any
+    bool other = false;
+    for (size_t i = 0; i < length; ++i) {
+      const wchar_t c = path[i];
+      other = other || c >= 0x80;
+      upper[i] = (c >= L'a' && c <= L'z') ? static_cast<wchar_t>(c - (L'a' - L'A')) : c;
+    }
+    if (other) CharUpperBuffW(upper, static_cast<DWORD>(length));
     if (m_exact) {
       key.path.assign(upper, length);
       return;

@@ -41,6 +41,10 @@ class BROOM_API CString {
   CString& operator+=(wchar_t ch);
   void Append(const wchar_t* text, int length);
   void AppendChar(wchar_t ch) { m_str.push_back(ch); }
+  // Room for length characters, so that appends up to it allocate nothing.
+  void Preallocate(int length) {
+    if (length > 0) m_str.reserve(static_cast<size_t>(length));
+  }
 
   int Compare(const wchar_t* text) const;        // wcscmp
   int CompareNoCase(const wchar_t* text) const;  // _wcsicmp

@@ -190,4 +190,34 @@ TEST_F(ScanRun, TheObserverIsToldEveryItemInHandInOrder) {
   }
 }
 
+
+// Two items naming one folder in letters of another case, beyond ASCII too
+// (winapp2 text is UTF-8): its files count once, for the first item,
+// however the hits are kept.
+TEST(ScanRunCase, AFileNamedInAnotherCaseCountsOnce) {
+  broomtest::TempDir dir;
+  for (const wchar_t* name : {L"a.tmp", L"\u00c9t\u00e9.tmp", L"b.TMP"})
+    WriteFile(dir / (std::wstring(L"\u00d1and\u00fa\\") + name), 10);
+  WriteFile(dir / L"Winapp2.ini", "[Nandu One *]\r\nFileKey1=" + Utf8(dir / L"\u00d1and\u00fa") +
+                                      "|*.*\r\n\r\n[Nandu Two *]\r\nFileKey1=" + Utf8(dir / L"\u00f1AND\u00da") +
+                                      "|*.*\r\n");
+  SetEnvironmentVariableW(L"LOCALAPPDATA", LocalAppData().c_str());
+  host::CSession session;
+  session.Start(false);
+  session.LoadWinapp2Files({dir / L"Winapp2.ini"});
+  std::vector<host::SItem> items = session.AllItems();
+  ASSERT_EQ(items.size(), 2u);
+  for (host::EKeep keep : {host::keepTotals, host::keepPaths})
+    for (unsigned threads : {1u, 2u}) {
+      SCOPED_TRACE(testing::Message() << "keep " << keep << ", threads " << threads);
+      host::ResetCancel();
+      host::SScanOptions options;
+      options.keep = keep;
+      options.itemThreads = threads;
+      Outcome out = Summary(session.Scan(items, options));
+      EXPECT_EQ(3u, out.allFiles);
+      EXPECT_EQ((std::vector<unsigned __int64>{3, 0}), out.files);
+    }
+}
+
 }  // namespace
