@@ -126,7 +126,7 @@ TEST_F(StaThread, ReceiversByName) {
   auto* owned = CNamedMsgRouter::AllocDelivery(7, &b);
   PostMessageW(window, CNamedMsgRouter::msgDeliverOwned, 0, reinterpret_cast<LPARAM>(owned));
   // sent messages overtake posted ones: wait for the posted block to be served
-  for (int i = 0; i < 200 && b.total != 2 + 1 + 1 + 7; ++i) Sleep(5);
+  for (int i = 0; i < 2000 && b.total != 2 + 1 + 1 + 7; ++i) Sleep(5);
   EXPECT_EQ(b.total, 2 + 1 + 1 + 7);
 }
 
