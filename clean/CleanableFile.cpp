@@ -44,15 +44,15 @@ void CCleanableFile::Init(const CPathString& folder, const WIN32_FIND_DATAW& ent
 bool CCleanableFile::Exists() const { return m_path.GetLength() > 0 && PathFileExistsW(m_path.c_str()); }
 
 CString CCleanableFile::GetLogEntry() const {
-  // put together by hand: a scan asks this of every hit, and printf costs
-  // more than the rest of the hit together
+  // put together by hand: a scan asks this of every hit, and printf goes
+  // over the format and the path twice (once to measure, once to write)
   wchar_t digits[24];
   wchar_t* end = digits + 24;
   wchar_t* at = end;
   unsigned __int64 size = m_size;
   do *--at = static_cast<wchar_t>(L'0' + size % 10); while (size /= 10);
   CString entry;
-  entry.Preallocate(8 + m_path.GetLength() + 8 + static_cast<int>(end - at) + 2);
+  entry.Preallocate(6 + m_path.GetLength() + 8 + static_cast<int>(end - at) + 2);
   entry.Append(L"File: ", 6);
   entry.Append(m_path.c_str(), m_path.GetLength());
   entry.Append(L"\t\tSize: ", 8);
