@@ -97,22 +97,19 @@ CProfileRun::CProfileRun(const std::wstring& sid) {
   for (const auto& name : kFolderNames) Take(name.first, folders.Folder(name.second), false);
 
   // Last, as nothing after it may fail: the destructor, which undoes it, only runs for a made object.
-  LONG rc = RegOpenKeyExW(HKEY_USERS, m_hive->Name().c_str(), 0, KEY_ALL_ACCESS, &m_key);
-  if (rc == ERROR_SUCCESS) rc = RegOverridePredefKey(HKEY_CURRENT_USER, m_key);
+  LONG rc = RegOpenKeyExW(HKEY_USERS, m_hive->Name().c_str(), 0, KEY_ALL_ACCESS, m_key.addressof());
+  if (rc == ERROR_SUCCESS) rc = RegOverridePredefKey(HKEY_CURRENT_USER, m_key.get());
   if (rc != ERROR_SUCCESS) {
-    if (m_key) RegCloseKey(m_key);
-    m_key = nullptr;
+    m_key.reset();
     throw CHostError{exitUsage, L"the registry of " + DescribeProfile(m_profile) + L" cannot stand for HKCU (" +
                                     SystemMessage(static_cast<DWORD>(rc)) + L")"};
   }
 }
 
 CProfileRun::~CProfileRun() {
-  if (m_key) {
-    RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
-    RegCloseKey(m_key);
-  }
-  m_hive.reset();  // unloads a hive loaded for the run
+  // HKCU is given back before the key closes and the hive unloads (the
+  // members go in that order)
+  if (m_key) RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
 }
 
 }  // namespace host

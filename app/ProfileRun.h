@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "core/Handles.h"
 #include "profiles/UserHive.h"
 #include "profiles/UserProfiles.h"
 
@@ -39,7 +40,7 @@ class CProfileRun {
  private:
   SUserProfile m_profile;
   std::unique_ptr<CUserHive> m_hive;
-  HKEY m_key = nullptr;  // the hive, open for writing: what HKCU stands for
+  broom::unique_hkey m_key;  // the hive, open for writing: what HKCU stands for
   std::vector<std::wstring> m_notes;
 };
 
